@@ -1,0 +1,52 @@
+# qor_add_library(name DIRS dir... DEPS target...)
+#   One static library per layer. Sources are every .cpp below the listed folders, so adding a file
+#   needs no edit here; the dependency list stays explicit and reads like the architecture.
+# qor_add_test(name DIRS dir... DEPS target... LABELS label...)
+#   One GoogleTest executable per layer, registered with CTest.
+
+function(qor_apply_flags target)
+    qor_set_warnings(${target})
+endfunction()
+
+function(qor_add_library name)
+    cmake_parse_arguments(ARG "" "" "DIRS;DEPS" ${ARGN})
+    set(sources)
+    foreach(dir IN LISTS ARG_DIRS)
+        file(GLOB_RECURSE found CONFIGURE_DEPENDS
+             ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.h)
+        list(APPEND sources ${found})
+    endforeach()
+    add_library(${name} STATIC ${sources})
+    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/src>)
+    target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+    qor_apply_flags(${name})
+endfunction()
+
+function(qor_add_test name)
+    cmake_parse_arguments(ARG "" "" "DIRS;DEPS;LABELS" ${ARGN})
+    set(sources)
+    foreach(dir IN LISTS ARG_DIRS)
+        file(GLOB_RECURSE found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.cpp)
+        list(APPEND sources ${found})
+    endforeach()
+    add_executable(${name} ${sources})
+    target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+    target_compile_definitions(${name} PRIVATE QOR_TESTING=1)
+    qor_apply_flags(${name})
+    gtest_discover_tests(${name}
+        PROPERTIES LABELS "${ARG_LABELS}"
+        TEST_LIST ${name}_TESTS
+        DISCOVERY_TIMEOUT 60)
+    # Suites whose name ends in "Threads" also get the label "threads", which the tsan preset runs.
+    # This runs in CTest after the discovered list has been included.
+    set(label_script ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${label_script}
+"foreach(t IN LISTS ${name}_TESTS)
+    if(t MATCHES \"^[A-Za-z0-9_]*Threads[./]\")
+        set_tests_properties(\"\${t}\" PROPERTIES LABELS \"${ARG_LABELS};threads\")
+    endif()
+endforeach()
+")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${label_script})
+    set_property(GLOBAL APPEND PROPERTY QOR_TEST_TARGETS ${name})
+endfunction()

@@ -1,0 +1,10 @@
+# QOR_SANITIZE=address,undefined or thread applies to every target of the build.
+if(QOR_SANITIZE)
+    set(_san_flags -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer -g)
+    if(QOR_SANITIZE MATCHES "undefined")
+        list(APPEND _san_flags -fno-sanitize-recover=undefined)
+    endif()
+    add_compile_options(${_san_flags})
+    add_link_options(-fsanitize=${QOR_SANITIZE})
+    add_compile_definitions(QOR_SANITIZED=1)
+endif()

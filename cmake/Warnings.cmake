@@ -1,0 +1,10 @@
+# One place for compiler warnings. -Werror only when QOR_WERROR is on (CI).
+function(qor_set_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-unused-parameter)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        target_compile_options(${target} PRIVATE -Wthread-safety)
+    endif()
+    if(QOR_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+endfunction()

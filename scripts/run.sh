@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Sets everything up, builds the release preset and runs the main job: the qor tool on generated data.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+cmake --preset release >/dev/null
+cmake --build --preset release
+QOR=build/release/qor
+"$QOR" --version
+"$QOR" jobs --width 64 --depth 8

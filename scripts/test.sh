@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Sets everything up, builds under AddressSanitizer and UndefinedBehaviorSanitizer and runs every
+# test, then builds under ThreadSanitizer and runs the tests labelled "threads".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+if [ "${CI:-}" = "true" ]; then export QOR_WERROR=ON; fi
+export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+cmake --preset test >/dev/null
+cmake --build --preset test
+ctest --preset test
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+ctest --preset tsan

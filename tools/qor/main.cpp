@@ -1,0 +1,60 @@
+// qor: the command-line tool over libqor.
+// Usage: qor <subcommand> [arguments]. Bad input gives one line on standard error and exit status 2.
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "base/Version.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    const char* summary;
+    int (*run)(const std::vector<std::string>& args);
+};
+
+int runHelp(const std::vector<std::string>& args);
+
+int runVersion(const std::vector<std::string>& args) {
+    if (!args.empty()) return qor::tool::usageError("version takes no arguments");
+    std::printf("qor %s\n", qor::version());
+    return 0;
+}
+
+const Command kCommands[] = {
+    {"help", "list the subcommands", runHelp},
+    {"version", "print the library's version", runVersion},
+    {"jobs", "run a job graph on the job system and report its progress (--width N --depth N)",
+     qor::tool::runJobsDemo},
+};
+
+int runHelp(const std::vector<std::string>&) {
+    std::printf("usage: qor <subcommand> [arguments]\n\nsubcommands:\n");
+    for (const Command& c : kCommands) std::printf("  %-10s %s\n", c.name, c.summary);
+    std::printf("\noptions:\n  --version  same as 'qor version'\n");
+    return 0;
+}
+
+}  // namespace
+
+namespace qor::tool {
+int usageError(const std::string& message) {
+    std::fprintf(stderr, "qor: %s\n", message.c_str());
+    return 2;
+}
+}  // namespace qor::tool
+
+int main(int argc, char** argv) {
+    if (argc < 2) return qor::tool::usageError("missing subcommand (try 'qor help')");
+    std::string name = argv[1];
+    if (name == "--version") name = "version";
+    if (name == "--help" || name == "-h") name = "help";
+    std::vector<std::string> args(argv + 2, argv + argc);
+    for (const Command& c : kCommands)
+        if (name == c.name) return c.run(args);
+    return qor::tool::usageError("unknown subcommand '" + name + "' (try 'qor help')");
+}
