@@ -34,7 +34,8 @@ public:
     View view() const { return _data ? View(*_data) : View(); }
     String str() const { return _data ? *_data : String(); }
     operator View() const { return view(); }
-    C operator[](size_t i) const { return (*_data)[i]; }
+    // As for std::string, index size() gives the terminating C().
+    C operator[](size_t i) const { return c_str()[i]; }
 
     // True when both share one buffer (or both are empty).
     bool sharesWith(const FastString& o) const { return _data == o._data; }

@@ -106,10 +106,15 @@ public:
         return Connection(_core, s);
     }
 
+    // Disconnects every slot. The slots are dropped after the lock is released, since dropping a
+    // slot may run destructors of its bound state that disconnect other slots of this signal.
     void disconnectAll() {
-        std::lock_guard<std::mutex> lock(_core->mutex);
-        for (auto& s : _core->slots) s->connected = false;
-        _core->slots.clear();
+        std::vector<std::shared_ptr<detail::SlotBase>> dropped;
+        {
+            std::lock_guard<std::mutex> lock(_core->mutex);
+            for (auto& s : _core->slots) s->connected = false;
+            dropped.swap(_core->slots);
+        }
     }
 
     size_t slotCount() const {
