@@ -1,4 +1,5 @@
 #include "base/thread/JobDispatcher.h"
+#include "base/thread/RunLogged.h"
 
 #include <algorithm>
 #include <exception>
@@ -18,13 +19,7 @@ JobDispatcher::~JobDispatcher() {
 }
 
 void JobDispatcher::runGuarded(Function0<void>& fn) {
-    try {
-        fn();
-    } catch (const std::exception& e) {
-        QOR_LOG(LogError, "JobDispatcher: job terminated with an exception: %*", e.what());
-    } catch (...) {
-        QOR_LOG(LogError, "JobDispatcher: job terminated with an unknown exception");
-    }
+    runLogged(fn, "JobDispatcher: job");
 }
 
 JobDispatcher::Ticket JobDispatcher::dispatch(Function0<void> fn, JobType type, int priority) {

@@ -1,4 +1,5 @@
 #include "base/thread/Sequentializer.h"
+#include "base/thread/RunLogged.h"
 
 #include <exception>
 
@@ -80,13 +81,7 @@ void Sequentializer::runner(const std::shared_ptr<State>& state) {
         }
         const void* outer = tCurrentSequentializer;
         tCurrentSequentializer = &s;
-        try {
-            fn();
-        } catch (const std::exception& e) {
-            QOR_LOG(LogError, "Sequentializer: task terminated with an exception: %*", e.what());
-        } catch (...) {
-            QOR_LOG(LogError, "Sequentializer: task terminated with an unknown exception");
-        }
+        runLogged(fn, "Sequentializer: task");
         tCurrentSequentializer = outer;
         fn = nullptr;
         int nextPriority;

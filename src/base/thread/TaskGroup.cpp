@@ -1,4 +1,5 @@
 #include "base/thread/TaskGroup.h"
+#include "base/thread/RunLogged.h"
 
 #include <exception>
 #include <utility>
@@ -89,13 +90,7 @@ void TaskGroup::runTask(const std::shared_ptr<State>& state, Token token, Functi
     }
     const void* outer = tCurrentGroup;
     tCurrentGroup = &s;
-    try {
-        fn();
-    } catch (const std::exception& e) {
-        QOR_LOG(LogError, "TaskGroup: task terminated with an exception: %*", e.what());
-    } catch (...) {
-        QOR_LOG(LogError, "TaskGroup: task terminated with an unknown exception");
-    }
+    runLogged(fn, "TaskGroup: task");
     tCurrentGroup = outer;
     fn = nullptr;  // release bound state before the group counts the task as ended
     ScopedLock<Mutex> lock(s.mutex);

@@ -1,4 +1,5 @@
 #include "base/thread/ThreadPool.h"
+#include "base/thread/RunLogged.h"
 
 #include <algorithm>
 #include <exception>
@@ -78,13 +79,7 @@ void ThreadPool::waitIdle() {
 }
 
 void ThreadPool::runTask(Function0<void>& fn) {
-    try {
-        fn();
-    } catch (const std::exception& e) {
-        QOR_LOG(LogError, "ThreadPool: task terminated with an exception: %*", e.what());
-    } catch (...) {
-        QOR_LOG(LogError, "ThreadPool: task terminated with an unknown exception");
-    }
+    runLogged(fn, "ThreadPool: task");
 }
 
 void ThreadPool::workerLoop(unsigned index) {
