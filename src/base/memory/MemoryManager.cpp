@@ -98,10 +98,12 @@ void removeStaleFiles(const std::string& dir) {
     const long self = static_cast<long>(::getpid());
     while (dirent* e = ::readdir(d)) {
         std::string name = e->d_name;
-        if (name.size() <= prefix.size() + suffix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+        if (name.size() <= prefix.size() + suffix.size() ||
+            name.compare(0, prefix.size(), prefix) != 0 ||
             name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
             continue;
-        std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+        std::string digits =
+            name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
         if (digits.find_first_not_of("0123456789") != std::string::npos) continue;
         long pid = std::strtol(digits.c_str(), nullptr, 10);
         if (pid == self) continue;
@@ -123,21 +125,21 @@ void removeStaleFiles(const std::string& dir) {
 class Manager {
 public:
     thread::Mutex _mutex;
-    thread::ConditionVariable _changed;  // a transfer ended
+    thread::ConditionVariable _changed;                            // a transfer ended
     std::unordered_map<NmHandle, std::unique_ptr<Block>> _blocks;  // guarded by _mutex
-    std::list<Block*> _lru;  // unlocked resident blocks, least recent first; guarded by _mutex
-    NmHandle _nextId = 1;                 // guarded by _mutex
-    std::uint64_t _resident = 0;          // guarded by _mutex
-    std::uint64_t _outgoing = 0;          // bytes picked for write-out, not yet freed; guarded
-    std::uint64_t _locked = 0;            // guarded by _mutex
-    std::uint64_t _swapped = 0;           // guarded by _mutex
-    std::uint32_t _limitMb = 512;         // guarded by _mutex
-    int _transfers = 0;                   // guarded by _mutex
-    std::string _swapDir;                 // guarded by _mutex
-    std::string _swapFile;                // guarded by _mutex
-    int _fd = -1;                         // guarded by _mutex
-    std::uint64_t _fileEnd = 0;           // guarded by _mutex
-    std::multimap<std::uint64_t, std::uint64_t> _freeSlots;  // size -> offset; guarded by _mutex
+    std::list<Block*> _lru;       // unlocked resident blocks, least recent first; guarded by _mutex
+    NmHandle _nextId = 1;         // guarded by _mutex
+    std::uint64_t _resident = 0;  // guarded by _mutex
+    std::uint64_t _outgoing = 0;  // bytes picked for write-out, not yet freed; guarded
+    std::uint64_t _locked = 0;    // guarded by _mutex
+    std::uint64_t _swapped = 0;   // guarded by _mutex
+    std::uint32_t _limitMb = 512;                              // guarded by _mutex
+    int _transfers = 0;                                        // guarded by _mutex
+    std::string _swapDir;                                      // guarded by _mutex
+    std::string _swapFile;                                     // guarded by _mutex
+    int _fd = -1;                                              // guarded by _mutex
+    std::uint64_t _fileEnd = 0;                                // guarded by _mutex
+    std::multimap<std::uint64_t, std::uint64_t> _freeSlots;    // size -> offset; guarded by _mutex
     std::uint64_t _reads = 0, _writes = 0, _droppedClean = 0;  // guarded by _mutex
 
     Block* find(NmHandle h) {
@@ -229,8 +231,8 @@ public:
             thread::ScopedUnlock<thread::Mutex> unlocked(lock);
             for (size_t i = 0; i < victims.size(); ++i) {
                 Block* b = victims[i];
-                ok[i] = !b->dirty || writeAll(fd, b->memory, b->size,
-                                              static_cast<std::uint64_t>(b->slotOffset));
+                ok[i] = !b->dirty ||
+                        writeAll(fd, b->memory, b->size, static_cast<std::uint64_t>(b->slotOffset));
                 if (ok[i]) {
                     std::free(b->memory);
                 } else {
@@ -490,18 +492,30 @@ int nmRelease() {
 
 std::string toString(int status) {
     switch (status) {
-        case NM_OK: return "NM_OK";
-        case NM_INVALID_HANDLE: return "NM_INVALID_HANDLE";
-        case NM_OUT_OF_MEMORY: return "NM_OUT_OF_MEMORY";
-        case NM_IO_ERROR: return "NM_IO_ERROR";
-        case NM_NOT_LOCKED: return "NM_NOT_LOCKED";
-        case NM_OBJECT_CLEARED: return "NM_OBJECT_CLEARED";
-        case NM_OBJECT_LOCKED: return "NM_OBJECT_LOCKED";
-        case NM_OBJECT_SWAPPED: return "NM_OBJECT_SWAPPED";
-        case NM_OBJECT_RESIDENT: return "NM_OBJECT_RESIDENT";
-        case NM_INVALID_ARGUMENT: return "NM_INVALID_ARGUMENT";
-        case NM_BUSY: return "NM_BUSY";
-        default: return "NM_UNKNOWN(" + std::to_string(status) + ")";
+        case NM_OK:
+            return "NM_OK";
+        case NM_INVALID_HANDLE:
+            return "NM_INVALID_HANDLE";
+        case NM_OUT_OF_MEMORY:
+            return "NM_OUT_OF_MEMORY";
+        case NM_IO_ERROR:
+            return "NM_IO_ERROR";
+        case NM_NOT_LOCKED:
+            return "NM_NOT_LOCKED";
+        case NM_OBJECT_CLEARED:
+            return "NM_OBJECT_CLEARED";
+        case NM_OBJECT_LOCKED:
+            return "NM_OBJECT_LOCKED";
+        case NM_OBJECT_SWAPPED:
+            return "NM_OBJECT_SWAPPED";
+        case NM_OBJECT_RESIDENT:
+            return "NM_OBJECT_RESIDENT";
+        case NM_INVALID_ARGUMENT:
+            return "NM_INVALID_ARGUMENT";
+        case NM_BUSY:
+            return "NM_BUSY";
+        default:
+            return "NM_UNKNOWN(" + std::to_string(status) + ")";
     }
 }
 

@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/memory/MemoryManager.h"
+#include "imaging/ImageMemoryManager.h"
+#include "imaging/ManagedMemoryAllocator.h"
+#include "imaging/MemoryManagerInitializer.h"
+#include "imaging/SwitchedLockableMemoryAllocator.h"
+
+using namespace qor;
+using namespace qor::imaging;
+using namespace qor::memory;
+
+namespace {
+
+NmStatistic stats() {
+    NmStatistic s;
+    EXPECT_EQ(nmGetStatistic(&s), NM_OK);
+    return s;
+}
+
+// Each test starts with a fresh default stack over its own swap folder.
+class ImageMemory : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* base = std::getenv("TMPDIR");
+        std::string pattern = std::string(base && *base ? base : "/tmp") + "/qor-imem-XXXXXX";
+        ASSERT_TRUE(::mkdtemp(pattern.data()));
+        _dir = pattern;
+        ImageMemoryManager::initSwapDir(_dir.c_str());
+        ImageMemoryManager::setPhysicalMemoryLimit(512);
+    }
+    void TearDown() override {
+        ImageMemoryManager::release();
+        nmRelease();
+        std::error_code ec;
+        std::filesystem::remove_all(_dir, ec);
+    }
+    std::string _dir;
+};
+
+TEST(ChooseAllocator, SendsBlocksThatFillTheir64KiBUnitsPoorlyToThePool) {
+    ChooseAllocator choose;
+    EXPECT_EQ(choose(65536), 1);
+    EXPECT_EQ(choose(65535), 2);
+    EXPECT_EQ(choose(1000), 2);
+    EXPECT_EQ(choose(81920), 1) << "a ratio of exactly 0.2 stays with whole blocks";
+    EXPECT_EQ(choose(81921), 2);
+    EXPECT_EQ(choose(10 * 65536 + 100), 1);
+}
+
+TEST_F(ImageMemory, DefaultStackKeepsWholeBlocksAndPoolApartAndCountsFootprints) {
+    LockableMemoryHandle* whole = ImageMemoryManager::alloc(65536);
+    ASSERT_NE(whole, nullptr);
+    EXPECT_EQ(stats().memoryObjectCount, 1u);
+    LockableMemoryHandle* small = ImageMemoryManager::alloc(1000);
+    LockableMemoryHandle* small2 = ImageMemoryManager::alloc(1000);
+    EXPECT_EQ(stats().memoryObjectCount, 2u) << "the two small blocks share one 4 MiB chunk";
+
+    auto* p = static_cast<unsigned char*>(ImageMemoryManager::lock(whole, false));
+    ASSERT_NE(p, nullptr);
+    std::memset(p, 0xA5, 65536);
+    auto* q = static_cast<unsigned char*>(ImageMemoryManager::lock(small, false));
+    ASSERT_NE(q, nullptr);
+    std::memset(q, 0x3C, 1000);
+    EXPECT_EQ(ImageMemoryManager::memoryFootprint(whole), 65536u + 12);
+    ImageMemoryManager::unlock(whole);
+    ImageMemoryManager::unlock(small);
+
+    ASSERT_EQ(nmClearUnlocked(0), NM_OK);
+    EXPECT_EQ(ImageMemoryManager::memoryFootprint(whole), 12u) << "swapped out: the handle only";
+    p = static_cast<unsigned char*>(ImageMemoryManager::lock(whole, true));
+    q = static_cast<unsigned char*>(ImageMemoryManager::lock(small, true));
+    ASSERT_TRUE(p && q);
+    EXPECT_EQ(p[0], 0xA5);
+    EXPECT_EQ(p[65535], 0xA5);
+    EXPECT_EQ(q[999], 0x3C);
+    ImageMemoryManager::unlock(whole);
+    ImageMemoryManager::unlock(small);
+    ImageMemoryManager::free(whole);
+    ImageMemoryManager::free(small);
+    ImageMemoryManager::free(small2);
+    EXPECT_EQ(stats().memoryObjectCount, 0u);
+}
+
+TEST_F(ImageMemory, EveryAllocationFirstClearsToThePresentLevel) {
+    LockableMemoryHandle* a = ImageMemoryManager::alloc(1 << 20);
+    void* p = ImageMemoryManager::lock(a, false);
+    ASSERT_NE(p, nullptr);
+    ImageMemoryManager::unlock(a);
+    // The level is 512 (then 480): a megabyte stays in memory.
+    LockableMemoryHandle* b = ImageMemoryManager::alloc(1 << 20);
+    EXPECT_EQ(
+        nmStatus(
+            dynamic_cast<ManagedMemoryAllocator::MemoryHandle*>(
+                dynamic_cast<SwitchedLockableMemoryAllocator<ChooseAllocator>::MemoryHandle*>(a)
+                    ->_innerHandle)
+                ->_mManagerHandle),
+        NM_OBJECT_RESIDENT);
+    // At level 0 the next allocation swaps every unlocked block out.
+    internal::s_clearLevel = 0;
+    LockableMemoryHandle* c = ImageMemoryManager::alloc(1 << 20);
+    EXPECT_EQ(stats().memoryAllocated, 0u);
+    EXPECT_EQ(stats().writeOperations, 1u);
+    EXPECT_EQ(internal::s_clearLevel.load(), 480u) << "a good allocation relaxes the level";
+    for (auto* h : {a, b, c}) ImageMemoryManager::free(h);
+}
+
+TEST_F(ImageMemory, ReadLockOfANeverWrittenBlockFailsWithoutRunningHandlers) {
+    LockableMemoryHandle* h = ImageMemoryManager::alloc(65536);
+    ASSERT_NE(h, nullptr);
+    const unsigned level = internal::s_clearLevel.load();
+    LogCapture log;
+    EXPECT_EQ(ImageMemoryManager::lock(h, true), nullptr);
+    EXPECT_TRUE(log.contains("FAILED TO LOCK DATA: NM_OBJECT_CLEARED"));
+    EXPECT_TRUE(log.contains(
+        "Memory manager could not lock the handle: the memory has never been written to."));
+    EXPECT_FALSE(log.contains("bad_alloc: nmClearUnlocked"));
+    EXPECT_EQ(internal::s_clearLevel.load(), level);
+    ImageMemoryManager::free(h);
+}
+
+TEST_F(ImageMemory, InitializerLowersTheClearLevelByAStepAndThrowsBelowIt) {
+    ImageMemoryManager::setPhysicalMemoryLimit(64);
+    auto initializer = internal::MemoryManagerInitializer::instance();
+    ASSERT_TRUE(initializer);
+    LogCapture log;
+    EXPECT_TRUE(NewHandler::callOurHandlers());
+    EXPECT_EQ(internal::s_clearLevel.load(), 32u);
+    EXPECT_TRUE(log.contains("bad_alloc: nmClearUnlocked ( 64 ) called"));
+    initializer->freeMemory();
+    EXPECT_EQ(internal::s_clearLevel.load(), 0u);
+    EXPECT_THROW(initializer->freeMemory(), std::bad_alloc);
+    EXPECT_TRUE(log.contains("bad_alloc: nmClearUnlocked ( 1 ) called"));
+    EXPECT_FALSE(NewHandler::callOurHandlers());
+
+    LockableMemoryHandle* h = ImageMemoryManager::alloc(65536);
+    EXPECT_EQ(internal::s_clearLevel.load(), 32u);
+    ImageMemoryManager::free(h);
+}
+
+TEST_F(ImageMemory, FailedLockRunsTheHandlersUntilTheyGiveUp) {
+    ImageMemoryManager::setPhysicalMemoryLimit(64);
+    ImageMemoryManager::memoryAllocator();
+    ManagedMemoryAllocator managed;
+    auto* h = dynamic_cast<ManagedMemoryAllocator::MemoryHandle*>(managed.alloc(100));
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(nmFree(h->_mManagerHandle), NM_OK);  // the library no longer knows it
+    EXPECT_EQ(internal::s_clearLevel.load(), 32u) << "the good allocation relaxed the level";
+
+    LogCapture log;
+    EXPECT_EQ(managed.lock(h, false), nullptr);
+    EXPECT_EQ(log.count("FAILED TO LOCK DATA: NM_INVALID_HANDLE"), 2u);
+    EXPECT_EQ(log.count("ImageMemoryManager::lock: Called new handler"), 1u) << "32, then give up";
+    EXPECT_TRUE(log.contains("bad_alloc: nmClearUnlocked ( 1 ) called"));
+    EXPECT_TRUE(log.contains("Memory manager could not lock the handle"));
+    EXPECT_TRUE(log.contains("Memory manager internal statistics:"));
+    EXPECT_TRUE(log.contains("memory object count: 0 cache file count: "));
+
+    managed.unlock(h);
+    EXPECT_TRUE(log.contains("Memory manager error: could not unlock image buffer: "));
+    EXPECT_EQ(log.assertions("false"), 1u);
+    managed.free(h);
+    EXPECT_TRUE(log.contains("Memory manager error: could not free image buffer: "));
+    EXPECT_EQ(log.assertions("false"), 1u) << "a failed free is only logged";
+}
+
+// An allocator on the process heap, to stand in for the default stack.
+class HeapAllocator : public LockableMemoryAllocator {
+public:
+    struct H : LockableMemoryHandle {
+        std::vector<char> data;
+    };
+    LockableMemoryHandle* alloc(unsigned size) override {
+        ++allocs;
+        auto* h = new H;
+        h->data.resize(size);
+        return h;
+    }
+    void free(LockableMemoryHandle* h) override { delete h; }
+    void* lock(LockableMemoryHandle* h, bool) override { return static_cast<H*>(h)->data.data(); }
+    void unlock(LockableMemoryHandle*) override {}
+    std::size_t memoryFootprint(LockableMemoryHandle* h) override {
+        return static_cast<H*>(h)->data.size();
+    }
+    int allocs = 0;
+};
+
+TEST_F(ImageMemory, AllocatorCanBeReplacedOnlyBeforeTheFirstAllocation) {
+    auto heap = std::make_shared<HeapAllocator>();
+    LogCapture log;
+    ImageMemoryManager::setMemoryAllocator(heap);
+    EXPECT_EQ(log.assertions(), 0u);
+    LockableMemoryHandle* h = ImageMemoryManager::alloc(100);
+    EXPECT_EQ(heap->allocs, 1);
+    EXPECT_TRUE(internal::MemoryManagerInitializer::instance()) << "the initializer stays";
+    ImageMemoryManager::setMemoryAllocator(std::make_shared<HeapAllocator>());
+    EXPECT_EQ(log.assertions("!s_somethingWasAllocated && \"The allocator may only be set, if "
+                             "nothing was allocated, yet.\""),
+              1u);
+    ImageMemoryManager::free(h);
+
+    ImageMemoryManager::initSwapDir("");
+    EXPECT_TRUE(log.contains("Could not set the Memory Manager swap path (NM_INVALID_ARGUMENT)!"));
+}
+
+TEST_F(ImageMemory, ReleaseShutsTheLibraryDownOnlyWhenNoBlockIsLeft) {
+    LockableMemoryHandle* h = ImageMemoryManager::alloc(65536);
+    std::memset(ImageMemoryManager::lock(h, false), 1, 65536);
+    ImageMemoryManager::unlock(h);
+    LogCapture log;
+    ImageMemoryManager::release();
+    EXPECT_TRUE(log.contains("Releasing ImageMemoryManager ressources"));
+    EXPECT_TRUE(log.contains(
+        "Unable to release MemoryManager as 1 objects (0.0625 MB, 0 MB on disk) are still held"));
+    EXPECT_EQ(log.assertions("false"), 1u);
+    EXPECT_EQ(stats().memoryObjectCount, 1u) << "the library stays up";
+
+    // Give the block back by hand, as the allocator that made it is gone.
+    auto* outer = dynamic_cast<SwitchedLockableMemoryAllocator<ChooseAllocator>::MemoryHandle*>(h);
+    auto* inner = dynamic_cast<ManagedMemoryAllocator::MemoryHandle*>(outer->_innerHandle);
+    EXPECT_EQ(nmFree(inner->_mManagerHandle), NM_OK);
+    delete inner;
+    delete outer;
+
+    // With nothing left, release ends in nmRelease: the swap file goes.
+    ImageMemoryManager::initSwapDir(_dir.c_str());
+    h = ImageMemoryManager::alloc(65536);
+    std::memset(ImageMemoryManager::lock(h, false), 1, 65536);
+    ImageMemoryManager::unlock(h);
+    ASSERT_EQ(nmClearUnlocked(0), NM_OK);
+    const std::string file = nmSwapFilePath();
+    struct stat st;
+    EXPECT_EQ(::stat(file.c_str(), &st), 0);
+    ImageMemoryManager::free(h);
+    log.clear();
+    ImageMemoryManager::release();
+    EXPECT_EQ(log.assertions(), 0u);
+    EXPECT_NE(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(stats().writeOperations, 0u);
+}
+
+}  // namespace
