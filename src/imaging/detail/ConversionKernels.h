@@ -7,11 +7,28 @@
 
 #include <Imath/half.h>
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+// The kernels are built without trapping floating-point semantics (no code here reads the
+// exception flags), which lets GCC turn the clamps and selects into vector code, and with an AVX2
+// clone chosen at load time, which the interleaving loops (RGB to RGBA) need to vectorise.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC push_options
+#pragma GCC optimize("no-trapping-math")
+#if defined(__x86_64__) && !defined(__AVX2__)
+#define QOR_CONVERSION_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
+#endif
+#ifndef QOR_CONVERSION_CLONES
+#define QOR_CONVERSION_CLONES
+#endif
 
 namespace qor::imaging::detail {
 
@@ -44,6 +61,13 @@ inline T opaque() {
     }
 }
 
+// Defined here rather than taken from <bit> so that it carries the same options as the kernels
+// and always inlines into them.
+template <class To, class From>
+inline To bitCast(const From& from) {
+    return __builtin_bit_cast(To, from);
+}
+
 // Half to float by bit operations (exact for every half, NaN payloads kept). Branch-free, so loops
 // over it vectorise, unlike the table lookup of Imath::half's own conversion.
 inline float halfBitsToFloat(std::uint16_t h) {
@@ -54,21 +78,26 @@ inline float halfBitsToFloat(std::uint16_t h) {
     // Infinity and NaN: move the exponent up to 255.
     const std::uint32_t infNan = o + ((128u - 16u) << 23);
     // Zero and subnormals: let the FPU normalise by subtracting 2^-14.
-    const float sub = std::bit_cast<float>(o + (1u << 23)) - std::bit_cast<float>(113u << 23);
-    const std::uint32_t subBits = std::bit_cast<std::uint32_t>(sub);
+    const float sub = bitCast<float>(o + (1u << 23)) - bitCast<float>(113u << 23);
+    const std::uint32_t subBits = bitCast<std::uint32_t>(sub);
     o = exp == 0x0f800000u ? infNan : o;
     o = exp == 0 ? subBits : o;
-    return std::bit_cast<float>(o | sign);
+    return bitCast<float>(o | sign);
 }
 
 // The working form of a source element: halves are widened to float once, as read.
 template <class S>
 using Working = std::conditional_t<isHalf<S>, float, S>;
 
+// How a source element is read from memory: halves as their raw bits, so that loops over them
+// handle plain integers and vectorise.
 template <class S>
-inline Working<S> load(S v) {
+using Stored = std::conditional_t<isHalf<S>, std::uint16_t, S>;
+
+template <class S>
+inline Working<S> load(Stored<S> v) {
     if constexpr (isHalf<S>) {
-        return halfBitsToFloat(v.bits());
+        return halfBitsToFloat(v);
     } else {
         return v;
     }
@@ -131,6 +160,32 @@ inline W luma(W r, W g, W b) {
     }
 }
 
+// RGB8 to RGBA8 or BGRA8 with opaque alpha, four pixels a step by byte shuffles. Compilers
+// vectorise this three-to-four interleave poorly, so it is written out. Returns the number of
+// pixels done; the caller finishes the row.
+#if defined(__x86_64__)
+__attribute__((target("ssse3"))) inline std::size_t expandRgb8Ssse3(const unsigned char* s,
+                                                                      unsigned char* d,
+                                                                      std::size_t w, bool swap) {
+    const __m128i order = swap ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                               : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i alpha = _mm_set1_epi32(int(0xFF000000u));
+    std::size_t x = 0;
+    // A step reads 16 source bytes and uses 12, so it stops while 16 bytes remain in the row.
+    for (; x + 6 <= w; x += 4) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 3 * x));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x),
+                         _mm_or_si128(_mm_shuffle_epi8(v, order), alpha));
+    }
+    return x;
+}
+
+inline bool haveSsse3() {
+    static const bool have = __builtin_cpu_supports("ssse3");
+    return have;
+}
+#endif
+
 // Whether a pair converts component by component in memory order.
 constexpr bool sameOrder(Layout s, Layout d) {
     return s == d || (channelsOf(s) == 1 && channelsOf(d) == 1);
@@ -138,34 +193,42 @@ constexpr bool sameOrder(Layout s, Layout d) {
 
 // Converts `height` rows of `width` pixels. Strides are in components. Rows never overlap.
 template <class S, Layout SL, class D, Layout DL>
-void convertRows(const S* __restrict src, std::size_t srcStride, D* __restrict dst,
+QOR_CONVERSION_CLONES void convertRows(const S* __restrict srcElements, std::size_t srcStride, D* __restrict dst,
                  std::size_t dstStride, int width, int height) {
+    const Stored<S>* __restrict src = reinterpret_cast<const Stored<S>*>(srcElements);
     constexpr int sc = channelsOf(SL);
     constexpr int dc = channelsOf(DL);
     const std::size_t w = std::size_t(width);
     for (int y = 0; y < height; ++y) {
-        const S* __restrict s = src + std::size_t(y) * srcStride;
+        const Stored<S>* __restrict s = src + std::size_t(y) * srcStride;
         D* __restrict d = dst + std::size_t(y) * dstStride;
         if constexpr (sameOrder(SL, DL) && std::is_same_v<S, D>) {
-            std::memcpy(d, s, w * sc * sizeof(S));
+            std::memcpy(static_cast<void*>(d), s, w * sc * sizeof(S));
         } else if constexpr (sameOrder(SL, DL)) {
-            for (std::size_t i = 0; i < w * sc; ++i) d[i] = convertValue<D>(load(s[i]));
+            for (std::size_t i = 0; i < w * sc; ++i) d[i] = convertValue<D>(load<S>(s[i]));
         } else {
             using W = Working<S>;
-            for (std::size_t x = 0; x < w; ++x) {
-                const S* __restrict p = s + x * sc;
+            std::size_t x = 0;
+#if defined(__x86_64__)
+            if constexpr (std::is_same_v<S, unsigned char> && std::is_same_v<D, unsigned char> &&
+                          SL == Layout::RGB && (DL == Layout::RGBA || DL == Layout::BGRA)) {
+                if (haveSsse3()) x = expandRgb8Ssse3(s, d, w, DL == Layout::BGRA);
+            }
+#endif
+            for (; x < w; ++x) {
+                const Stored<S>* __restrict p = s + x * sc;
                 D* __restrict q = d + x * dc;
                 W r, g, b;
                 if constexpr (sc == 1) {
-                    r = g = b = load(p[0]);
+                    r = g = b = load<S>(p[0]);
                 } else if constexpr (SL == Layout::BGRA) {
-                    b = load(p[0]);
-                    g = load(p[1]);
-                    r = load(p[2]);
+                    b = load<S>(p[0]);
+                    g = load<S>(p[1]);
+                    r = load<S>(p[2]);
                 } else {
-                    r = load(p[0]);
-                    g = load(p[1]);
-                    b = load(p[2]);
+                    r = load<S>(p[0]);
+                    g = load<S>(p[1]);
+                    b = load<S>(p[2]);
                 }
                 if constexpr (DL == Layout::Lum) {
                     q[0] = convertValue<D>(sc == 1 ? r : luma<W>(r, g, b));
@@ -179,7 +242,7 @@ void convertRows(const S* __restrict src, std::size_t srcStride, D* __restrict d
                     q[bi] = convertValue<D>(b);
                     if constexpr (dc == 4) {
                         if constexpr (sc == 4) {
-                            q[3] = convertValue<D>(load(p[3]));
+                            q[3] = convertValue<D>(load<S>(p[3]));
                         } else {
                             q[3] = opaque<D>();
                         }
@@ -191,3 +254,7 @@ void convertRows(const S* __restrict src, std::size_t srcStride, D* __restrict d
 }
 
 }  // namespace qor::imaging::detail
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC pop_options
+#endif
