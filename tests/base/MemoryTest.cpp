@@ -219,6 +219,34 @@ TEST_F(MemoryManager, EveryByteSurvivesSwappingThreeTimesTheLimit) {
     EXPECT_LE(stats().swapFileBytes, 13 * (size + 4096));
 }
 
+TEST_F(MemoryManager, BlocksOfEveryMemoryKindComeBackIntact) {
+    // Heap, mapped, and mapped on huge-page boundaries; odd sizes end inside a page.
+    const std::uint64_t sizes[] = {1000, 300 * 1024 + 1, 2 * MB + 4097, 5 * MB - 3};
+    std::vector<NmHandle> h;
+    for (std::uint64_t i = 0; i < 4; ++i) {
+        NmHandle x = 0;
+        ASSERT_EQ(nmAlloc(sizes[i], 0, 0, &x, "test"), NM_OK);
+        void* p = nullptr;
+        ASSERT_EQ(nmLock(x, NM_LOCK_WRITE, &p), NM_OK);
+        auto* bytes = static_cast<unsigned char*>(p);
+        EXPECT_EQ(bytes[0] | bytes[sizes[i] / 2] | bytes[sizes[i] - 1], 0) << "zeroed at first";
+        fill(p, sizes[i], i);
+        ASSERT_EQ(nmUnlock(x), NM_OK);
+        h.push_back(x);
+    }
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(nmClearUnlocked(0), NM_OK);
+        for (std::uint64_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(nmStatus(h[i]), NM_OBJECT_SWAPPED);
+            void* p = nullptr;
+            ASSERT_EQ(nmLock(h[i], NM_LOCK_WRITE, &p), NM_OK);
+            EXPECT_EQ(firstMismatch(p, sizes[i], i), -1) << "size " << sizes[i];
+            ASSERT_EQ(nmUnlock(h[i]), NM_OK);
+        }
+    }
+    for (NmHandle x : h) EXPECT_EQ(nmFree(x), NM_OK);
+}
+
 TEST_F(MemoryManager, RemovesItsSwapFileAtReleaseAndStaleOnesAtStart) {
     allocWritten(10000, 1);
     ASSERT_EQ(nmClearUnlocked(0), NM_OK);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,6 +52,48 @@ struct Block {
     std::uint64_t slotSize = 0;
     std::list<Block*>::iterator lruPos;
 };
+
+// Blocks from this size on are mapped on their own, so that a free gives the pages back to the
+// system. From 2 MiB on the mapping is aligned to 2 MiB and asks for transparent huge pages: the
+// kernel then faults a block in per 2 MiB instead of per 4 KiB page, which is what makes a
+// swap-in (fresh memory, then a read into it) cost little more than the read. Smaller mapped
+// blocks that are about to be read are populated in the mmap call.
+constexpr std::uint64_t kMapThreshold = 256 * 1024;
+constexpr std::uint64_t kHugePage = 2 * 1024 * 1024;
+
+std::uint64_t mappedLength(std::uint64_t size) {
+    return (size + kPageSize - 1) / kPageSize * kPageSize;
+}
+
+// Memory for a block: zeroed; `forRead` when a read will fill all of it at once.
+void* allocBlockMemory(std::uint64_t size, bool forRead) {
+    if (size < kMapThreshold) return forRead ? std::malloc(size) : std::calloc(1, size);
+    const std::uint64_t length = mappedLength(size);
+    if (size < kHugePage) {
+        int flags = MAP_PRIVATE | MAP_ANONYMOUS | (forRead ? MAP_POPULATE : 0);
+        void* p = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, flags, -1, 0);
+        return p == MAP_FAILED ? nullptr : p;
+    }
+    void* raw = ::mmap(nullptr, length + kHugePage, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (raw == MAP_FAILED) return nullptr;
+    auto start = reinterpret_cast<std::uintptr_t>(raw);
+    auto aligned = (start + kHugePage - 1) & ~std::uintptr_t(kHugePage - 1);
+    if (aligned > start) ::munmap(raw, aligned - start);
+    std::uintptr_t end = start + length + kHugePage;
+    if (end > aligned + length)
+        ::munmap(reinterpret_cast<void*>(aligned + length), end - aligned - length);
+    ::madvise(reinterpret_cast<void*>(aligned), length, MADV_HUGEPAGE);
+    return reinterpret_cast<void*>(aligned);
+}
+
+void freeBlockMemory(void* p, std::uint64_t size) {
+    if (!p) return;
+    if (size < kMapThreshold)
+        std::free(p);
+    else
+        ::munmap(p, mappedLength(size));
+}
 
 bool inTransfer(State s) {
     return s == State::Filling || s == State::WritingOut || s == State::ReadingIn;
@@ -234,7 +277,7 @@ public:
                 ok[i] = !b->dirty ||
                         writeAll(fd, b->memory, b->size, static_cast<std::uint64_t>(b->slotOffset));
                 if (ok[i]) {
-                    std::free(b->memory);
+                    freeBlockMemory(b->memory, b->size);
                 } else {
                     QOR_LOG(4, "Cannot write swap file: %*", std::strerror(errno));
                 }
@@ -299,11 +342,11 @@ public:
         bool ok = false;
         {
             thread::ScopedUnlock<thread::Mutex> unlocked(lock);
-            mem = swapped ? std::malloc(size) : std::calloc(1, size);
+            mem = allocBlockMemory(size, swapped);
             ok = mem && (!swapped || readAll(fd, mem, size, offset));
             if (mem && !ok) {
                 QOR_LOG(4, "Cannot read swap file: %*", std::strerror(errno));
-                std::free(mem);
+                freeBlockMemory(mem, size);
             }
         }
         --_transfers;
@@ -380,7 +423,7 @@ int nmFree(NmHandle handle) {
         gone = std::move(it->second);
         m._blocks.erase(it);
     }
-    std::free(gone->memory);
+    freeBlockMemory(gone->memory, gone->size);
     return NM_OK;
 }
 
@@ -468,12 +511,12 @@ std::uint64_t nmCountLocked() {
 
 int nmRelease() {
     Manager& m = manager();
-    std::vector<void*> memory;
+    std::vector<std::pair<void*, std::uint64_t>> memory;
     {
         thread::ScopedLock<thread::Mutex> lock(m._mutex);
         QOR_ASSERT(m._transfers == 0);
         for (auto& [id, b] : m._blocks)
-            if (b->memory && !inTransfer(b->state)) memory.push_back(b->memory);
+            if (b->memory && !inTransfer(b->state)) memory.emplace_back(b->memory, b->size);
         m._blocks.clear();
         m._lru.clear();
         m._freeSlots.clear();
@@ -486,7 +529,7 @@ int nmRelease() {
         m._resident = m._outgoing = m._locked = m._swapped = 0;
         m._reads = m._writes = m._droppedClean = 0;
     }
-    for (void* p : memory) std::free(p);
+    for (auto& [p, size] : memory) freeBlockMemory(p, size);
     return NM_OK;
 }
 

@@ -13,6 +13,9 @@
 // slots are reused (best fit, no coalescing). Files of processes that no longer run are removed by
 // nmSetSwapPath; the process's own file goes at nmRelease.
 //
+// Memory: small blocks come from the heap; blocks from 256 KiB on are mapped on their own (from
+// 2 MiB on with transparent huge pages), so that a swap-out gives their pages back to the system.
+//
 // Thread contract: every function may be called from any thread. One mutex guards the table of
 // blocks; it is never held during file I/O or while block memory is allocated or freed. A thread
 // that locks or frees a block which another thread is writing out or reading in waits until that
