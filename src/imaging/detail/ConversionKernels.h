@@ -19,10 +19,12 @@
 // The kernels are built without trapping floating-point semantics (no code here reads the
 // exception flags), which lets GCC turn the clamps and selects into vector code, and with an AVX2
 // clone chosen at load time, which the interleaving loops (RGB to RGBA) need to vectorise.
+// Sanitizer builds go without the clones: their load-time resolvers run before ThreadSanitizer's
+// runtime is set up and crash the process.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC push_options
 #pragma GCC optimize("no-trapping-math")
-#if defined(__x86_64__) && !defined(__AVX2__)
+#if defined(__x86_64__) && !defined(__AVX2__) && !defined(QOR_SANITIZED)
 #define QOR_CONVERSION_CLONES __attribute__((target_clones("avx2", "default")))
 #endif
 #endif
