@@ -10,14 +10,12 @@
 #include <limits>
 #include <system_error>
 
+#include "base/filesystem/PosixIO.h"
 #include "text/TextUtils.h"
 
 namespace qor::filesystem {
 
 namespace {
-
-// The largest chunk handed to one pread/pwrite call.
-constexpr size_t kMaxChunk = size_t(1) << 30;
 
 [[noreturn]] void readOnlyFailure(const RandomAccessFile& file) {
     throw RAFException("File is read-only: '" + file.name() + "'");
@@ -100,35 +98,15 @@ void RandomAccessFileStd::fail(std::string_view what, int err) const {
 
 size_t RandomAccessFileStd::readAt(uint64_t position, void* buffer, size_t size) {
     if (_fd < 0) fail("Cannot read closed file", EBADF);
-    char* out = static_cast<char*>(buffer);
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::pread(_fd, out + done, std::min(size - done, kMaxChunk),
-                            static_cast<off_t>(position + done));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            fail("Cannot read file", errno);
-        }
-        if (n == 0) break;
-        done += static_cast<size_t>(n);
-    }
-    return done;
+    ssize_t n = preadFull(_fd, buffer, size, position);
+    if (n < 0) fail("Cannot read file", errno);
+    return static_cast<size_t>(n);
 }
 
 void RandomAccessFileStd::writeAt(uint64_t position, const void* buffer, size_t size) {
     if (_fd < 0) fail("Cannot write closed file", EBADF);
     if (isReadOnly()) readOnlyFailure(*this);
-    const char* in = static_cast<const char*>(buffer);
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::pwrite(_fd, in + done, std::min(size - done, kMaxChunk),
-                             static_cast<off_t>(position + done));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            fail("Cannot write file", errno);
-        }
-        done += static_cast<size_t>(n);
-    }
+    if (!pwriteFull(_fd, buffer, size, position)) fail("Cannot write file", errno);
 }
 
 uint64_t RandomAccessFileStd::size() const {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "base/Log.h"
+#include "base/filesystem/PosixIO.h"
 #include "base/thread/Mutex.h"
 
 namespace qor::memory {
@@ -100,32 +101,6 @@ bool inTransfer(State s) {
 }
 
 std::string fileNameFor(long pid) { return kFilePrefix + std::to_string(pid) + kFileSuffix; }
-
-bool writeAll(int fd, const void* data, std::uint64_t size, std::uint64_t offset) {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        ssize_t n = ::pwrite(fd, p, size, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<std::uint64_t>(n);
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
-}
-
-bool readAll(int fd, void* data, std::uint64_t size, std::uint64_t offset) {
-    char* p = static_cast<char*>(data);
-    while (size > 0) {
-        ssize_t n = ::pread(fd, p, size, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<std::uint64_t>(n);
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
-}
 
 std::string defaultSwapDir() {
     const char* tmp = std::getenv("TMPDIR");
@@ -274,8 +249,9 @@ public:
             thread::ScopedUnlock<thread::Mutex> unlocked(lock);
             for (size_t i = 0; i < victims.size(); ++i) {
                 Block* b = victims[i];
-                ok[i] = !b->dirty ||
-                        writeAll(fd, b->memory, b->size, static_cast<std::uint64_t>(b->slotOffset));
+                ok[i] =
+                    !b->dirty || filesystem::pwriteFull(fd, b->memory, b->size,
+                                                        static_cast<std::uint64_t>(b->slotOffset));
                 if (ok[i]) {
                     freeBlockMemory(b->memory, b->size);
                 } else {
@@ -343,7 +319,8 @@ public:
         {
             thread::ScopedUnlock<thread::Mutex> unlocked(lock);
             mem = allocBlockMemory(size, swapped);
-            ok = mem && (!swapped || readAll(fd, mem, size, offset));
+            ok = mem && (!swapped || filesystem::preadFull(fd, mem, size, offset) ==
+                                         static_cast<ssize_t>(size));
             if (mem && !ok) {
                 QOR_LOG(4, "Cannot read swap file: %*", std::strerror(errno));
                 freeBlockMemory(mem, size);
