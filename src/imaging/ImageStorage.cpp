@@ -1,6 +1,7 @@
 #include "imaging/ImageStorage.h"
 
 #include "base/Log.h"
+#include "imaging/ImageStorageManager.h"
 
 namespace qor::imaging {
 
@@ -20,7 +21,9 @@ SharedPtr<ImageStorage> ImageStorage::setupSelfRef() {
     return self;
 }
 
-void ImageStorage::unregister() {}
+void ImageStorage::unregister() {
+    ImageStorageManager::instance()->unregisterStorage(_selfRef, getCurrentPixelFormat());
+}
 
 SharedPtr<RawImageStorage> ImageStorage::readBack(RawPixelFormat, const SharedPtr<RawImageStorage>&) {
     return nullptr;

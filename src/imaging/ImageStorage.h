@@ -31,8 +31,8 @@ public:
     // keeps a weak copy in _selfRef. A second call logs "_selfRef.isNull()" and returns the
     // existing reference.
     virtual SharedPtr<ImageStorage> setupSelfRef();
-    // Called by the deleter of the self reference, just before deletion. The default does
-    // nothing here; storages that register themselves with a memory tracker undo that.
+    // Called by the deleter of the self reference, just before deletion. The default removes the
+    // entry of the current format from ImageStorageManager.
     virtual void unregister();
     // The format the storage currently holds its pixels in; PfInvalid when it holds none.
     virtual RawPixelFormat getCurrentPixelFormat() = 0;

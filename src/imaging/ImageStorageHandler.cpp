@@ -1,6 +1,7 @@
 #include "imaging/ImageStorageHandler.h"
 
 #include "base/Log.h"
+#include "imaging/RawImageStorage.h"
 
 namespace qor::imaging {
 
@@ -37,7 +38,11 @@ std::vector<NativeAccessor<F>> matching(const std::vector<NativeAccessor<F>>& li
 
 ImageStorageTypeRegistry* ImageStorageTypeRegistry::instance() {
     thread::ScopedLock<thread::Mutex> lock(gRegistryMutex);
-    if (!gRegistry) gRegistry = new ImageStorageTypeRegistry();
+    if (!gRegistry) {
+        gRegistry = new ImageStorageTypeRegistry();
+        // Processor storage is always there: every other type converts through it.
+        gRegistry->registerFormat(new RawImageStorageHandler(), storageTypeName<RawImageStorage>());
+    }
     return gRegistry;
 }
 

@@ -73,7 +73,7 @@ struct NativeAccessor {
 
 class ImageStorageTypeRegistry {
 public:
-    // The registry, made on first use. Thread-safe.
+    // The registry, made on first use with the processor storage type registered. Thread-safe.
     static ImageStorageTypeRegistry* instance();
     // Deletes the registry and its handlers; the next instance() makes a fresh one. Only at
     // shutdown, when no tile is used any more.

@@ -4,9 +4,11 @@
 // ScopedLock knows whether it holds its mutex, so code can open a lock around a slow call and close
 // it again; locking twice logs the assertion "!_locked", unlocking twice "_locked".
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "base/Log.h"
 #include "util/ThreadAnnotations.h"
@@ -29,6 +31,39 @@ public:
 
 private:
     std::mutex _m;
+};
+
+// A Mutex that knows whether the calling thread holds it. For code that may be asked, from a
+// thread that already holds the lock, to try to take it: tryLock on a held std::mutex by its own
+// holder is undefined, so such code asks heldByCurrentThread first.
+class QOR_CAPABILITY("mutex") OwnedMutex {
+public:
+    OwnedMutex() = default;
+    OwnedMutex(const OwnedMutex&) = delete;
+    OwnedMutex& operator=(const OwnedMutex&) = delete;
+
+    void lock() QOR_ACQUIRE() {
+        _m.lock();
+        _owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    }
+    void unlock() QOR_RELEASE() {
+        _owner.store(std::thread::id(), std::memory_order_relaxed);
+        _m.unlock();
+    }
+    bool tryLock() QOR_TRY_ACQUIRE(true) {
+        if (!_m.try_lock()) return false;
+        _owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        return true;
+    }
+    bool try_lock() QOR_TRY_ACQUIRE(true) { return tryLock(); }
+    // Only the holder ever stores its own id, so a relaxed read answers exactly for this thread.
+    bool heldByCurrentThread() const {
+        return _owner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+    }
+
+private:
+    std::mutex _m;
+    std::atomic<std::thread::id> _owner{};
 };
 
 class QOR_CAPABILITY("mutex") RecursiveMutex {
@@ -147,6 +182,7 @@ private:
 namespace qor {
 using thread::ConditionVariable;
 using thread::Mutex;
+using thread::OwnedMutex;
 using thread::RecursiveMutex;
 using thread::ScopedLock;
 using thread::ScopedUnlock;
