@@ -116,6 +116,40 @@ TEST(ImageDataConversion, HalfWidensExactlyForEveryBitPattern) {
         }
     }
     EXPECT_EQ(one<half>(PfLum32F, 1.0f / 3.0f, PfLum16F).bits(), half(1.0f / 3.0f).bits());
+
+    // To 8 bits, every pattern (NaN, infinities, negatives, subnormals) in rows long enough for
+    // the vector path, and in an RGBA block whose row ends in a scalar tail.
+    std::vector<unsigned char> bytes = convertPacked<unsigned char>(PfLum16F, all, PfLum8, 256, 256);
+    std::vector<unsigned char> rgba =
+        convertPacked<unsigned char>(PfRGBA16F, all, PfRGBA8, 4096 / 4 + 3, 65536 / (4096 + 12));
+    for (int v = 0; v < 65536; ++v) {
+        const float f = float(all[v]);
+        const float c = f > 0.0f ? (f < 1.0f ? f : 1.0f) : 0.0f;  // NaN fails both tests: 0
+        const auto want = (unsigned char)(c * 255.0f + 0.5f);
+        ASSERT_EQ(bytes[v], want) << v;
+        if (std::size_t(v) < rgba.size()) {
+            ASSERT_EQ(rgba[v], want) << v;
+        }
+    }
+}
+
+TEST(ImageDataConversion, LargeEightBitToFloatBlocksMatchTheSmallOnes) {
+    // A destination of more than 8 MiB is written past the cache, from a misaligned row start.
+    const int width = 1536 + 5, height = 1400;
+    std::vector<unsigned char> src(std::size_t(width) * height);
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = (unsigned char)(i * 7 + i / 4099);
+    ImageDataFeature s(width, height, width, PfLum8);
+    ImageDataFeature d(width, height, width + 1, PfLum32F);
+    std::vector<float> out(std::size_t(width + 1) * height + 1, -1.0f);
+    ASSERT_TRUE(ImageDataConversion::convert(d, out.data() + 1, s, src.data()));
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const unsigned char v = src[std::size_t(y) * width + x];
+            ASSERT_EQ(out[1 + std::size_t(y) * (width + 1) + x], float(v) * (1.0f / 255.0f))
+                << x << "," << y;
+        }
+        ASSERT_EQ(out[1 + std::size_t(y) * (width + 1) + width], -1.0f) << "padding of row " << y;
+    }
 }
 
 TEST(ImageDataConversion, OneChannelReplicatesIntoColourWithOpaqueAlpha) {
