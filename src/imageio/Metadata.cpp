@@ -170,12 +170,15 @@ void Metadata::syncFieldsToMap() {
     for (const auto& [key, field] : kInts)
         if (const String* text = m.rawValue(key)) m.ints[field] = detail::metaInt(*text);
 
-    // 4. Times.
+    // 4. Times. Text that is no time (the EXIF "unknown" of zeros) leaves the field alone.
+    auto setTime = [&m](const String* text, MetadataField field) {
+        Timestamp time;
+        if (text && Timestamp::fromMetaString(*text, time)) m.times[field] = time;
+    };
     const String* original = m.rawValue("exif:DateTimeOriginal");
     if (!original) original = m.rawValue("tiff:DateTime");
-    if (original) m.times[F::OriginalTime] = Timestamp::fromMetaString(*original);
-    if (const String* digitized = m.rawValue("exif:DateTimeDigitized"))
-        m.times[F::DigitizedTime] = Timestamp::fromMetaString(*digitized);
+    setTime(original, F::OriginalTime);
+    setTime(m.rawValue("exif:DateTimeDigitized"), F::DigitizedTime);
 
     static const std::pair<const char*, MetadataField> kDoubles1[] = {
         {"exif:ExposureTime", F::ExposureTime},    {"exif:ShutterSpeedValue", F::ShutterSpeed},

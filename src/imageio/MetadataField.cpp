@@ -77,8 +77,15 @@ const FieldInfo* lookup(MetadataField field) {
 }  // namespace
 
 FastString<char> fieldName(MetadataField field) {
+    // Built once, so that a name handed out shares its buffer instead of allocating.
+    static const auto names = [] {
+        std::array<FastString<char>, MetadataFieldEnd> table;
+        for (int i = 0; i < MetadataFieldEnd; ++i)
+            if (kFields[i].name) table[i] = FastString<char>(kFields[i].name);
+        return table;
+    }();
     const FieldInfo* info = lookup(field);
-    return info ? FastString<char>(info->name) : FastString<char>();
+    return info ? names[static_cast<int>(field)] : FastString<char>();
 }
 
 MetadataType fieldDataType(MetadataField field) {

@@ -1,0 +1,103 @@
+#pragma once
+// Test files for the imageio tests, made in code: small JPEGs from libjpeg, with metadata written
+// into them by Exiv2 itself, and a temporary folder to put files in.
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+// jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
+
+#include <exiv2/exiv2.hpp>
+
+#include "imageio/detail/Exiv2Setup.h"
+
+namespace qor::imageio::testing {
+
+using Bytes = std::vector<uint8_t>;
+
+// A baseline RGB JPEG of the given size: a gradient, so that it is not all one colour.
+inline Bytes makeJpeg(int width, int height, int quality = 80) {
+    jpeg_compress_struct c;
+    jpeg_error_mgr err;
+    c.err = jpeg_std_error(&err);
+    jpeg_create_compress(&c);
+    unsigned char* buffer = nullptr;
+    unsigned long size = 0;
+    jpeg_mem_dest(&c, &buffer, &size);
+    c.image_width = static_cast<JDIMENSION>(width);
+    c.image_height = static_cast<JDIMENSION>(height);
+    c.input_components = 3;
+    c.in_color_space = JCS_RGB;
+    jpeg_set_defaults(&c);
+    jpeg_set_quality(&c, quality, TRUE);
+    jpeg_start_compress(&c, TRUE);
+    std::vector<unsigned char> row(static_cast<size_t>(width) * 3);
+    while (c.next_scanline < c.image_height) {
+        for (int x = 0; x < width; ++x) {
+            row[x * 3] = static_cast<unsigned char>(x * 255 / width);
+            row[x * 3 + 1] = static_cast<unsigned char>(c.next_scanline * 255 / c.image_height);
+            row[x * 3 + 2] = 128;
+        }
+        JSAMPROW rows[1] = {row.data()};
+        jpeg_write_scanlines(&c, rows, 1);
+    }
+    jpeg_finish_compress(&c);
+    jpeg_destroy_compress(&c);
+    Bytes out(buffer, buffer + size);
+    std::free(buffer);
+    return out;
+}
+
+// The file with the metadata that `edit` puts on it, written by Exiv2.
+inline Bytes withMetadata(const Bytes& file, const std::function<void(Exiv2::Image&)>& edit) {
+    detail::ensureExiv2Initialized();
+    Exiv2::Image::AutoPtr image =
+        Exiv2::ImageFactory::open(file.data(), static_cast<long>(file.size()));
+    image->readMetadata();
+    edit(*image);
+    image->writeMetadata();
+    Exiv2::BasicIo& io = image->io();
+    io.open();
+    Bytes out(io.size());
+    io.read(out.data(), static_cast<long>(out.size()));
+    io.close();
+    return out;
+}
+
+// A fresh folder under $TMPDIR (or /tmp), removed with its contents at the end.
+class TempFolder {
+public:
+    TempFolder() {
+        const char* base = std::getenv("TMPDIR");
+        std::string pattern = std::string(base && *base ? base : "/tmp") + "/qor-imageio-XXXXXX";
+        if (::mkdtemp(pattern.data())) _path = pattern;
+    }
+    ~TempFolder() {
+        std::error_code ec;
+        if (!_path.empty()) std::filesystem::remove_all(_path, ec);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    // Writes `bytes` to a file of that name in the folder and returns its path.
+    std::string write(const std::string& name, const Bytes& bytes) const {
+        std::string path = _path + "/" + name;
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
+        return path;
+    }
+    const std::string& path() const { return _path; }
+
+private:
+    std::string _path;
+};
+
+}  // namespace qor::imageio::testing
