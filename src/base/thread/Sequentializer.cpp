@@ -82,8 +82,11 @@ void Sequentializer::runner(const std::shared_ptr<State>& state) {
         const void* outer = tCurrentSequentializer;
         tCurrentSequentializer = &s;
         runLogged(fn, "Sequentializer: task");
-        tCurrentSequentializer = outer;
+        // The task's bound state may hold the last reference to the sequentializer's owner: it
+        // goes while this thread still counts as running the sequentializer's task, so that the
+        // destructor does not wait for the runner that is destroying it.
         fn = nullptr;
+        tCurrentSequentializer = outer;
         int nextPriority;
         {
             ScopedLock<Mutex> lock(s.mutex);

@@ -1,0 +1,455 @@
+#include "imaging/TileRequestTaskMerger.h"
+
+#include <exception>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/thread/JobGroup.h"
+#include "imaging/ImageSource.h"
+#include "imaging/ImageSourceJobs.h"
+#include "imaging/ImageTile.h"
+
+namespace qor::imaging {
+
+using thread::DependentJob;
+
+namespace {
+
+ComputedTileInfo endRecord(ComputedTileInfo::Status status, const SharedPtr<ImageSource>& source) {
+    ComputedTileInfo info;
+    info.type = ComputedTileInfo::RequestEnded;
+    info.status = status;
+    info.source = source;
+    info.pos = GenVec<int, 2>(-1, -1);
+    return info;
+}
+
+// Calls a caller's callback; what it throws stays with it.
+template <class F, class... A>
+void callGuarded(const F& fn, A&&... args) {
+    if (!fn) return;
+    try {
+        fn(std::forward<A>(args)...);
+    } catch (const std::exception& e) {
+        QOR_ASSERT_TEXT(false, "false");
+        QOR_LOG(LogError, "tile callback threw an exception: %*", e.what());
+    }
+}
+
+}  // namespace
+
+// ---- Handle ----
+
+TileRequestTaskMerger::Handle::Handle(const SharedPtr<Task>& task, const TileCallback& tileCallback,
+                                      const ProgressCallback& progress)
+    : _task(task), _tileCallback(tileCallback), _progressCallback(progress) {}
+
+SharedPtr<TileRequestTaskMerger::Handle> TileRequestTaskMerger::Handle::create(
+    const SharedPtr<Task>& task, const TileCallback& tileCallback,
+    const ProgressCallback& progress) {
+    SharedPtr<Handle> handle(new Handle(task, tileCallback, progress));
+    QOR_ASSERT_TEXT(handle->_selfRef.expired(), "_selfRef.isNull()");
+    handle->_selfRef = handle;
+    return handle;
+}
+
+bool TileRequestTaskMerger::Handle::finished() const {
+    SharedPtr<Task> task = _task.lock();
+    return !task || task->finished();
+}
+
+void TileRequestTaskMerger::Handle::cancel() {
+    SharedPtr<Task> task = _task.lock();
+    if (!task || task->finished()) return;
+    _cancelled.store(true, std::memory_order_release);
+    task->cancel(selfRef());
+}
+
+bool TileRequestTaskMerger::Handle::cancelled() const {
+    return _cancelled.load(std::memory_order_acquire);
+}
+
+SharedPtr<ImageSource> TileRequestTaskMerger::Handle::source() const {
+    SharedPtr<Task> task = _task.lock();
+    return task ? task->source() : nullptr;
+}
+
+bool TileRequestTaskMerger::Handle::isSameRequest(const SharedPtr<ImageSource>& source,
+                                                  const TileSet& tiles,
+                                                  unsigned int version) const {
+    SharedPtr<Task> task = _task.lock();
+    return task && task->source() == source && task->tiles() == tiles &&
+           task->version() == version;
+}
+
+// ---- Task ----
+
+TileRequestTaskMerger::Task::Task(const SharedPtr<ImageSource>& source, const TileSet& tiles,
+                                  unsigned int version,
+                                  const SharedPtr<thread::JobScoreFunction>& score)
+    : _source(source), _tiles(tiles), _version(version), _scoreFunction(score) {}
+
+bool TileRequestTaskMerger::Task::finished() const {
+    ScopedLock<Mutex> lock(_mutex);
+    return _finished;
+}
+
+bool TileRequestTaskMerger::Task::cancelled() const {
+    ScopedLock<Mutex> lock(_mutex);
+    return _cancelled;
+}
+
+void TileRequestTaskMerger::Task::addHandle(const SharedPtr<Handle>& handle) {
+    ScopedLock<Mutex> lock(_mutex);
+    _taskHandles.insert(handle);
+}
+
+void TileRequestTaskMerger::Task::reportOutdated() {
+    HandleSet handles;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        _finished = true;
+        handles = _taskHandles;
+    }
+    const ComputedTileInfo record = endRecord(ComputedTileInfo::Outdated, _source);
+    for (const SharedPtr<Handle>& handle : handles) callGuarded(handle->tileCallback(), record);
+}
+
+void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& merger,
+                                      const SharedPtr<Task>& self) {
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        if (_cancelled) {
+            QOR_ASSERT_TEXT(_taskHandles.empty(), "_taskHandles.empty()");
+            lock.unlock();
+            merger->notifyTaskStart(self);
+            merger->notifyTaskFinish(self);
+            return;
+        }
+    }
+    if (_version != _source->version()) {
+        merger->notifyTaskStart(self);
+        reportOutdated();
+        merger->notifyTaskFinish(self);
+        return;
+    }
+    ComputedTileInfo end = endRecord(ComputedTileInfo::Success, _source);
+    end.pos = GenVec<int, 2>(-2, -2);
+    std::vector<ComputedTileInfo> cachedRecords;
+    bool outdated = false;
+    merger->notifyTaskStart(self);
+    try {
+        const GenVec<int, 2> count = _source->tileLayout().tileCount;
+        std::vector<GenVec<int, 2>> working;
+        for (const GenVec<int, 2>& idx : _tiles) {
+            if (idx.x < 0 || idx.y < 0 || idx.x >= count.x || idx.y >= count.y) continue;
+            unsigned int cachedVersion = 0;
+            SharedPtr<const ImageTile> tile =
+                _source->getTile(idx.x, idx.y, true, &cachedVersion, ImageSource::OnRequest());
+            if (tile && cachedVersion == _version) {
+                ComputedTileInfo info;
+                info.type = ComputedTileInfo::TileReady;
+                info.status = ComputedTileInfo::Success;
+                info.source = _source;
+                info.tile = tile;
+                info.pos = idx;
+                cachedRecords.push_back(info);
+            } else {
+                working.push_back(idx);
+            }
+        }
+        if (!working.empty()) {
+            std::vector<ImageSource::TileGetter> getters;
+            ImageSource::JobSet jobs;
+            thread::DependentJobMerger jobMerger;
+            _source->computeJobsV(getters, working, jobs, jobMerger, _version, &outdated);
+            if (!outdated) {
+                thread::createGroup(jobs, "TileRequestTaskMerger");
+                ImageSource::Debug_OnStartProcessingSource().emit(_source, jobs);
+                // The final jobs of the request are the ones computeJobsV handed back.
+                const ImageSource::JobSet finalJobs = jobs;
+                _executor.process(_scoreFunction, jobs,
+                                  [this, &finalJobs](const SharedPtr<DependentJob>& job) {
+                                      jobFinished(job, finalJobs);
+                                  });
+            }
+        }
+    } catch (const ImagingException& e) {
+        QOR_LOG(LogError, "ImagingException caught: %*", e.what());
+        end.status = ComputedTileInfo::Error;
+        end.errorType = e.type();
+        end.errorMessage = e.what();
+    } catch (const Exception& e) {
+        QOR_LOG(LogError, "qor::Exception caught: %*", e.what());
+        end.status = ComputedTileInfo::Error;
+        end.errorType = ImagingException::TypeUnknown;
+        end.errorMessage = e.what();
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "std::exception caught: %*", e.what());
+        end.status = ComputedTileInfo::Error;
+        end.errorType = ImagingException::TypeUnknown;
+        end.errorMessage = e.what();
+    } catch (...) {
+        QOR_LOG(LogError, "Unknown exception caught!!");
+        end.status = ComputedTileInfo::Error;
+        end.errorType = ImagingException::TypeUnknown;
+        end.errorMessage = "UNKNOWN ERROR";
+    }
+    if (outdated) {
+        reportOutdated();
+        merger->notifyTaskFinish(self);
+        return;
+    }
+
+    HandleSet handles;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        _finished = true;
+        ++_delivering;
+    }
+    if (!cachedRecords.empty()) deliver(cachedRecords, 1.0, false);
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        handles = _taskHandles;
+    }
+    for (const SharedPtr<Handle>& handle : handles) {
+        {
+            ScopedLock<Mutex> lock(_mutex);
+            if (_taskHandles.find(handle) == _taskHandles.end()) continue;
+        }
+        callGuarded(handle->tileCallback(), end);
+    }
+    endDelivery();
+
+    if (end.status == ComputedTileInfo::Error) {
+        // The announcement follows the record's type, which for an end record is never the
+        // rendering type: a failed request is always the source's exception.
+        ImageSource::OnException().emit(ImagingException(
+            end.errorType, std::string(end.errorMessage.view()), std::string(logSourcePath(__FILE__))));
+    }
+    {
+        // The task keeps its handles until it ends; after that only the handles keep themselves.
+        ScopedLock<Mutex> lock(_mutex);
+        _taskHandles.clear();
+        _cancelWhileDelivering.clear();
+    }
+    merger->notifyTaskFinish(self);
+}
+
+void TileRequestTaskMerger::Task::jobFinished(const SharedPtr<DependentJob>& job,
+                                              const std::set<SharedPtr<DependentJob>>& finalJobs) {
+    auto* isj = dynamic_cast<ImageSourceJob*>(job.get());
+    if (!isj) {
+        QOR_ASSERT_TEXT(dynamic_cast<TerminatorJob*>(job.get()),
+                        "isj || dynamic_cast<TerminatorJob*>(job.get())");
+        return;
+    }
+    if (isj->exceptionOccurred())
+        throw ImagingException(isj->exceptionType(), std::string(isj->exceptionMessage().view()),
+                               std::string(logSourcePath(__FILE__)));
+    if (finalJobs.find(job) == finalJobs.end()) return;
+    auto* finishInterface = dynamic_cast<TileFinishInterface*>(job.get());
+    QOR_ASSERT_TEXT(finishInterface, "finishInterface");
+    if (!finishInterface) return;
+    unsigned int done = 0, running = 0, total = 0;
+    _executor.progress(done, running, total);
+    const double progress = total ? double(done + running) / double(total) : 1.0;
+    std::vector<TileFinishInterface::TileInfo> tiles;
+    finishInterface->getFinishedTiles(tiles);
+    std::vector<ComputedTileInfo> records;
+    for (const TileFinishInterface::TileInfo& info : tiles) {
+        ComputedTileInfo record;
+        record.type = ComputedTileInfo::TileReady;
+        record.status = ComputedTileInfo::Success;
+        record.source = info.source;
+        record.tile = info.tile;
+        record.pos = info.pos;
+        records.push_back(record);
+    }
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        if (_cancelled) return;
+        ++_delivering;
+    }
+    deliver(records, progress, true);
+    endDelivery();
+}
+
+void TileRequestTaskMerger::Task::endDelivery() {
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        // Jobs finish on several threads at once: the cancellations wait for the last delivery.
+        if (--_delivering > 0) return;
+    }
+    runDeferredCancels();
+}
+
+void TileRequestTaskMerger::Task::deliver(const std::vector<ComputedTileInfo>& records,
+                                          double progress, bool withProgress) {
+    for (const ComputedTileInfo& record : records) {
+        HandleSet handles;
+        {
+            ScopedLock<Mutex> lock(_mutex);
+            handles = _taskHandles;
+        }
+        for (const SharedPtr<Handle>& handle : handles) {
+            {
+                ScopedLock<Mutex> lock(_mutex);
+                if (_taskHandles.find(handle) == _taskHandles.end() ||
+                    _cancelWhileDelivering.count(handle))
+                    continue;
+            }
+            callGuarded(handle->tileCallback(), record);
+            {
+                ScopedLock<Mutex> lock(_mutex);
+                if (_taskHandles.find(handle) == _taskHandles.end() ||
+                    _cancelWhileDelivering.count(handle))
+                    continue;
+            }
+            if (withProgress) callGuarded(handle->progressCallback(), progress);
+        }
+    }
+}
+
+bool TileRequestTaskMerger::Task::removeHandleUnlocked(const SharedPtr<Handle>& handle,
+                                                       bool* stopJobs) {
+    auto it = _taskHandles.find(handle);
+    QOR_ASSERT_TEXT(it != _taskHandles.end(), "_taskHandles.find(handle) != _taskHandles.end()");
+    if (it == _taskHandles.end()) {
+        QOR_ASSERT_MSG(false, "Apparently there is a race concerning the handles in a Task!");
+        QOR_LOG(LogInfo,
+                "TileRequestTaskMerger::Task::cancel canceling a handle that does not exist");
+        return false;
+    }
+    _taskHandles.erase(it);
+    if (_taskHandles.empty() && !_cancelled) {
+        _cancelled = true;
+        *stopJobs = true;
+    }
+    return true;
+}
+
+void TileRequestTaskMerger::Task::sendCancelled(const SharedPtr<Handle>& handle) {
+    callGuarded(handle->tileCallback(), endRecord(ComputedTileInfo::Cancelled, _source));
+}
+
+void TileRequestTaskMerger::Task::cancel(const SharedPtr<Handle>& handle) {
+    if (!handle) return;
+    bool stopJobs = false;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        if (_delivering > 0) {
+            if (_taskHandles.count(handle)) _cancelWhileDelivering.insert(handle);
+            return;
+        }
+        if (_finished || _cancelled) return;
+        if (!removeHandleUnlocked(handle, &stopJobs)) return;
+    }
+    if (stopJobs) _executor.cancel();
+    sendCancelled(handle);
+}
+
+void TileRequestTaskMerger::Task::runDeferredCancels() {
+    HandleSet deferred;
+    bool stopJobs = false;
+    std::vector<SharedPtr<Handle>> removed;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        deferred.swap(_cancelWhileDelivering);
+        for (const SharedPtr<Handle>& handle : deferred)
+            if (removeHandleUnlocked(handle, &stopJobs)) removed.push_back(handle);
+    }
+    if (stopJobs) _executor.cancel();
+    for (const SharedPtr<Handle>& handle : removed) sendCancelled(handle);
+}
+
+void TileRequestTaskMerger::Task::cancelAll() {
+    HandleSet handles;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        handles = _taskHandles;
+    }
+    for (const SharedPtr<Handle>& handle : handles) handle->cancel();
+}
+
+// ---- the merger ----
+
+TileRequestTaskMerger::TileRequestTaskMerger() = default;
+
+TileRequestTaskMerger::~TileRequestTaskMerger() = default;
+
+SharedPtr<TileRequestTaskMerger> TileRequestTaskMerger::create() {
+    SharedPtr<TileRequestTaskMerger> merger(new TileRequestTaskMerger());
+    merger->setupSelfRef(merger);
+    return merger;
+}
+
+void TileRequestTaskMerger::setupSelfRef(const SharedPtr<TileRequestTaskMerger>& self) {
+    QOR_ASSERT_TEXT(_selfRef.expired(), "_selfRef.isNull()");
+    _selfRef = self;
+}
+
+SharedPtr<TileRequestTaskMerger::Handle> TileRequestTaskMerger::execute(
+    const SharedPtr<ImageSource>& source, const TileSet& tiles, unsigned int version,
+    const SharedPtr<thread::JobScoreFunction>& score, const TileCallback& tileCallback,
+    const ProgressCallback& progress) {
+    ScopedLock<Mutex> lock(_mutex);
+    for (const SharedPtr<Task>& task : _pendingTasks) {
+        if (task->source() == source && task->tiles() == tiles && task->version() == version) {
+            SharedPtr<Handle> handle = Handle::create(task, tileCallback, progress);
+            task->addHandle(handle);
+            return handle;
+        }
+    }
+    auto task = std::make_shared<Task>(source, tiles, version, score);
+    SharedPtr<Handle> handle = Handle::create(task, tileCallback, progress);
+    task->addHandle(handle);
+    _pendingTasks.insert(task);
+    SharedPtr<TileRequestTaskMerger> self = selfRef();
+    lock.unlock();
+    _sequentializer.addTask([self, task] {
+        QOR_ASSERT_TEXT(bool(self) && bool(task), "(bool)merger && (bool)self");
+        if (self && task) task->run(self, task);
+    });
+    return handle;
+}
+
+void TileRequestTaskMerger::notifyTaskStart(const SharedPtr<Task>& task) {
+    ScopedLock<Mutex> lock(_mutex);
+    QOR_ASSERT_TEXT(_startedTasks.find(task) == _startedTasks.end(),
+                    "_startedTasks.find(task) == _startedTasks.end()");
+    auto it = _pendingTasks.find(task);
+    // A task that was terminated before it started is in neither set.
+    if (it == _pendingTasks.end()) return;
+    _pendingTasks.erase(it);
+    _startedTasks.insert(task);
+}
+
+void TileRequestTaskMerger::notifyTaskFinish(const SharedPtr<Task>& task) {
+    ScopedLock<Mutex> lock(_mutex);
+    _startedTasks.erase(task);
+}
+
+void TileRequestTaskMerger::terminateAllTasks() {
+    std::set<SharedPtr<Task>> tasks;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        tasks.insert(_pendingTasks.begin(), _pendingTasks.end());
+        tasks.insert(_startedTasks.begin(), _startedTasks.end());
+        _pendingTasks.clear();
+        _startedTasks.clear();
+    }
+    for (const SharedPtr<Task>& task : tasks) task->cancelAll();
+}
+
+size_t TileRequestTaskMerger::pendingTaskCount() const {
+    ScopedLock<Mutex> lock(_mutex);
+    return _pendingTasks.size();
+}
+
+size_t TileRequestTaskMerger::startedTaskCount() const {
+    ScopedLock<Mutex> lock(_mutex);
+    return _startedTasks.size();
+}
+
+}  // namespace qor::imaging
