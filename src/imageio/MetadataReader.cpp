@@ -193,10 +193,10 @@ SharedPtr<Metadata> readMetadata(RandomAccessFile& file) {
     try {
         return readExiv2(file);
     } catch (const std::exception& e) {
-        QOR_LOG(LogWarning, "readMetadata: failed to read metadata of '%*': %*", file.name(),
+        QOR_LOG(LogInfo, "readMetadata: failed to read metadata of '%*': %*", file.name(),
                 e.what());
     } catch (...) {
-        QOR_LOG(LogWarning, "readMetadata: failed to read metadata of '%*': unknown error",
+        QOR_LOG(LogInfo, "readMetadata: failed to read metadata of '%*': unknown error",
                 file.name());
     }
     return nullptr;
@@ -207,7 +207,7 @@ SharedPtr<Metadata> readMetadata(const FastString<char>& path) {
     try {
         file = std::make_unique<RandomAccessFileStd>(path.view());
     } catch (const std::exception& e) {
-        QOR_LOG(LogWarning, "readMetadata: failed to read metadata of '%*': %*", path, e.what());
+        QOR_LOG(LogInfo, "readMetadata: failed to read metadata of '%*': %*", path, e.what());
         return nullptr;
     }
     return readMetadata(*file);

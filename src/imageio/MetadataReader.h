@@ -8,8 +8,9 @@
 // strings, and City, State and Country from the IPTC datasets 2:90, 2:95 and 2:101.
 //
 // None of these functions throws: a missing, empty, unknown, truncated or damaged file gives null
-// and one log line at level 3 that names the file and the reason. They block on file reads and may
-// run on any number of threads at once.
+// and one log line at level 2 (info) that names the file and the reason, leaving the warning to the
+// caller, who knows what the file was read for. Exiv2's own messages go to the log at levels 0
+// and 1. They block on file reads and may run on any number of threads at once.
 
 #include <cstdint>
 

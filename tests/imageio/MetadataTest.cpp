@@ -66,39 +66,22 @@ TEST(Metadata, EmptyObjectAnswersZeroAndFalse) {
     S raw("untouched");
     EXPECT_FALSE(m.get(S("xmp:Rating"), raw));
     EXPECT_EQ(raw, "untouched");
-    EXPECT_EQ(m.thumbLocation(), 0);
 }
 
-TEST(Metadata, TypedValuesRoundTripPerType) {
+TEST(Metadata, EachTypeHasItsOwnMap) {
     Metadata m;
-    Digest d = *Digest::fromHex("00112233445566778899aabbccddeeff");
-    Timestamp t = Timestamp::fromFields(2021, 6, 5, 4, 3, 2);
-    m.set(F::ISOSensitivity, 400);
-    m.set(F::Imagesize, Vec2i(640, 480));
     m.set(F::FNumber, 2.8);
-    m.set(F::AverageColor, Vec3d(0.1, 0.2, 0.3));
-    m.set(F::DcTitle, S("Title"));
-    m.set(F::OriginalTime, t);
-    m.set(F::MD5, d);
+    m.set(F::ISOSensitivity, 400);
+    m.set(F::MD5, *Digest::fromHex("00112233445566778899aabbccddeeff"));
     int i = 0;
     double x = 0;
-    Vec3d v3;
-    S s;
-    Digest dd;
-    EXPECT_TRUE(m.get(F::ISOSensitivity, i));
-    EXPECT_EQ(i, 400);
-    EXPECT_EQ(m.size(), Vec2i(640, 480));
-    EXPECT_TRUE(m.get(F::FNumber, x));
-    EXPECT_EQ(x, 2.8);
-    EXPECT_TRUE(m.get(F::AverageColor, v3));
-    EXPECT_EQ(v3, Vec3d(0.1, 0.2, 0.3));
-    EXPECT_TRUE(m.get(F::DcTitle, s));
-    EXPECT_EQ(s, "Title");
-    EXPECT_EQ(m.captureTime(), t);
-    EXPECT_TRUE(m.get(F::MD5, dd));
-    EXPECT_EQ(dd, d);
-    // Each type has its own map: the same field read as another type is absent.
+    Digest d;
     EXPECT_FALSE(m.get(F::FNumber, i));
+    EXPECT_FALSE(m.get(F::ISOSensitivity, x));
+    EXPECT_TRUE(m.get(F::FNumber, x));
+    EXPECT_TRUE(m.get(F::ISOSensitivity, i));
+    EXPECT_TRUE(m.get(F::MD5, d));
+    EXPECT_EQ(d.toHex(), "00112233445566778899aabbccddeeff");
     EXPECT_TRUE(m.rawMap().empty());
 }
 
