@@ -1,5 +1,7 @@
 #include "imaging/TileCache.h"
 
+#include "imaging/TilingImageSource.h"
+
 #include <atomic>
 #include <climits>
 #include <functional>
@@ -118,6 +120,9 @@ void TileCache::touchLifeTile(const ImageSource* source, const Recti& rect) {
 
 void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
                               const Recti& rect, unsigned int version) {
+    // A tiling source holds its own tiles; they never go into the cache.
+    QOR_ASSERT_TEXT(dynamic_cast<const TilingImageSource*>(source) == nullptr,
+                    "dynamic_cast<const TilingImageSource*>(src) == 0");
     QOR_ASSERT(tile);
     if (!tile) return;
     CacheState& s = state();

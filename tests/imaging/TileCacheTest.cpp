@@ -8,6 +8,7 @@
 
 #include "base/Log.h"
 #include "imaging/ImageTile.h"
+#include "imaging/ImageSource.h"
 #include "imaging/TileCache.h"
 
 namespace {
@@ -24,13 +25,18 @@ using Cache = qor::imaging::TileCache;
 
 constexpr RawPixelFormat kRGBA8 = qor::imaging::PfRGBA8;
 
-// The cache uses source pointers as keys only and never follows them, so distinct addresses of
-// plain bytes stand in for sources.
-struct FakeSources {
-    char bytes[4] = {};
-    const ImageSource* operator[](int i) const {
-        return reinterpret_cast<const ImageSource*>(&bytes[i]);
+// Sources that serve as keys only: the cache never asks them for tiles.
+class KeySource : public qor::imaging::ImageSource {
+public:
+    KeySource() : ImageSource(Vec2i(1, 1), qor::imaging::PfRGBA8) {}
+    qor::imaging::TileLayout tileLayout() const override {
+        return qor::imaging::TileLayout(Vec2i(1, 1), Vec2i(1, 1), Vec2i(0, 0), Vec2i(1, 1));
     }
+};
+
+struct FakeSources {
+    KeySource sources[4];
+    const ImageSource* operator[](int i) const { return &sources[i]; }
 };
 
 // A tile without pixels: the cache costs tiles by their nominal size, not what they hold.
