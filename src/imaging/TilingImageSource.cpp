@@ -37,7 +37,10 @@ bool tilesFitLayout(const GenVec<int, 2>& size, const GenVec<int, 2>& tileSize,
 }  // namespace
 
 TilingImageSource::TilingImageSource(GenVec<int, 2> size, RawPixelFormat format)
-    : ImageSource(size, format) {}
+    : ImageSource(size, format) {
+    // Its tiles are its own: caching takes the default state, which is off.
+    enableCaching(true);
+}
 
 SharedPtr<TilingImageSource> TilingImageSource::create(const GenVec<int, 2>& size,
                                                        const GenVec<int, 2>& tileSize,

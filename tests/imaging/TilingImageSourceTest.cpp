@@ -21,12 +21,12 @@ SharedPtr<GenImageData<unsigned char, 4>> pattern(int width, int height) {
 }
 
 TEST(TilingImageSource, CutsAtTheGpuTileSizeAndKeepsEveryPixel) {
-    ASSERT_EQ(ImageSource::getGPUPreferredTileSize(), GenVec<int, 2>(1024, 1024));
+    ASSERT_EQ(ImageSource::getGPUPreferredTileSize(), (GenVec<int, 2>(1024, 1024)));
     auto data = pattern(3000, 2000);
     auto source = TilingImageSource::createRGBA(data);
     ASSERT_TRUE(source);
     const TileLayout layout = source->tileLayout();
-    EXPECT_EQ(layout.tileCount, GenVec<int, 2>(3, 2));
+    EXPECT_EQ(layout.tileCount, (GenVec<int, 2>(3, 2)));
     EXPECT_EQ(layout.getTileRect(2, 1), Recti(2048, 1024, 952, 976));
     EXPECT_FALSE(source->isCaching());
 
@@ -47,11 +47,11 @@ TEST(TilingImageSource, CutsAtTheGpuTileSizeAndKeepsEveryPixel) {
 TEST(TilingImageSource, SmallImageIsOneTileOfItsOwnSize) {
     auto source = TilingImageSource::createRGBA(pattern(1024, 1024));
     ASSERT_TRUE(source);
-    EXPECT_EQ(source->tileLayout().tileCount, GenVec<int, 2>(1, 1));
+    EXPECT_EQ(source->tileLayout().tileCount, (GenVec<int, 2>(1, 1)));
     auto one = TilingImageSource::createLum32F(GenImageData<float, 1>::create(5, 3));
     ASSERT_TRUE(one);
     EXPECT_EQ(one->pixelFormat(), PfLum32F);
-    EXPECT_EQ(one->getTile(0, 0, false, nullptr, {})->size(), GenVec<int, 2>(5, 3));
+    EXPECT_EQ(one->getTile(0, 0, false, nullptr, {})->size(), (GenVec<int, 2>(5, 3)));
 }
 
 TEST(TilingImageSource, CreateChecksThatPreparedTilesCutTheImage) {
