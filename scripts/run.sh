@@ -8,3 +8,4 @@ cmake --build --preset release
 QOR=build/release/qor
 "$QOR" --version
 "$QOR" jobs --width 64 --depth 8
+"$QOR" tiles --width 3000 --height 2000 --tile 256

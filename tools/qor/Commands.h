@@ -9,6 +9,10 @@ namespace qor::tool {
 // Prints "qor: <message>" on standard error and returns 2.
 int usageError(const std::string& message);
 
+// Parses a whole decimal number; false for anything else.
+bool parseCount(const std::string& text, unsigned long& value);
+
 int runJobsDemo(const std::vector<std::string>& args);
+int runTilesDemo(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

@@ -141,11 +141,6 @@ std::uint64_t sequentialChecksum(unsigned width, unsigned depth) {
 }
 
 // Parses a whole decimal number; false for anything else.
-bool parseCount(const std::string& text, unsigned long& value) {
-    const char* end = text.data() + text.size();
-    auto [ptr, ec] = std::from_chars(text.data(), end, value);
-    return ec == std::errc() && ptr == end && !text.empty();
-}
 
 }  // namespace
 

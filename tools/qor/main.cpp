@@ -1,9 +1,11 @@
 // qor: the command-line tool over libqor.
 // Usage: qor <subcommand> [arguments]. Bad input gives one line on standard error and exit status 2.
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Commands.h"
@@ -30,6 +32,10 @@ const Command kCommands[] = {
     {"version", "print the library's version", runVersion},
     {"jobs", "run a job graph on the job system and report its progress (--width N --depth N)",
      qor::tool::runJobsDemo},
+    {"tiles",
+     "compute a generated image through the tile pipeline and check every pixel "
+     "(--width N --height N --tile N)",
+     qor::tool::runTilesDemo},
 };
 
 int runHelp(const std::vector<std::string>&) {
@@ -45,6 +51,12 @@ namespace qor::tool {
 int usageError(const std::string& message) {
     std::fprintf(stderr, "qor: %s\n", message.c_str());
     return 2;
+}
+
+bool parseCount(const std::string& text, unsigned long& value) {
+    const char* end = text.data() + text.size();
+    auto [ptr, ec] = std::from_chars(text.data(), end, value);
+    return ec == std::errc() && ptr == end && !text.empty();
 }
 }  // namespace qor::tool
 
