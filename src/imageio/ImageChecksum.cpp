@@ -1,0 +1,75 @@
+// The item checksum: MD5 over the first 20480 bytes of a file, alone or while copying the file.
+
+#include <algorithm>
+#include <exception>
+
+#include "base/Log.h"
+#include "base/Md5Stream.h"
+#include "imageio/ImageIO.h"
+#include "imageio/detail/OutputFile.h"
+
+namespace qor::imageio {
+
+namespace {
+
+constexpr size_t ChecksumBlockSize = 1024;
+
+// Reads `source` in blocks from offset 0 and hashes its first ImageChecksumLength bytes. Without
+// a destination it stops once those are in; with one it goes on to the end, writing every block
+// at its offset. Throws what the files throw.
+Digest checksumLoop(RandomAccessFile& source, RandomAccessFile* destination) {
+    Md5Stream md5;
+    unsigned char block[ChecksumBlockSize];
+    uint64_t offset = 0;
+    for (;;) {
+        if (!destination && offset >= ImageChecksumLength) break;
+        const size_t got = source.readAt(offset, block, sizeof block);
+        if (got == 0) break;
+        if (offset < ImageChecksumLength)
+            md5.update(block, size_t(std::min<uint64_t>(got, ImageChecksumLength - offset)));
+        if (destination) destination->writeAt(offset, block, got);
+        offset += got;
+    }
+    return md5.getDigest();
+}
+
+}  // namespace
+
+Digest imageChecksum(RandomAccessFile& file) {
+    try {
+        return checksumLoop(file, nullptr);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "imageChecksum: failed to read '%*': %*", file.name(), e.what());
+        return Digest();
+    }
+}
+
+Digest imageChecksum(const FastString<char>& path) {
+    try {
+        RandomAccessFileStd file(path.view());
+        return checksumLoop(file, nullptr);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "imageChecksum: failed to read '%*': %*", path, e.what());
+        return Digest();
+    }
+}
+
+Digest imageChecksumCopy(const FastString<char>& source, const FastString<char>& destination) {
+    ScopedPtr<RandomAccessFileStd> in;
+    try {
+        in = std::make_unique<RandomAccessFileStd>(source.view());
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "imageChecksumCopy: failed to open '%*': %*", source, e.what());
+        return Digest();
+    }
+    Digest digest;
+    const bool copied =
+        detail::writeNewFile(destination, true, "imageChecksumCopy: failed to create file: %*",
+                             [&](RandomAccessFile& out) {
+                                 digest = checksumLoop(*in, &out);
+                                 return true;
+                             });
+    return copied ? digest : Digest();
+}
+
+}  // namespace qor::imageio

@@ -1,0 +1,480 @@
+// The JPEG codec on libjpeg: the decoder core with its reductions and region of interest, the
+// encoder core, and the public loadJpeg and saveJpeg forms.
+//
+// libjpeg reports errors through error_exit, which long-jumps back into the function that called
+// setjmp (see detail/JpegIO.h). The state of a call therefore lives on the heap, reached through a
+// pointer that does not change after setjmp, and the frames that call into libjpeg hold no object
+// with a destructor while they do.
+
+#include "imageio/detail/JpegCodec.h"
+
+#include <jerror.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/filesystem/FileRegion.h"
+#include "imageio/DecoderRegistry.h"
+#include "imageio/ImageIO.h"
+#include "imageio/MetadataReader.h"
+#include "imageio/detail/JpegIO.h"
+#include "imageio/detail/OutputFile.h"
+
+namespace qor::imageio {
+
+namespace {
+
+using Vec2i = math::GenVec<int, 2>;
+using detail::JpegErrorManager;
+
+// Grey of the rows that a failed decode never reached: what libjpeg makes of missing data.
+constexpr unsigned char MissingGrey = 128;
+
+// Where compressed data come from.
+struct JpegInput {
+    RandomAccessFile* file = nullptr;
+    const void* data = nullptr;
+    size_t size = 0;
+
+    std::string name() const { return file ? file->name() : std::string("memory"); }
+    void install(j_decompress_ptr cinfo) const {
+        if (file)
+            detail::jpegRAFdatasrc(cinfo, *file);
+        else
+            detail::jpegMEMdatasrc(cinfo, data, size);
+    }
+};
+
+// ---------------------------------------------------------------- decoding
+
+struct DecodeState {
+    JpegErrorManager err;
+    jpeg_decompress_struct cinfo;
+    bool started = false;  // scanlines are being read
+    bool cmyk = false;     // the output is CMYK, to be turned into RGB here
+    bool adobeInverted = false;
+    math::Recti roi;  // clipped to the output; empty for the whole picture
+    std::vector<JSAMPLE> line;
+    ImagePtr image;
+    int rowsDone = 0;  // target rows filled so far
+};
+
+void configureDecoder(DecodeState& s, Vec2i size, ImageQuality quality) {
+    jpeg_decompress_struct& c = s.cinfo;
+    if (size != Vec2i(0, 0)) {
+        c.scale_num = 1;
+        c.scale_denom = static_cast<unsigned>(
+            detail::jpegScaleDenominator(Vec2i(int(c.image_width), int(c.image_height)), size));
+    }
+    if (c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK) {
+        // libjpeg turns CMYK into nothing but CMYK; the RGB conversion is done per row here.
+        c.out_color_space = JCS_CMYK;
+        s.cmyk = true;
+        s.adobeInverted = c.saw_Adobe_marker;
+    } else {
+        c.out_color_space = JCS_RGB;
+    }
+    c.dct_method = quality == ImageQualityBest ? JDCT_FLOAT : JDCT_IFAST;
+    c.do_fancy_upsampling = FALSE;
+    c.do_block_smoothing = FALSE;
+    c.quantize_colors = FALSE;
+}
+
+// Sizes the line buffer and the target after jpeg_start_decompress. False (logged) when the region
+// of interest lies outside the picture. Throws std::bad_alloc.
+bool allocateTarget(DecodeState& s, const math::Recti& roi, const std::string& name) {
+    const int width = int(s.cinfo.output_width);
+    const int height = int(s.cinfo.output_height);
+    if (!roi.empty()) {
+        s.roi = roi & math::Recti(0, 0, width, height);
+        if (s.roi.empty()) {
+            QOR_LOG(LogWarning, "decodeJpegCore: region %* lies outside the %*x%* picture of '%*'",
+                    roi, width, height, name);
+            return false;
+        }
+    }
+    s.line.resize(size_t(width) * size_t(s.cinfo.output_components));
+    s.image = s.roi.empty() ? Image4ub::create(width, height)
+                            : Image4ub::create(s.roi.width(), s.roi.height());
+    return true;
+}
+
+void convertRow(const DecodeState& s, const JSAMPLE* in, unsigned char* out, int count) {
+    if (!s.cmyk) {
+        for (int x = 0; x < count; ++x, in += 3, out += 4) {
+            out[0] = in[0];
+            out[1] = in[1];
+            out[2] = in[2];
+            out[3] = 255;
+        }
+        return;
+    }
+    // Adobe writes CMYK inverted (0 is full ink); others write it plain.
+    for (int x = 0; x < count; ++x, in += 4, out += 4) {
+        const int k = s.adobeInverted ? in[3] : 255 - in[3];
+        for (int c = 0; c < 3; ++c) {
+            const int ink = s.adobeInverted ? in[c] : 255 - in[c];
+            out[c] = static_cast<unsigned char>((ink * k + 127) / 255);
+        }
+        out[3] = 255;
+    }
+}
+
+// Reads the scanlines into the target. Holds no object with a destructor: libjpeg may long-jump
+// out of jpeg_read_scanlines.
+void readRows(DecodeState& s) {
+    j_decompress_ptr c = &s.cinfo;
+    const int components = c->output_components;
+    while (c->output_scanline < c->output_height) {
+        const int y = int(c->output_scanline);
+        if (!s.roi.empty() && y >= s.roi.maxs.y) break;
+        JSAMPROW row = s.line.data();
+        if (jpeg_read_scanlines(c, &row, 1) != 1) break;
+        if (s.roi.empty()) {
+            convertRow(s, row, s.image->row(y), int(c->output_width));
+            s.rowsDone = y + 1;
+        } else if (y >= s.roi.mins.y) {
+            convertRow(s, row + size_t(s.roi.mins.x) * components, s.image->row(y - s.roi.mins.y),
+                       s.roi.width());
+            s.rowsDone = y - s.roi.mins.y + 1;
+        }
+    }
+}
+
+// Rows never reached become opaque grey, so that no uninitialised memory is handed out.
+void fillMissingRows(DecodeState& s) {
+    if (!s.image) return;
+    for (int y = s.rowsDone; y < s.image->height(); ++y) {
+        unsigned char* row = s.image->row(y);
+        std::memset(row, MissingGrey, size_t(s.image->width()) * 4);
+        for (int x = 0; x < s.image->width(); ++x) row[4 * x + 3] = 255;
+    }
+}
+
+// After a long jump: log, keep what was read when scanlines had started, destroy the object.
+ImagePtr decodeFailed(DecodeState& s, const std::string& name) {
+    const std::string message =
+        detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo)) + " ('" + name + "')";
+    if (s.started) {
+        QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed after decompression with: %*", message);
+        fillMissingRows(s);
+    } else {
+        QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed with: %*", message);
+        s.image.reset();
+    }
+    jpeg_destroy_decompress(&s.cinfo);
+    return std::move(s.image);
+}
+
+ImagePtr decodeJpegCore(const JpegInput& input, Vec2i size, ImageQuality quality,
+                        const math::Recti& roi) {
+    const std::string name = input.name();
+    const std::unique_ptr<DecodeState> state = std::make_unique<DecodeState>();
+    DecodeState& s = *state;
+    s.cinfo.err = detail::initJpegErrorManager(s.err);
+    if (setjmp(s.err.jump)) return decodeFailed(s, name);
+
+    jpeg_create_decompress(&s.cinfo);
+    input.install(&s.cinfo);
+    if (jpeg_read_header(&s.cinfo, TRUE) != JPEG_HEADER_OK) {
+        QOR_LOG(LogWarning, "decodeJpegCore: no image in '%*'", name);
+        jpeg_destroy_decompress(&s.cinfo);
+        return nullptr;
+    }
+    configureDecoder(s, size, quality);
+    jpeg_start_decompress(&s.cinfo);
+    bool allocated = false;
+    try {
+        allocated = allocateTarget(s, roi, name);
+    } catch (...) {
+        jpeg_destroy_decompress(&s.cinfo);
+        throw;
+    }
+    if (!allocated) {
+        jpeg_destroy_decompress(&s.cinfo);
+        return nullptr;
+    }
+    s.started = true;
+    readRows(s);
+    fillMissingRows(s);
+    if (s.roi.empty()) jpeg_finish_decompress(&s.cinfo);
+    jpeg_destroy_decompress(&s.cinfo);
+    return std::move(s.image);
+}
+
+ImagePtr decodeAndReduce(const JpegInput& input, Vec2i size, ImageQuality quality,
+                         const math::Recti& roi) {
+    ImagePtr image = decodeJpegCore(input, size, quality, roi);
+    if (image && roi.empty() && size != Vec2i(0, 0) &&
+        (size.x < image->width() || size.y < image->height()))
+        image = scaleTrilinear_destructive(std::move(image), size.x, size.y, ScaleFitInside);
+    return image;
+}
+
+// The picture size from the JPEG header; (0, 0) when there is no header.
+struct HeaderState {
+    JpegErrorManager err;
+    jpeg_decompress_struct cinfo;
+};
+
+Vec2i jpegHeaderSize(RandomAccessFile& file) {
+    const std::unique_ptr<HeaderState> state = std::make_unique<HeaderState>();
+    HeaderState& s = *state;
+    s.cinfo.err = detail::initJpegErrorManager(s.err);
+    if (setjmp(s.err.jump)) {
+        QOR_LOG(LogDebug, "readJpegMetadata: no JPEG header in '%*': %*", file.name(),
+                detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo)));
+        jpeg_destroy_decompress(&s.cinfo);
+        return Vec2i(0, 0);
+    }
+    jpeg_create_decompress(&s.cinfo);
+    detail::jpegRAFdatasrc(&s.cinfo, file);
+    Vec2i size(0, 0);
+    if (jpeg_read_header(&s.cinfo, TRUE) == JPEG_HEADER_OK)
+        size = Vec2i(int(s.cinfo.image_width), int(s.cinfo.image_height));
+    jpeg_destroy_decompress(&s.cinfo);
+    return size;
+}
+
+// ---------------------------------------------------------------- encoding
+
+// Where compressed data go.
+struct JpegOutput {
+    RandomAccessFile* file = nullptr;
+    bool fixedSize = false;
+    void* buffer = nullptr;
+    size_t size = 0;
+    size_t* written = nullptr;
+
+    std::string name() const { return file ? file->name() : std::string("memory"); }
+    void install(j_compress_ptr cinfo) const {
+        if (file)
+            detail::jpegRAFdatadst(cinfo, *file, fixedSize);
+        else
+            detail::jpegMEMdatadst(cinfo, buffer, size, written);
+    }
+};
+
+using RowSource = Function0<const unsigned char*>;
+
+struct EncodeState {
+    JpegErrorManager err;
+    jpeg_compress_struct cinfo;
+    std::vector<JSAMPLE> row;
+    bool stopped = false;  // the row source ran dry
+};
+
+// Feeds the rows, alpha dropped. Holds no object with a destructor while libjpeg runs.
+void writeRows(EncodeState& s, const RowSource& nextRow) {
+    j_compress_ptr c = &s.cinfo;
+    while (c->next_scanline < c->image_height) {
+        const unsigned char* pixels = nextRow ? nextRow() : nullptr;
+        if (!pixels) {
+            s.stopped = true;
+            return;
+        }
+        JSAMPLE* out = s.row.data();
+        for (JDIMENSION x = 0; x < c->image_width; ++x, pixels += 4, out += 3) {
+            out[0] = pixels[0];
+            out[1] = pixels[1];
+            out[2] = pixels[2];
+        }
+        JSAMPROW rows[1] = {s.row.data()};
+        jpeg_write_scanlines(c, rows, 1);
+    }
+}
+
+bool encodeFailed(EncodeState& s, const std::string& name) {
+    QOR_LOG(LogError, "encodeJpegCore: libjpeg failed with: %*",
+            detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo)) + " ('" + name + "')");
+    jpeg_destroy_compress(&s.cinfo);
+    return false;
+}
+
+bool encodeJpegCore(const JpegOutput& output, Vec2i size, const RowSource& nextRow, bool floatDct,
+                    int quality) {
+    QOR_ASSERT_TEXT(0 <= quality && quality <= 100, "0 <= quality && quality <= 100");
+    const std::string name = output.name();
+    if (size.x <= 0 || size.y <= 0) {
+        QOR_LOG(LogError, "encodeJpegCore: nothing to encode, size %*x%* ('%*')", size.x, size.y,
+                name);
+        return false;
+    }
+    const std::unique_ptr<EncodeState> state = std::make_unique<EncodeState>();
+    EncodeState& s = *state;
+    s.cinfo.err = detail::initJpegErrorManager(s.err);
+    if (setjmp(s.err.jump)) return encodeFailed(s, name);
+
+    jpeg_create_compress(&s.cinfo);
+    output.install(&s.cinfo);
+    s.cinfo.image_width = JDIMENSION(size.x);
+    s.cinfo.image_height = JDIMENSION(size.y);
+    s.cinfo.input_components = 3;
+    s.cinfo.in_color_space = JCS_RGB;
+    jpeg_set_defaults(&s.cinfo);
+    jpeg_set_quality(&s.cinfo, quality, FALSE);
+    if (floatDct) s.cinfo.dct_method = JDCT_FLOAT;
+    jpeg_start_compress(&s.cinfo, TRUE);
+    try {
+        s.row.resize(size_t(size.x) * 3);
+    } catch (...) {
+        jpeg_destroy_compress(&s.cinfo);
+        throw;
+    }
+    try {
+        writeRows(s, nextRow);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "encodeJpegCore: the row source failed with: %* ('%*')", e.what(), name);
+        jpeg_destroy_compress(&s.cinfo);
+        return false;
+    }
+    jpeg_finish_compress(&s.cinfo);
+    jpeg_destroy_compress(&s.cinfo);
+    return !s.stopped;
+}
+
+bool encodeImage(const JpegOutput& output, const ConstImagePtr& image, int quality) {
+    if (!image) {
+        QOR_LOG(LogError, "saveJpeg: no image to save to '%*'", output.name());
+        return false;
+    }
+    int y = 0;
+    RowSource rows = [&image, &y]() -> const unsigned char* {
+        return y < image->height() ? image->row(y++) : nullptr;
+    };
+    try {
+        return encodeJpegCore(output, Vec2i(image->width(), image->height()), rows, true, quality);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "saveJpeg: failed to save '%*': %*", output.name(), e.what());
+        return false;
+    }
+}
+
+bool encodeRows(const JpegOutput& output, const Vec2i& size, const RowSource& nextRow,
+                int quality) {
+    try {
+        return encodeJpegCore(output, size, nextRow, false, quality);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "saveJpeg: failed to save '%*': %*", output.name(), e.what());
+        return false;
+    }
+}
+
+JpegOutput fileOutput(RandomAccessFile& file) {
+    JpegOutput output;
+    output.file = &file;
+    output.fixedSize = dynamic_cast<FileRegion*>(&file) != nullptr;
+    return output;
+}
+
+bool loadJpegFrom(const JpegInput& input, Vec2i size, ImageQuality quality, ImagePtr* image) {
+    if (!image) return false;
+    image->reset();
+    try {
+        *image = decodeAndReduce(input, size, quality, math::Recti());
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "loadJpeg: failed to load '%*': %*", input.name(), e.what());
+        image->reset();
+    }
+    return *image != nullptr;
+}
+
+}  // namespace
+
+namespace detail {
+
+int jpegScaleDenominator(Vec2i full, Vec2i wanted) {
+    const int w = wanted.x, h = wanted.y;
+    if (w == 0 || h == 0) return 1;
+    for (int denominator : {8, 4, 2})
+        if (w < full.x / denominator || h < full.y / denominator) return denominator;
+    return 1;
+}
+
+ImagePtr decodeJpeg(RandomAccessFile& file, Vec2i size, ImageQuality quality,
+                    const math::Recti& roi) {
+    JpegInput input;
+    input.file = &file;
+    return decodeAndReduce(input, size, quality, roi);
+}
+
+ImagePtr decodeJpeg(const void* data, size_t byteCount, Vec2i size, ImageQuality quality,
+                    const math::Recti& roi) {
+    JpegInput input;
+    input.data = data;
+    input.size = byteCount;
+    return decodeAndReduce(input, size, quality, roi);
+}
+
+SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file) {
+    const Vec2i size = jpegHeaderSize(file);
+    SharedPtr<Metadata> metadata = readMetadata(file);
+    if (metadata && size.x > 0 && size.y > 0) metadata->set(MetadataField::Imagesize, size);
+    return metadata;
+}
+
+}  // namespace detail
+
+bool loadJpeg(RandomAccessFile& file, Vec2i size, ImageQuality quality, ImagePtr* image) {
+    JpegInput input;
+    input.file = &file;
+    return loadJpegFrom(input, size, quality, image);
+}
+
+bool loadJpeg(const void* data, uint64_t byteCount, Vec2i size, ImageQuality quality,
+              ImagePtr* image) {
+    JpegInput input;
+    input.data = data;
+    input.size = static_cast<size_t>(byteCount);
+    return loadJpegFrom(input, size, quality, image);
+}
+
+bool saveJpeg(RandomAccessFile& file, ConstImagePtr image, int quality) {
+    return encodeImage(fileOutput(file), image, quality);
+}
+
+bool saveJpeg(void* buffer, uint64_t byteCount, ConstImagePtr image, int quality,
+              uint64_t* bytesWritten) {
+    size_t written = 0;
+    JpegOutput output;
+    output.buffer = buffer;
+    output.size = static_cast<size_t>(byteCount);
+    output.written = &written;
+    const bool ok = encodeImage(output, image, quality);
+    if (bytesWritten) *bytesWritten = ok ? written : 0;
+    return ok;
+}
+
+bool saveJpegUnlocked(const FastString<char>& path, ConstImagePtr image, int quality) {
+    return detail::writeNewFile(
+        path, false, "saveJpeg: failed to create file: %*",
+        [&](RandomAccessFile& file) { return encodeImage(fileOutput(file), image, quality); });
+}
+
+bool saveJpeg(const FastString<char>& path, ConstImagePtr image, int quality) {
+    return detail::writeNewFile(
+        path, true, "saveJpeg: failed to create file: %*",
+        [&](RandomAccessFile& file) { return encodeImage(fileOutput(file), image, quality); });
+}
+
+bool saveJpegUnlocked(const FastString<char>& path, const Vec2i& size, const RowSource& nextRow,
+                      int quality) {
+    return detail::writeNewFile(path, false, "saveJpeg: failed to create file: %*",
+                                [&](RandomAccessFile& file) {
+                                    return encodeRows(fileOutput(file), size, nextRow, quality);
+                                });
+}
+
+bool saveJpeg(const FastString<char>& path, const Vec2i& size, const RowSource& nextRow,
+              int quality) {
+    return detail::writeNewFile(path, true, "saveJpeg: failed to create file: %*",
+                                [&](RandomAccessFile& file) {
+                                    return encodeRows(fileOutput(file), size, nextRow, quality);
+                                });
+}
+
+}  // namespace qor::imageio

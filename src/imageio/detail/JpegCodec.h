@@ -1,0 +1,37 @@
+#pragma once
+// The JPEG decoder and encoder cores behind the public entry points of ImageIO.h.
+//
+// Thread contract: every call has its own libjpeg object; calls run on any threads at once.
+
+#include <cstddef>
+
+#include "base/filesystem/RandomAccessFile.h"
+#include "imageio/ImageIO.h"
+
+namespace qor::imageio::detail {
+
+// Decodes the JPEG in `file` (from its start) or in memory. `size` (0, 0) keeps the full size;
+// any other size picks libjpeg's reduction (scale_denom 8, 4, 2 or 1, see the source) and then
+// reduces the result to fit inside `size`, never enlarging it. A non-empty `roi` gives that
+// rectangle of the decoded picture, clipped to it, and no further reduction. ImageQualityBest
+// decodes with the floating point DCT, the others with the fast integer one.
+//
+// libjpeg failures before the first scanline log "decodeJpegCore: libjpeg failed with: %*" and
+// give null; later ones log "decodeJpegCore: libjpeg failed after decompression with: %*" and give
+// the rows read so far, the rest mid-grey. Throws std::bad_alloc when the pixels cannot be
+// allocated; nothing else.
+ImagePtr decodeJpeg(RandomAccessFile& file, math::GenVec<int, 2> size, ImageQuality quality,
+                    const math::Recti& roi);
+ImagePtr decodeJpeg(const void* data, size_t byteCount, math::GenVec<int, 2> size,
+                    ImageQuality quality, const math::Recti& roi);
+
+// The scale_denom that decodes a W x H picture (`full`) for a request of `wanted`: 1 for a
+// request with a zero side, else the largest of 8, 4, 2 whose reduction the request is below in
+// width or in height (integer division), else 1.
+int jpegScaleDenominator(math::GenVec<int, 2> full, math::GenVec<int, 2> wanted);
+
+// The metadata of the JPEG in `file`: its EXIF, IPTC and XMP through readMetadata, with Imagesize
+// from the JPEG header. Null when the metadata cannot be read. Never throws.
+SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file);
+
+}  // namespace qor::imageio::detail
