@@ -1,4 +1,4 @@
-// qor tiles [--width N] [--height N] [--tile N]: computes a generated image through the tile
+// qor tiles [--width N] [--height N] [--tile N] [--save FILE.jpg]: computes a generated image through the tile
 // pipeline and checks every pixel against a direct computation.
 //
 // The image is a procedural source whose pixels are a function of their coordinates and of the
@@ -20,6 +20,7 @@
 #include "imaging/ImageTile.h"
 #include "imaging/TileCache.h"
 #include "imaging/TileScoreFunctions.h"
+#include "imageio/ImageIO.h"
 
 namespace qor::tool {
 
@@ -161,8 +162,14 @@ Round requestAll(const SharedPtr<Procedural>& source) {
 
 int runTilesDemo(const std::vector<std::string>& args) {
     unsigned long width = 1500, height = 1000, tile = 256;
+    std::string savePath;
     for (size_t i = 0; i < args.size(); i += 2) {
         const std::string& option = args[i];
+        if (option == "--save") {
+            if (i + 1 >= args.size()) return usageError("tiles: --save needs a file name");
+            savePath = args[i + 1];
+            continue;
+        }
         unsigned long* target = option == "--width"    ? &width
                                 : option == "--height" ? &height
                                 : option == "--tile"   ? &tile
@@ -207,6 +214,16 @@ int runTilesDemo(const std::vector<std::string>& args) {
     imaging::TileCache::getStatistics(stats);
     std::printf("tile cache: %llu entries, %llu bytes\n", (unsigned long long)stats.entries,
                 (unsigned long long)stats.bytes);
+    if (!savePath.empty()) {
+        // The whole image as one tile, through the same assembly, written as JPEG.
+        auto whole = imaging::Image::create(source)->getAsTile();
+        auto pixels = whole ? whole->getDataRGBA8() : nullptr;
+        if (!pixels || !imageio::saveJpeg(FastString<char>(savePath), pixels, 92)) {
+            std::fprintf(stderr, "qor: tiles: cannot write '%s'\n", savePath.c_str());
+            return 1;
+        }
+        std::printf("saved %s\n", savePath.c_str());
+    }
     if (bad || failed) {
         std::fprintf(stderr, "qor: tiles: the pipeline's pixels differ from the direct computation\n");
         return 1;

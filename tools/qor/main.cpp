@@ -36,6 +36,10 @@ const Command kCommands[] = {
      "compute a generated image through the tile pipeline and check every pixel "
      "(--width N --height N --tile N)",
      qor::tool::runTilesDemo},
+    {"info", "item type, checksum, size and metadata of image files (FILE...)",
+     qor::tool::runInfo},
+    {"thumb", "a JPEG thumbnail of an image file (IN OUT [--size N])",
+     qor::tool::runThumb},
 };
 
 int runHelp(const std::vector<std::string>&) {
