@@ -27,7 +27,11 @@ TileLayout Image::tileLayout() const {
     const TileLayout source = _source->tileLayout();
     TileLayout layout(_subrect.size(), source.tileSize, source.origin - _subrect.mins,
                       source.sourceSize);
+    const GenVec<int, 2> uncut = layout.origin;
     layout.cutNegativeTiles();
+    // The far edge of the tile rectangles is origin + sourceSize: cutting moves the origin, so the
+    // size shrinks by as much, and the last tiles still end where the source ends.
+    layout.sourceSize -= layout.origin - uncut;
     return layout;
 }
 

@@ -255,9 +255,14 @@ void ImageSource::getTiles(TileArray& out, const TileSet& tiles, bool cachedOnly
         ScopedLock<Mutex> lock(_notifyMutex);
         ScopedConnection wake;
         if (onGLThread) {
-            wake = ScopedConnection(dispatcher.onGLJobsAvailable().connect([this] {
-                ScopedLock<Mutex> l(_notifyMutex);
-                _notifyCondition.notifyAll();
+            // The slot may still run on the queuing thread after it was disconnected and this
+            // call has returned, so it holds the source only weakly.
+            WeakSharedPtr<ImageSource> weak = _selfRef;
+            wake = ScopedConnection(dispatcher.onGLJobsAvailable().connect([weak] {
+                if (SharedPtr<ImageSource> self = weak.lock()) {
+                    ScopedLock<Mutex> l(self->_notifyMutex);
+                    self->_notifyCondition.notifyAll();
+                }
             }));
             ScopedUnlock<Mutex> open(lock);
             dispatcher.processGLJobs();
