@@ -104,6 +104,13 @@ void TileRequestTaskMerger::Task::addHandle(const SharedPtr<Handle>& handle) {
     _taskHandles.insert(handle);
 }
 
+bool TileRequestTaskMerger::Task::join(const SharedPtr<Handle>& handle) {
+    ScopedLock<Mutex> lock(_mutex);
+    if (_cancelled || _finished) return false;
+    _taskHandles.insert(handle);
+    return true;
+}
+
 void TileRequestTaskMerger::Task::reportOutdated() {
     HandleSet handles;
     {
@@ -214,8 +221,9 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
     }
     for (const SharedPtr<Handle>& handle : handles) {
         {
+            // A handle cancelled during this delivery gets its cancelled record instead.
             ScopedLock<Mutex> lock(_mutex);
-            if (_taskHandles.find(handle) == _taskHandles.end()) continue;
+            if (!wantedUnlocked(handle)) continue;
         }
         callGuarded(handle->tileCallback(), end);
     }
@@ -295,20 +303,20 @@ void TileRequestTaskMerger::Task::deliver(const std::vector<ComputedTileInfo>& r
         for (const SharedPtr<Handle>& handle : handles) {
             {
                 ScopedLock<Mutex> lock(_mutex);
-                if (_taskHandles.find(handle) == _taskHandles.end() ||
-                    _cancelWhileDelivering.count(handle))
-                    continue;
+                if (!wantedUnlocked(handle)) continue;
             }
             callGuarded(handle->tileCallback(), record);
             {
                 ScopedLock<Mutex> lock(_mutex);
-                if (_taskHandles.find(handle) == _taskHandles.end() ||
-                    _cancelWhileDelivering.count(handle))
-                    continue;
+                if (!wantedUnlocked(handle)) continue;
             }
             if (withProgress) callGuarded(handle->progressCallback(), progress);
         }
     }
+}
+
+bool TileRequestTaskMerger::Task::wantedUnlocked(const SharedPtr<Handle>& handle) const {
+    return _taskHandles.count(handle) && !_cancelWhileDelivering.count(handle);
 }
 
 bool TileRequestTaskMerger::Task::removeHandleUnlocked(const SharedPtr<Handle>& handle,
@@ -397,8 +405,8 @@ SharedPtr<TileRequestTaskMerger::Handle> TileRequestTaskMerger::execute(
     for (const SharedPtr<Task>& task : _pendingTasks) {
         if (task->source() == source && task->tiles() == tiles && task->version() == version) {
             SharedPtr<Handle> handle = Handle::create(task, tileCallback, progress);
-            task->addHandle(handle);
-            return handle;
+            // A waiting task whose callers have all cancelled will run for nobody: not joined.
+            if (task->join(handle)) return handle;
         }
     }
     auto task = std::make_shared<Task>(source, tiles, version, score);

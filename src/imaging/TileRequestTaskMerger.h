@@ -77,6 +77,9 @@ public:
         // Withdraws every handle (termination).
         void cancelAll();
         void addHandle(const SharedPtr<Handle>& handle);
+        // Adds the handle of a merged request, unless every caller has cancelled the task or it
+        // has finished; false then, and the request needs a task of its own.
+        bool join(const SharedPtr<Handle>& handle);
 
         const SharedPtr<ImageSource>& source() const { return _source; }
         const TileSet& tiles() const { return _tiles; }
@@ -102,6 +105,8 @@ public:
         bool removeHandleUnlocked(const SharedPtr<Handle>& handle, bool* stopJobs)
             QOR_REQUIRES(_mutex);
         void sendCancelled(const SharedPtr<Handle>& handle);
+        // Still a caller of this task, with no cancellation waiting for the end of a delivery.
+        bool wantedUnlocked(const SharedPtr<Handle>& handle) const QOR_REQUIRES(_mutex);
 
         mutable thread::Mutex _mutex;  // guards the flags and the two handle sets
         const SharedPtr<ImageSource> _source;
