@@ -8,7 +8,7 @@
 #include "base/filesystem/RandomAccessFile.h"
 #include "base/thread/Mutex.h"
 #include "imageio/decoders/BuiltInDecoders.h"
-#include "text/TextUtils.h"
+#include "imageio/detail/PathExtension.h"
 
 namespace qor::imageio {
 
@@ -28,15 +28,6 @@ Registry& registry() {
     return *r;
 }
 
-FastString<char> upperExtension(const FastString<char>& path) {
-    const std::string_view p = path.view();
-    const size_t dot = p.rfind('.');
-    const size_t slash = p.find_last_of('/');
-    if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash))
-        return FastString<char>();
-    return FastString<char>(text::upcase(p.substr(dot)));
-}
-
 }  // namespace
 
 void registerDecoder(std::unique_ptr<ImageDecoder> decoder) {
@@ -50,11 +41,12 @@ math::GenVec<int, 2> fitInside(math::GenVec<int, 2> source, math::GenVec<int, 2>
     if (box.x <= 0 || box.y <= 0 || source.x <= 0 || source.y <= 0) return source;
     const double scale = std::min(double(box.x) / source.x, double(box.y) / source.y);
     return math::GenVec<int, 2>(std::max(1, int(std::lround(source.x * scale))),
-                          std::max(1, int(std::lround(source.y * scale))));
+                                std::max(1, int(std::lround(source.y * scale))));
 }
 
-bool decodeWithRegistry(const FastString<char>& path, math::GenVec<int, 2> size, ImageQuality quality,
-                        ImageOut* image, SharedPtr<Metadata>* metadata, const math::Recti& roi) {
+bool decodeWithRegistry(const FastString<char>& path, math::GenVec<int, 2> size,
+                        ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
+                        const math::Recti& roi) {
     unsigned char head[64];
     size_t length = 0;
     try {
@@ -70,7 +62,7 @@ bool decodeWithRegistry(const FastString<char>& path, math::GenVec<int, 2> size,
         ScopedLock<Mutex> lock(r.mutex);
         decoders = r.decoders;
     }
-    const FastString<char> extension = upperExtension(path);
+    const FastString<char> extension = detail::upperExtension(path);
     for (const std::shared_ptr<ImageDecoder>& decoder : decoders) {
         if (!decoder->accepts(head, length, extension)) continue;
         bool ok = false;
