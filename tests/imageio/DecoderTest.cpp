@@ -1,0 +1,694 @@
+// The registry decoders on files made here with each format's own encoder (giflib, libwebp,
+// libheif) or written byte by byte (BMP). Camera raw files cannot be made in code: the raw decoder
+// is tested for its dispatch by extension and for LibRaw's refusal of files that are not raw.
+
+#include <gif_lib.h>
+#include <gtest/gtest.h>
+#include <libheif/heif.h>
+#include <webp/encode.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <thread>
+
+#include "TestJpeg.h"
+#include "base/Log.h"
+#include "imageio/DecoderRegistry.h"
+#include "imageio/ImageIO.h"
+#include "imageio/decoders/detail/ImageResize.h"
+
+// x265, behind libheif's HEVC encoder, keeps a few blocks of global state for the life of the
+// process; they are not this library's leaks.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libx265.so\n"; }
+
+namespace qor::imageio {
+namespace {
+
+using testing::Bytes;
+using testing::TempFolder;
+using Rgba8 = imaging::GenImageData<unsigned char, 4>;
+using Vec = math::GenVec<int, 2>;
+using Pixel = std::array<int, 4>;
+
+constexpr Vec kFullSize(0, 0);
+
+Pixel pixelAt(const Rgba8& image, int x, int y) {
+    return {image.at(x, y, 0), image.at(x, y, 1), image.at(x, y, 2), image.at(x, y, 3)};
+}
+
+// A gradient that differs in every pixel of the small images used here.
+Pixel pattern(int x, int y) { return {x * 37 % 256, y * 53 % 256, (x + 2 * y) * 11 % 256, 255}; }
+
+struct Decoded {
+    bool ok = false;
+    ImageOut image;
+    SharedPtr<Metadata> metadata;
+};
+
+Decoded decode(const std::string& path, Vec size = kFullSize,
+               ImageQuality quality = ImageQualityBest, const math::Recti& roi = math::Recti()) {
+    Decoded d;
+    d.ok = decodeWithRegistry(FastString<char>(path), size, quality, &d.image, &d.metadata, roi);
+    return d;
+}
+
+// --- GIF through giflib's encoder ---
+
+struct GifSpec {
+    Vec screen;
+    math::Recti frame;  // the first frame's place on the screen
+    bool interlace = false;
+    int transparent = NO_TRANSPARENT_COLOR;
+    std::function<int(int, int)> index;  // palette index of a frame pixel
+    bool secondFrame = false;            // a second frame of index 0 over the whole screen
+};
+
+// Palette entry i is (i, 255 - i, 7 * i).
+Pixel paletteColour(int i) { return {i, 255 - i, 7 * i % 256, 255}; }
+
+Bytes makeGif(const GifSpec& spec) {
+    Bytes out;
+    int error = 0;
+    GifFileType* gif = EGifOpen(
+        &out,
+        [](GifFileType* g, const GifByteType* data, int length) {
+            auto* bytes = static_cast<Bytes*>(g->UserData);
+            bytes->insert(bytes->end(), data, data + length);
+            return length;
+        },
+        &error);
+    std::array<GifColorType, 256> colours;
+    for (int i = 0; i < 256; ++i) {
+        const Pixel c = paletteColour(i);
+        colours[i] = {GifByteType(c[0]), GifByteType(c[1]), GifByteType(c[2])};
+    }
+    ColorMapObject* map = GifMakeMapObject(256, colours.data());
+    EGifSetGifVersion(gif, true);
+    EGifPutScreenDesc(gif, spec.screen.x, spec.screen.y, 8, 0, map);
+    GraphicsControlBlock control{DISPOSAL_UNSPECIFIED, false, 0, spec.transparent};
+    GifByteType extension[4];
+    const size_t length = EGifGCBToExtension(&control, extension);
+    EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, int(length), extension);
+    const int w = spec.frame.width(), h = spec.frame.height();
+    EGifPutImageDesc(gif, spec.frame.xmin(), spec.frame.ymin(), w, h, spec.interlace, nullptr);
+    std::vector<int> order;
+    if (spec.interlace) {
+        for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
+            for (int y = start; y < h; y += step) order.push_back(y);
+    } else {
+        for (int y = 0; y < h; ++y) order.push_back(y);
+    }
+    std::vector<GifPixelType> line(size_t(std::max(w, spec.screen.x)));
+    for (int y : order) {
+        for (int x = 0; x < w; ++x) line[size_t(x)] = GifPixelType(spec.index(x, y));
+        EGifPutLine(gif, line.data(), w);
+    }
+    if (spec.secondFrame) {
+        EGifPutImageDesc(gif, 0, 0, spec.screen.x, spec.screen.y, false, nullptr);
+        std::fill(line.begin(), line.end(), 0);
+        for (int y = 0; y < spec.screen.y; ++y) EGifPutLine(gif, line.data(), spec.screen.x);
+    }
+    EGifCloseFile(gif, &error);
+    GifFreeMapObject(map);
+    return out;
+}
+
+TEST(GifDecoder, FirstFrameOnTransparentScreenWithTransparentColour) {
+    TempFolder folder;
+    GifSpec spec;
+    spec.screen = Vec(6, 5);
+    spec.frame = math::Recti(1, 1, 4, 3);
+    spec.transparent = 9;
+    spec.index = [](int x, int y) { return x == 0 && y == 0 ? 9 : 20 + x + 4 * y; };
+    spec.secondFrame = true;
+    const Decoded d = decode(folder.write("a.gif", makeGif(spec)));
+    ASSERT_TRUE(d.ok);
+    ASSERT_EQ(d.image->width(), 6);
+    ASSERT_EQ(d.image->height(), 5);
+    EXPECT_EQ(d.metadata->size(), Vec2i(6, 5));
+    for (int y = 0; y < 5; ++y) {
+        for (int x = 0; x < 6; ++x) {
+            const bool inFrame = spec.frame.contains(Vec(x, y));
+            const int fx = x - 1, fy = y - 1;
+            if (!inFrame || (fx == 0 && fy == 0))
+                EXPECT_EQ(pixelAt(*d.image, x, y)[3], 0) << x << "," << y;
+            else
+                EXPECT_EQ(pixelAt(*d.image, x, y), paletteColour(20 + fx + 4 * fy))
+                    << x << "," << y;
+        }
+    }
+}
+
+TEST(GifDecoder, InterlacedRowsComeOutInOrder) {
+    TempFolder folder;
+    GifSpec spec;
+    spec.screen = Vec(3, 19);
+    spec.frame = math::Recti(Vec(3, 19));
+    spec.interlace = true;
+    spec.index = [](int, int y) { return 100 + y; };
+    const Decoded d = decode(folder.write("i.gif", makeGif(spec)));
+    ASSERT_TRUE(d.ok);
+    for (int y = 0; y < 19; ++y) EXPECT_EQ(pixelAt(*d.image, 2, y), paletteColour(100 + y)) << y;
+}
+
+TEST(GifDecoder, DamagedFiles) {
+    TempFolder folder;
+    GifSpec spec;
+    spec.screen = Vec(64, 64);
+    spec.frame = math::Recti(Vec(64, 64));
+    std::mt19937 random(7);
+    std::vector<int> noise(64 * 64);
+    for (int& n : noise) n = int(random() % 256);
+    spec.index = [&](int x, int y) { return noise[size_t(y * 64 + x)]; };
+    const Bytes whole = makeGif(spec);
+
+    // Cut in the middle of the pixel data: the rows read are kept, the rest is transparent.
+    LogCapture log;
+    const Decoded cut =
+        decode(folder.write("cut.gif", Bytes(whole.begin(), whole.begin() + whole.size() / 2)));
+    ASSERT_TRUE(cut.ok);
+    EXPECT_TRUE(log.contains("ends early"));
+    EXPECT_EQ(pixelAt(*cut.image, 5, 0), paletteColour(noise[5]));
+    EXPECT_EQ(pixelAt(*cut.image, 5, 63)[3], 0);
+
+    // A screen of 65535 x 65535 is refused before anything is allocated.
+    Bytes huge = whole;
+    huge[6] = huge[7] = huge[8] = huge[9] = 0xFF;
+    const std::string hugePath = folder.write("huge.gif", huge);
+    EXPECT_FALSE(decode(hugePath).ok);
+    EXPECT_TRUE(log.contains("Failed to load image using WIC: '" + hugePath + "'"));
+
+    // Only the signature.
+    EXPECT_FALSE(decode(folder.write("stub.gif", Bytes(whole.begin(), whole.begin() + 8))).ok);
+}
+
+// --- WebP through libwebp's encoder ---
+
+Bytes makeWebp(int w, int h, bool lossless, const std::function<Pixel(int, int)>& colour) {
+    std::vector<uint8_t> rgba(size_t(w) * h * 4);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) rgba[size_t(y * w + x) * 4 + c] = uint8_t(colour(x, y)[c]);
+    uint8_t* out = nullptr;
+    const size_t size = lossless ? WebPEncodeLosslessRGBA(rgba.data(), w, h, w * 4, &out)
+                                 : WebPEncodeRGBA(rgba.data(), w, h, w * 4, 90, &out);
+    Bytes bytes(out, out + size);
+    WebPFree(out);
+    return bytes;
+}
+
+Pixel withAlpha(int x, int y) {
+    Pixel p = pattern(x, y);
+    p[3] = (x * 29 + y) % 256;
+    if (p[3] == 0) p = {0, 0, 0, 0};  // the encoder may drop colour under alpha 0
+    return p;
+}
+
+TEST(WebpDecoder, LosslessWithAlphaRegionAndMetadataOnly) {
+    TempFolder folder;
+    const std::string path = folder.write("a.webp", makeWebp(23, 17, true, withAlpha));
+    const Decoded d = decode(path);
+    ASSERT_TRUE(d.ok);
+    ASSERT_EQ(d.image->width(), 23);
+    ASSERT_EQ(d.image->height(), 17);
+    for (int y = 0; y < 17; ++y)
+        for (int x = 0; x < 23; ++x) ASSERT_EQ(pixelAt(*d.image, x, y), withAlpha(x, y));
+    EXPECT_EQ(d.metadata->size(), Vec2i(23, 17));
+
+    const math::Recti roi(5, 3, 7, 9);
+    const Decoded r = decode(path, Vec(4, 4), ImageQualityBest, roi);
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(r.image->width(), 7);
+    ASSERT_EQ(r.image->height(), 9);
+    for (int y = 0; y < 9; ++y)
+        for (int x = 0; x < 7; ++x) ASSERT_EQ(pixelAt(*r.image, x, y), withAlpha(x + 5, y + 3));
+    EXPECT_EQ(r.metadata->size(), Vec2i(23, 17));
+
+    SharedPtr<Metadata> metadata;
+    EXPECT_TRUE(decodeWithRegistry(FastString<char>(path), kFullSize, ImageQualityFast, nullptr,
+                                   &metadata, math::Recti()));
+    EXPECT_EQ(metadata->size(), Vec2i(23, 17));
+}
+
+TEST(WebpDecoder, LossyReducedBetweenHalves) {
+    TempFolder folder;
+    // Left half red, right half blue; reduced to a quarter, the halves stay apart.
+    const auto halves = [](int x, int) {
+        return x < 40 ? Pixel{255, 0, 0, 255} : Pixel{0, 0, 255, 255};
+    };
+    const Decoded d = decode(folder.write("l.webp", makeWebp(80, 40, false, halves)), Vec(20, 100));
+    ASSERT_TRUE(d.ok);
+    ASSERT_EQ(d.image->width(), 20);
+    ASSERT_EQ(d.image->height(), 10);
+    const Pixel left = pixelAt(*d.image, 2, 5), right = pixelAt(*d.image, 17, 5);
+    // Lossy chroma: within 24 levels of the pure colours.
+    EXPECT_NEAR(left[0], 255, 24);
+    EXPECT_NEAR(left[2], 0, 24);
+    EXPECT_NEAR(right[0], 0, 24);
+    EXPECT_NEAR(right[2], 255, 24);
+    EXPECT_EQ(left[3], 255);
+    EXPECT_EQ(d.metadata->size(), Vec2i(80, 40));
+}
+
+TEST(WebpDecoder, DamagedFiles) {
+    TempFolder folder;
+    const Bytes whole = makeWebp(64, 64, false, pattern);
+    EXPECT_FALSE(
+        decode(folder.write("cut.webp", Bytes(whole.begin(), whole.begin() + whole.size() / 2)))
+            .ok);
+    Bytes noise = whole;
+    std::mt19937 random(3);
+    for (size_t i = 20; i < noise.size(); ++i) noise[i] = uint8_t(random());
+    EXPECT_FALSE(decode(folder.write("noise.webp", noise)).ok);
+}
+
+// --- HEIF through libheif's encoder, when this libheif has one ---
+
+struct HeifFile {
+    std::string path;
+    std::string skipReason;
+};
+
+HeifFile makeHeif(const TempFolder& folder, int w, int h, int thumbnailBox, const char* exifTime) {
+    HeifFile file;
+    heif_context* context = heif_context_alloc();
+    heif_encoder* encoder = nullptr;
+    for (heif_compression_format format : {heif_compression_HEVC, heif_compression_AV1}) {
+        if (heif_context_get_encoder_for_format(context, format, &encoder).code == heif_error_Ok)
+            break;
+        encoder = nullptr;
+    }
+    if (!encoder) {
+        heif_context_free(context);
+        file.skipReason = "this libheif has no HEVC or AV1 encoder";
+        return file;
+    }
+    heif_encoder_set_lossy_quality(encoder, 90);
+    heif_image* image = nullptr;
+    heif_image_create(w, h, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image);
+    heif_image_add_plane(image, heif_channel_interleaved, w, h, 8);
+    int stride = 0;
+    uint8_t* plane = heif_image_get_plane(image, heif_channel_interleaved, &stride);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            uint8_t* p = plane + y * stride + x * 3;
+            p[0] = x < w / 2 ? 255 : 0;
+            p[1] = 0;
+            p[2] = x < w / 2 ? 0 : 255;
+        }
+    heif_image_handle* handle = nullptr;
+    heif_context_encode_image(context, image, encoder, nullptr, &handle);
+    if (thumbnailBox > 0) {
+        heif_image_handle* thumbnail = nullptr;
+        heif_context_encode_thumbnail(context, image, handle, encoder, nullptr, thumbnailBox,
+                                      &thumbnail);
+        heif_image_handle_release(thumbnail);
+    }
+    if (exifTime) {
+        Exiv2::ExifData exif;
+        exif["Exif.Photo.DateTimeOriginal"] = exifTime;
+        Exiv2::Blob blob;
+        Exiv2::ExifParser::encode(blob, Exiv2::littleEndian, exif);
+        heif_context_add_exif_metadata(context, handle, blob.data(), int(blob.size()));
+    }
+    file.path = folder.path() + "/image.heic";
+    heif_context_write_to_file(context, file.path.c_str());
+    heif_image_handle_release(handle);
+    heif_image_release(image);
+    heif_encoder_release(encoder);
+    heif_context_free(context);
+    return file;
+}
+
+TEST(HeifDecoder, PrimaryImageThumbnailAndCaptureTime) {
+    TempFolder folder;
+    const HeifFile file = makeHeif(folder, 128, 64, 32, "2021:06:15 10:20:30");
+    if (!file.skipReason.empty()) GTEST_SKIP() << file.skipReason;
+
+    const Decoded best = decode(file.path);
+    ASSERT_TRUE(best.ok);
+    ASSERT_EQ(best.image->width(), 128);
+    ASSERT_EQ(best.image->height(), 64);
+    // Lossy coding: within 24 levels of the pure colours away from the edge between them.
+    EXPECT_NEAR(pixelAt(*best.image, 10, 30)[0], 255, 24);
+    EXPECT_NEAR(pixelAt(*best.image, 118, 30)[2], 255, 24);
+    EXPECT_EQ(pixelAt(*best.image, 118, 30)[3], 255);
+    EXPECT_EQ(best.metadata->size(), Vec2i(128, 64));
+    EXPECT_EQ(best.metadata->captureTime(), Timestamp::fromFields(2021, 6, 15, 10, 20, 30));
+
+    // The thumbnail fits the 32 box: 32 x 16, reported as what was decoded.
+    const Decoded thumb = decode(file.path, Vec(100, 100), ImageQualityThumbnail);
+    ASSERT_TRUE(thumb.ok);
+    EXPECT_EQ(thumb.metadata->size(), Vec2i(32, 16));
+    EXPECT_EQ(thumb.image->width(), 100);
+    EXPECT_EQ(thumb.image->height(), 50);
+
+    const Decoded region = decode(file.path, kFullSize, ImageQualityBest, math::Recti(60, 0, 8, 4));
+    ASSERT_TRUE(region.ok);
+    EXPECT_EQ(region.image->width(), 8);
+    EXPECT_NEAR(pixelAt(*region.image, 0, 0)[0], 255, 24);
+    EXPECT_NEAR(pixelAt(*region.image, 7, 0)[2], 255, 24);
+}
+
+TEST(HeifDecoder, TruncatedFileIsRefused) {
+    TempFolder folder;
+    const HeifFile file = makeHeif(folder, 64, 64, 0, nullptr);
+    if (!file.skipReason.empty()) GTEST_SKIP() << file.skipReason;
+    std::ifstream in(file.path, std::ios::binary);
+    const Bytes whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_FALSE(
+        decode(folder.write("cut.heic", Bytes(whole.begin(), whole.begin() + whole.size() / 2)))
+            .ok);
+}
+
+// --- BMP written byte by byte ---
+
+struct BmpSpec {
+    const char* signature = "BM";
+    uint32_t infoSize = 40;
+    int32_t width = 0;
+    int32_t height = 0;  // negative: top-down
+    uint16_t bits = 24;
+    uint32_t compression = 0;
+    std::vector<uint32_t> masks;                       // at offset 54, in the header or behind it
+    Bytes palette;                                     // B, G, R, 0 entries
+    std::function<void(int row, uint8_t* bytes)> row;  // rows in file order
+};
+
+void put16(Bytes& b, size_t at, uint32_t v) {
+    b[at] = uint8_t(v);
+    b[at + 1] = uint8_t(v >> 8);
+}
+void put32(Bytes& b, size_t at, uint32_t v) {
+    put16(b, at, v);
+    put16(b, at + 2, v >> 16);
+}
+void put16u(uint8_t* p, uint32_t v) {
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+}
+
+Bytes makeBmp(const BmpSpec& s) {
+    const size_t masksBehind = s.infoSize == 40 ? s.masks.size() * 4 : 0;
+    const size_t offset = 14 + s.infoSize + masksBehind + s.palette.size();
+    const int rows = std::abs(s.height);
+    const size_t stride = (size_t(s.width) * s.bits + 31) / 32 * 4;
+    Bytes b(offset + stride * rows);
+    b[0] = uint8_t(s.signature[0]);
+    b[1] = uint8_t(s.signature[1]);
+    put32(b, 2, uint32_t(b.size()));
+    put32(b, 10, uint32_t(offset));
+    put32(b, 14, s.infoSize);
+    put32(b, 18, uint32_t(s.width));
+    put32(b, 22, uint32_t(s.height));
+    put16(b, 26, 1);
+    put16(b, 28, s.bits);
+    put32(b, 30, s.compression);
+    put32(b, 34, uint32_t(stride * rows));
+    for (size_t i = 0; i < s.masks.size(); ++i) put32(b, 54 + i * 4, s.masks[i]);
+    std::copy(s.palette.begin(), s.palette.end(), b.begin() + ptrdiff_t(offset - s.palette.size()));
+    for (int r = 0; r < rows; ++r) s.row(r, b.data() + offset + stride * r);
+    return b;
+}
+
+TEST(BmpDecoder, TwentyFourBitBottomUpWithPadding) {
+    TempFolder folder;
+    BmpSpec s;
+    s.width = 5;  // 15 bytes a row, padded to 16
+    s.height = 3;
+    s.row = [](int r, uint8_t* p) {
+        for (int x = 0; x < 5; ++x) {
+            const Pixel c = pattern(x, 2 - r);
+            p[x * 3] = uint8_t(c[2]), p[x * 3 + 1] = uint8_t(c[1]), p[x * 3 + 2] = uint8_t(c[0]);
+        }
+    };
+    const Decoded d = decode(folder.write("a.bmp", makeBmp(s)));
+    ASSERT_TRUE(d.ok);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 5; ++x) EXPECT_EQ(pixelAt(*d.image, x, y), pattern(x, y));
+    EXPECT_EQ(d.metadata->size(), Vec2i(5, 3));
+}
+
+// The layout that saveBmp writes: "MB", a 108-byte header, bit fields R G B A in byte order,
+// bottom row first.
+TEST(BmpDecoder, ReadsOwnWriterLayoutWithAlphaAndTopDown) {
+    TempFolder folder;
+    BmpSpec s;
+    s.signature = "MB";
+    s.infoSize = 108;
+    s.width = 4;
+    s.height = 3;
+    s.bits = 32;
+    s.compression = 3;
+    s.masks = {0xFF, 0xFF00, 0xFF0000, 0xFF000000};
+    s.row = [](int r, uint8_t* p) {
+        for (int x = 0; x < 4; ++x)
+            for (int c = 0; c < 4; ++c) p[x * 4 + c] = uint8_t(withAlpha(x, 2 - r)[c]);
+    };
+    Bytes file = makeBmp(s);
+    ASSERT_EQ(file.size(), 4u * 3 * 4 + 122);
+    const Decoded d = decode(folder.write("own.bmp", file));
+    ASSERT_TRUE(d.ok);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 4; ++x) EXPECT_EQ(pixelAt(*d.image, x, y), withAlpha(x, y));
+
+    s.height = -3;
+    s.row = [](int r, uint8_t* p) {
+        for (int x = 0; x < 4; ++x)
+            for (int c = 0; c < 4; ++c) p[x * 4 + c] = uint8_t(withAlpha(x, r)[c]);
+    };
+    const Decoded top = decode(folder.write("top.bmp", makeBmp(s)));
+    ASSERT_TRUE(top.ok);
+    EXPECT_EQ(top.metadata->size(), Vec2i(4, 3));
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 4; ++x) EXPECT_EQ(pixelAt(*top.image, x, y), withAlpha(x, y));
+}
+
+TEST(BmpDecoder, LoadImageReadsWhatSaveBmpWrites) {
+    TempFolder folder;
+    SharedPtr<Rgba8> picture = Rgba8::create(7, 5);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 7; ++x)
+            for (int c = 0; c < 4; ++c) picture->at(x, y, c) = uint8_t(withAlpha(x, y)[c]);
+    const FastString<char> path((folder.path() + "/saved.bmp").c_str());
+    ASSERT_TRUE(saveBmp(path, picture));
+    ImageOut loaded;
+    SharedPtr<Metadata> metadata;
+    loadImage(path, kFullSize, ImageQualityBest, &loaded, &metadata);
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(metadata->size(), Vec2i(7, 5));
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 7; ++x) EXPECT_EQ(pixelAt(*loaded, x, y), withAlpha(x, y));
+}
+
+TEST(BmpDecoder, PlainThirtyTwoBitIsOpaqueAndSixteenBitFieldsScale) {
+    TempFolder folder;
+    BmpSpec s;
+    s.width = 2;
+    s.height = 1;
+    s.bits = 32;
+    s.row = [](int, uint8_t* p) {
+        const uint8_t bytes[8] = {10, 20, 30, 0, 40, 50, 60, 0};  // B G R X
+        std::copy(bytes, bytes + 8, p);
+    };
+    const Decoded plain = decode(folder.write("x.bmp", makeBmp(s)));
+    ASSERT_TRUE(plain.ok);
+    EXPECT_EQ(pixelAt(*plain.image, 0, 0), (Pixel{30, 20, 10, 255}));
+    EXPECT_EQ(pixelAt(*plain.image, 1, 0), (Pixel{60, 50, 40, 255}));
+
+    // 5-6-5 masks behind an INFO header: full scale maps to 255, mid-scale rounds.
+    s.bits = 16;
+    s.compression = 3;
+    s.masks = {0xF800, 0x07E0, 0x001F};
+    s.row = [](int, uint8_t* p) {
+        put16u(p, 0xF800 | 0x0000 | 0x001F);
+        put16u(p + 2, (16u << 11) | (32u << 5));
+    };
+    const Decoded fields = decode(folder.write("f.bmp", makeBmp(s)));
+    ASSERT_TRUE(fields.ok);
+    EXPECT_EQ(pixelAt(*fields.image, 0, 0), (Pixel{255, 0, 255, 255}));
+    EXPECT_EQ(pixelAt(*fields.image, 1, 0), (Pixel{132, 130, 0, 255}));
+}
+
+TEST(BmpDecoder, EightBitPalette) {
+    TempFolder folder;
+    BmpSpec s;
+    s.width = 3;
+    s.height = 2;
+    s.bits = 8;
+    for (int i = 0; i < 256; ++i) {
+        const Pixel c = paletteColour(i);
+        s.palette.insert(s.palette.end(), {uint8_t(c[2]), uint8_t(c[1]), uint8_t(c[0]), 0});
+    }
+    s.row = [](int r, uint8_t* p) {
+        for (int x = 0; x < 3; ++x) p[x] = uint8_t(50 + x + 10 * r);
+    };
+    const Decoded d = decode(folder.write("p.bmp", makeBmp(s)));
+    ASSERT_TRUE(d.ok);
+    EXPECT_EQ(pixelAt(*d.image, 2, 1), paletteColour(52));  // file row 0 is the bottom row
+    EXPECT_EQ(pixelAt(*d.image, 0, 0), paletteColour(60));
+}
+
+TEST(BmpDecoder, RefusesDamagedAndUnsupportedFiles) {
+    TempFolder folder;
+    BmpSpec s;
+    s.width = 40;
+    s.height = 40;
+    s.row = [](int, uint8_t*) {};
+    const Bytes whole = makeBmp(s);
+    EXPECT_FALSE(decode(folder.write("cut.bmp", Bytes(whole.begin(), whole.end() - 200))).ok);
+
+    Bytes huge = whole;
+    put32(huge, 18, 100000);
+    put32(huge, 22, 100000);
+    EXPECT_FALSE(decode(folder.write("huge.bmp", huge)).ok);
+
+    Bytes negative = whole;
+    put32(negative, 18, uint32_t(-5));
+    EXPECT_FALSE(decode(folder.write("neg.bmp", negative)).ok);
+
+    Bytes rle = whole;
+    put16(rle, 28, 8);
+    put32(rle, 30, 1);  // BI_RLE8
+    EXPECT_FALSE(decode(folder.write("rle.bmp", rle)).ok);
+}
+
+// --- Camera raw: dispatch and refusal ---
+
+TEST(RawDecoder, TakesRawExtensionsButLeavesSignedFormatsToTheirDecoders) {
+    TempFolder folder;
+    LogCapture log;
+    const std::string jpegAsRaw = folder.write("photo.nef", testing::makeJpeg(16, 16));
+    EXPECT_FALSE(decode(jpegAsRaw).ok);
+    EXPECT_TRUE(log.contains("Raw file '" + jpegAsRaw + "' cannot be opened"));
+    EXPECT_TRUE(log.contains("Failed to load image using WIC: '" + jpegAsRaw + "'"));
+
+    std::mt19937 random(11);
+    Bytes noise(4096);
+    for (uint8_t& b : noise) b = uint8_t(random());
+    const std::string noiseAsRaw = folder.write("noise.CR2", noise);
+    EXPECT_FALSE(decode(noiseAsRaw).ok);
+    EXPECT_TRUE(log.contains("Raw file '" + noiseAsRaw + "'"));
+
+    // A GIF named as a raw file reaches the GIF decoder, which knows it by its signature.
+    GifSpec spec;
+    spec.screen = Vec(2, 2);
+    spec.frame = math::Recti(Vec(2, 2));
+    spec.index = [](int, int) { return 5; };
+    EXPECT_TRUE(decode(folder.write("misnamed.DNG", makeGif(spec))).ok);
+
+    // No decoder: an unknown extension and no signature.
+    const std::string unknown = folder.write("noise.xyz", noise);
+    EXPECT_FALSE(decode(unknown).ok);
+    EXPECT_EQ(log.count("Failed to load image using WIC: '" + unknown + "'"), 1u);
+}
+
+// --- The contract shared by every decoder ---
+
+TEST(DecoderContract, FitRegionOutputsAlreadyThereAndThumbnailFallback) {
+    TempFolder folder;
+    const std::string path = folder.write("c.webp", makeWebp(40, 20, true, pattern));
+
+    // Fitted inside the box, enlarged as well as reduced.
+    EXPECT_EQ(decode(path, Vec(10, 10)).image->width(), 10);
+    EXPECT_EQ(decode(path, Vec(10, 10)).image->height(), 5);
+    EXPECT_EQ(decode(path, Vec(200, 200)).image->height(), 100);
+    // No preview in the file: the picture itself.
+    EXPECT_EQ(decode(path, kFullSize, ImageQualityThumbnail).image->width(), 40);
+
+    // A region outside the image gives nothing.
+    EXPECT_FALSE(decode(path, kFullSize, ImageQualityBest, math::Recti(30, 0, 20, 5)).ok);
+
+    // Outputs that are already there are left alone.
+    ImageOut image = Rgba8::create(1, 1);
+    SharedPtr<Metadata> metadata = std::make_shared<Metadata>();
+    const ImageOut before = image;
+    const SharedPtr<Metadata> beforeMetadata = metadata;
+    EXPECT_TRUE(decodeWithRegistry(FastString<char>(path), kFullSize, ImageQualityBest, &image,
+                                   &metadata, math::Recti()));
+    EXPECT_EQ(image, before);
+    EXPECT_EQ(metadata, beforeMetadata);
+    Vec2i size;
+    EXPECT_FALSE(metadata->get(MetadataField::Imagesize, size));
+}
+
+// Several formats decoded on several threads at once give what one thread gives.
+TEST(DecoderThreads, ConcurrentDecodesMatchSequentialOnes) {
+    TempFolder folder;
+    GifSpec spec;
+    spec.screen = Vec(30, 30);
+    spec.frame = math::Recti(Vec(30, 30));
+    spec.index = [](int x, int y) { return (x * y) % 256; };
+    BmpSpec bmp;
+    bmp.width = 30;
+    bmp.height = 30;
+    bmp.row = [](int r, uint8_t* p) {
+        for (int i = 0; i < 90; ++i) p[i] = uint8_t(i * r);
+    };
+    const std::vector<std::string> paths = {
+        folder.write("t.gif", makeGif(spec)),
+        folder.write("t.webp", makeWebp(30, 30, true, withAlpha)),
+        folder.write("t.bmp", makeBmp(bmp))};
+    std::vector<ImageOut> expected;
+    for (const std::string& p : paths) expected.push_back(decode(p, Vec(13, 13)).image);
+
+    std::vector<std::thread> threads;
+    std::atomic<int> mismatches{0};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 5; ++round) {
+                const size_t i = size_t(t + round) % paths.size();
+                const ImageOut got = decode(paths[i], Vec(13, 13)).image;
+                if (!got || got->width() != expected[i]->width() ||
+                    std::memcmp(got->data(), expected[i]->data(),
+                                got->byteStride() * size_t(got->height())) != 0)
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
+// --- Resizing to the requested size ---
+
+SharedPtr<Rgba8> imageOf(int w, int h, const std::vector<Pixel>& pixels) {
+    SharedPtr<Rgba8> image = Rgba8::create(w, h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) image->at(x, y, c) = uint8_t(pixels[size_t(y * w + x)][c]);
+    return image;
+}
+
+TEST(ImageResize, ReducesByAreaAndEnlargesBilinearlyWeightingColourByAlpha) {
+    const std::vector<Pixel> pair = {{100, 0, 50, 255}, {200, 100, 150, 255}};
+    EXPECT_EQ(pixelAt(*detail::resizeRgba(imageOf(2, 1, pair), 1, 1), 0, 0),
+              (Pixel{150, 50, 100, 255}));
+
+    // Three to two: each target covers one and a half source pixels.
+    const auto reduced = detail::resizeRgba(
+        imageOf(3, 1, {{0, 0, 0, 255}, {90, 90, 90, 255}, {180, 180, 180, 255}}), 2, 1);
+    EXPECT_EQ(pixelAt(*reduced, 0, 0)[0], 30);   // (0 + 0.5 * 90) / 1.5
+    EXPECT_EQ(pixelAt(*reduced, 1, 0)[0], 150);  // (0.5 * 90 + 180) / 1.5
+
+    // A transparent neighbour lends no colour, only its transparency.
+    const std::vector<Pixel> halfClear = {{255, 0, 0, 255}, {0, 255, 0, 0}};
+    EXPECT_EQ(pixelAt(*detail::resizeRgba(imageOf(2, 1, halfClear), 1, 1), 0, 0),
+              (Pixel{255, 0, 0, 128}));
+
+    // Enlarged: pixel centres line up, so the outer pixels keep their colour and the inner ones
+    // blend a quarter of the neighbour in.
+    const auto big = detail::resizeRgba(imageOf(2, 1, pair), 4, 2);
+    EXPECT_EQ(pixelAt(*big, 0, 1), pair[0]);
+    EXPECT_EQ(pixelAt(*big, 1, 0), (Pixel{125, 25, 75, 255}));
+    EXPECT_EQ(pixelAt(*big, 3, 1), pair[1]);
+    EXPECT_EQ(pixelAt(*detail::resizeRgba(imageOf(2, 1, halfClear), 4, 1), 1, 0),
+              (Pixel{255, 0, 0, 191}));
+}
+
+}  // namespace
+}  // namespace qor::imageio
