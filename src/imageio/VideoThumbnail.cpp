@@ -1,0 +1,262 @@
+#include "imageio/VideoThumbnail.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/display.h>
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "base/Log.h"
+#include "imageio/decoders/detail/DecodeSupport.h"
+
+namespace qor::imageio {
+
+namespace {
+
+using detail::Rgba8Image;
+
+// Thumbnails are never larger than this on either side.
+constexpr int kMaxThumbnailSide = 256;
+// The frame is taken at this time or at a tenth of the length, whichever is earlier.
+constexpr int64_t kThumbnailTime = AV_TIME_BASE;  // 1 second
+// Packets read after the seek before the last decoded frame is taken as it is.
+constexpr int kMaxPackets = 2000;
+
+// FFmpeg's warnings and errors go to our log at debug level; its chatter below that is dropped.
+void logFromFfmpeg(void* context, int level, const char* format, va_list arguments) {
+    if (level > AV_LOG_WARNING) return;
+    char line[1024];
+    int printPrefix = 1;
+    av_log_format_line2(context, level, format, arguments, line, sizeof line, &printPrefix);
+    std::string_view text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+    QOR_LOG(LogDebug, "FFmpeg: %*", text);
+}
+
+void routeFfmpegLog() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_callback(logFromFfmpeg); });
+}
+
+struct InputClose {
+    void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+};
+struct CodecFree {
+    void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
+};
+struct FrameFree {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+struct PacketFree {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct ScalerFree {
+    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
+using Input = std::unique_ptr<AVFormatContext, InputClose>;
+using Codec = std::unique_ptr<AVCodecContext, CodecFree>;
+using Frame = std::unique_ptr<AVFrame, FrameFree>;
+using Packet = std::unique_ptr<AVPacket, PacketFree>;
+using Scaler = std::unique_ptr<SwsContext, ScalerFree>;
+
+// FFmpeg takes a location as a URL; a plain path goes through its file protocol, so that no name
+// can reach another protocol.
+std::string fileUrl(const FastString<char>& path) {
+    const std::string_view p = path.view();
+    if (p.substr(0, 5) == "file:") return std::string(p);
+    return "file:" + std::string(p);
+}
+
+// The clockwise rotation, in quarter turns, with which the stream is meant to be shown.
+int quarterTurns(const AVStream* stream) {
+    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+    if (!matrix) return 0;
+    const double degrees = -av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    if (std::isnan(degrees)) return 0;
+    return ((int(std::lround(degrees / 90.0)) % 4) + 4) % 4;
+}
+
+// The time of the thumbnail frame in the stream's time base, and whether to seek there.
+int64_t thumbnailTime(const AVFormatContext* input, const AVStream* stream) {
+    if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) return AV_NOPTS_VALUE;
+    int64_t length = input->duration;
+    if ((length == AV_NOPTS_VALUE || length <= 0) && stream->duration != AV_NOPTS_VALUE &&
+        stream->duration > 0)
+        length = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
+    if (length == AV_NOPTS_VALUE || length <= 0) return AV_NOPTS_VALUE;
+    const int64_t at = std::min(kThumbnailTime, length / 10);
+    const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+    return start + av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
+}
+
+// Decodes frames from the read position on until one lies at or after `target` (any frame when
+// `target` is AV_NOPTS_VALUE). At the end of the file, or after kMaxPackets packets, the last
+// frame decoded is taken. Null when no frame decodes; `error` then holds FFmpeg's last error.
+Frame decodeFrameAt(AVFormatContext* input, AVCodecContext* codec, int streamIndex, int64_t target,
+                    int& error) {
+    Packet packet(av_packet_alloc());
+    Frame frame(av_frame_alloc());
+    Frame last;
+    if (!packet || !frame) {
+        error = AVERROR(ENOMEM);
+        return nullptr;
+    }
+    error = AVERROR_EOF;
+    bool draining = false;
+    for (int packets = 0; packets < kMaxPackets;) {
+        if (!draining) {
+            const int read = av_read_frame(input, packet.get());
+            if (read < 0) {
+                draining = true;
+                avcodec_send_packet(codec, nullptr);
+            } else {
+                const bool ours = packet->stream_index == streamIndex;
+                if (ours) {
+                    ++packets;
+                    const int sent = avcodec_send_packet(codec, packet.get());
+                    if (sent < 0 && sent != AVERROR(EAGAIN)) error = sent;
+                }
+                av_packet_unref(packet.get());
+                if (!ours) continue;
+            }
+        }
+        for (;;) {
+            const int received = avcodec_receive_frame(codec, frame.get());
+            if (received == AVERROR(EAGAIN)) break;
+            if (received < 0) {
+                if (received != AVERROR_EOF) error = received;
+                return last;
+            }
+            const int64_t time = frame->best_effort_timestamp;
+            if (target == AV_NOPTS_VALUE || time == AV_NOPTS_VALUE || time >= target) return frame;
+            last = std::move(frame);
+            frame.reset(av_frame_alloc());
+            if (!frame) return last;
+        }
+    }
+    return last;
+}
+
+// `image` turned clockwise by `turns` quarter turns.
+SharedPtr<Rgba8Image> rotate(const SharedPtr<Rgba8Image>& image, int turns) {
+    if (turns == 0) return image;
+    const int w = image->width();
+    const int h = image->height();
+    const bool swap = turns % 2 == 1;
+    SharedPtr<Rgba8Image> turned = Rgba8Image::create(swap ? h : w, swap ? w : h);
+    for (int y = 0; y < h; ++y) {
+        const uint32_t* in = reinterpret_cast<const uint32_t*>(image->row(y));
+        for (int x = 0; x < w; ++x) {
+            int tx = x, ty = y;
+            if (turns == 1) tx = h - 1 - y, ty = x;
+            if (turns == 2) tx = w - 1 - x, ty = h - 1 - y;
+            if (turns == 3) tx = y, ty = w - 1 - x;
+            std::memcpy(&turned->at(tx, ty), in + x, 4);
+        }
+    }
+    return turned;
+}
+
+// The frame scaled to fit inside `box` as it is shown, converted to RGBA. Null when the frame's
+// format or size is not usable.
+SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
+                                  math::GenVec<int, 2> box, const FastString<char>& path) {
+    if (!detail::plausibleSize(frame.width, frame.height)) return nullptr;
+    AVRational aspect = frame.sample_aspect_ratio;
+    if (aspect.num <= 0 || aspect.den <= 0) aspect = stream->sample_aspect_ratio;
+    double shownWidth = frame.width;
+    if (aspect.num > 0 && aspect.den > 0) shownWidth = frame.width * av_q2d(aspect);
+    const int turns = quarterTurns(stream);
+    math::GenVec<int, 2> shown(std::max(1, int(std::lround(shownWidth))), frame.height);
+    if (turns % 2 == 1) shown = math::GenVec<int, 2>(shown.y, shown.x);
+    math::GenVec<int, 2> fitted = fitInside(shown, box);
+    // The scaler works in the frame's orientation; the turn comes after.
+    if (turns % 2 == 1) fitted = math::GenVec<int, 2>(fitted.y, fitted.x);
+
+    const bool reduces = fitted.x <= frame.width && fitted.y <= frame.height;
+    Scaler scaler(sws_getContext(frame.width, frame.height, AVPixelFormat(frame.format), fitted.x,
+                                 fitted.y, AV_PIX_FMT_RGBA, reduces ? SWS_AREA : SWS_BICUBIC,
+                                 nullptr, nullptr, nullptr));
+    if (!scaler) return nullptr;
+    SharedPtr<Rgba8Image> image = detail::allocateRgba(fitted.x, fitted.y, path);
+    if (!image) return nullptr;
+    uint8_t* planes[4] = {image->data(), nullptr, nullptr, nullptr};
+    int strides[4] = {int(image->byteStride()), 0, 0, 0};
+    if (sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides) !=
+        fitted.y)
+        return nullptr;
+    return rotate(image, turns);
+}
+
+}  // namespace
+
+bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size, ImageOut* image,
+                        SharedPtr<Metadata>* metadata) {
+    routeFfmpegLog();
+    AVFormatContext* opened = nullptr;
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file", 0);
+    int error = avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
+    av_dict_free(&options);
+    Input input(opened);
+    if (error >= 0) error = avformat_find_stream_info(input.get(), nullptr);
+    const AVCodec* decoder = nullptr;
+    if (error >= 0)
+        error = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
+    if (error < 0 || !decoder) {
+        QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
+                path, error);
+        return false;
+    }
+    const int streamIndex = error;
+    AVStream* stream = input->streams[streamIndex];
+    const bool imageWanted = detail::wanted(image);
+    const bool metadataPresent = metadata && *metadata;
+    if (!imageWanted && !metadataPresent) return true;
+
+    Codec codec(avcodec_alloc_context3(decoder));
+    error = codec ? avcodec_parameters_to_context(codec.get(), stream->codecpar) : AVERROR(ENOMEM);
+    if (error >= 0) error = avcodec_open2(codec.get(), decoder, nullptr);
+    Frame frame;
+    if (error >= 0) {
+        const int64_t target = thumbnailTime(input.get(), stream);
+        if (target != AV_NOPTS_VALUE &&
+            av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
+            av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
+        frame = decodeFrameAt(input.get(), codec.get(), streamIndex, target, error);
+    }
+    SharedPtr<Rgba8Image> thumbnail;
+    if (frame) {
+        const math::GenVec<int, 2> box(
+            size.x > 0 ? std::min(size.x, kMaxThumbnailSide) : kMaxThumbnailSide,
+            size.y > 0 ? std::min(size.y, kMaxThumbnailSide) : kMaxThumbnailSide);
+        try {
+            thumbnail = toThumbnail(*frame, stream, box, path);
+        } catch (const std::bad_alloc&) {
+            thumbnail = nullptr;
+        }
+        if (!thumbnail) error = AVERROR(EINVAL);
+    }
+    if (!thumbnail) {
+        QOR_LOG(LogDebug,
+                "IShellItemImageFactory::GetImage for file '%*' failed with error code %*", path,
+                error);
+        return true;
+    }
+    if (metadataPresent)
+        (*metadata)->set(MetadataField::Imagesize, Vec2i(thumbnail->width(), thumbnail->height()));
+    if (imageWanted) *image = std::move(thumbnail);
+    return true;
+}
+
+}  // namespace qor::imageio
