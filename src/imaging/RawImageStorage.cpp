@@ -20,9 +20,9 @@ using FormatTag = std::integral_constant<RawPixelFormat, F>;
 template <class Fn>
 bool visitFormat(RawPixelFormat format, Fn&& fn) {
     switch (format) {
-#define QOR_VISIT_CASE(S, T, N)    \
-    case Pf##S:                    \
-        fn(FormatTag<Pf##S>());    \
+#define QOR_VISIT_CASE(S, T, N) \
+    case Pf##S:                 \
+        fn(FormatTag<Pf##S>()); \
         return true;
         QOR_RAW_STORAGE_FORMATS(QOR_VISIT_CASE)
 #undef QOR_VISIT_CASE
@@ -43,22 +43,31 @@ void copyRect(const GenImageData<T, N>& src, const Recti& rect, Vec2i dst,
                     "dst.x >= 0 && dst.x + srcrect.width() <= target->width()");
     QOR_ASSERT_TEXT(dst.y >= 0 && dst.y + rect.height() <= target.height(),
                     "dst.y >= 0 && dst.y + srcrect.height() <= target->height()");
-    // Copy what lies inside both, so that a bad rectangle never touches memory outside.
-    Recti clipped = rect & Recti(0, 0, src.width(), src.height());
-    const int w = std::min(clipped.width(), target.width() - std::max(dst.x, 0));
-    const int h = std::min(clipped.height(), target.height() - std::max(dst.y, 0));
-    if (w <= 0 || h <= 0 || dst.x < 0 || dst.y < 0) return;
+    // Destination offset k in the rectangle reads source offset k, or its mirror when flipped.
     const bool flipH = (mode & COPY_FLIP_H) != 0;
     const bool flipV = (mode & COPY_FLIP_V) != 0;
-    for (int y = 0; y < h; ++y) {
-        const T* from = src.row(clipped.ymin() + y) + std::size_t(clipped.xmin()) * N;
-        T* to = target.row(dst.y + (flipV ? h - 1 - y : y)) + std::size_t(dst.x) * N;
+    const int w = rect.width(), h = rect.height();
+    auto srcX = [&](int dx) { return rect.xmin() + (flipH ? w - 1 - dx : dx); };
+    auto srcY = [&](int dy) { return rect.ymin() + (flipV ? h - 1 - dy : dy); };
+    // Only offsets inside both images are copied, so that a bad rectangle touches no memory
+    // outside and the part that is copied is the part of the whole mirrored copy that fits.
+    int x0 = std::max(0, -dst.x), x1 = std::min(w, target.width() - dst.x);
+    int y0 = std::max(0, -dst.y), y1 = std::min(h, target.height() - dst.y);
+    x0 = std::max(x0, flipH ? rect.xmin() + w - src.width() : -rect.xmin());
+    x1 = std::min(x1, flipH ? rect.xmin() + w : src.width() - rect.xmin());
+    y0 = std::max(y0, flipV ? rect.ymin() + h - src.height() : -rect.ymin());
+    y1 = std::min(y1, flipV ? rect.ymin() + h : src.height() - rect.ymin());
+    if (x0 >= x1 || y0 >= y1) return;
+    for (int dy = y0; dy < y1; ++dy) {
+        const T* from = src.row(srcY(dy));
+        T* to = target.row(dst.y + dy);
         if (!flipH) {
-            std::memcpy(to, from, std::size_t(w) * N * sizeof(T));
+            std::memcpy(to + std::size_t(dst.x + x0) * N, from + std::size_t(srcX(x0)) * N,
+                        std::size_t(x1 - x0) * N * sizeof(T));
             continue;
         }
-        for (int x = 0; x < w; ++x)
-            std::memcpy(to + std::size_t(w - 1 - x) * N, from + std::size_t(x) * N,
+        for (int dx = x0; dx < x1; ++dx)
+            std::memcpy(to + std::size_t(dst.x + dx) * N, from + std::size_t(srcX(dx)) * N,
                         N * sizeof(T));
     }
 }
@@ -76,11 +85,11 @@ RawImageStorage::RawImageStorage(int width, int height, const WeakSharedPtr<Imag
 RawImageStorage::~RawImageStorage() {
     // No other thread can reach a storage being destroyed; the lock satisfies the annotations.
     ScopedLock<OwnedMutex> lock(_mutex);
-#define QOR_CHECK_UNIQUE(S, T, N)                                              \
-    if (_data##S && _data##S.use_count() > 1) {                                \
-        QOR_LOG(LogWarning, "_data" #S " not unique on ~RawImageStorage!");    \
-        QOR_LOG(LogWarning, "%*", static_cast<const void*>(_data##S.get()));   \
-        QOR_ASSERT_TEXT(false, "false");                                       \
+#define QOR_CHECK_UNIQUE(S, T, N)                                            \
+    if (_data##S && _data##S.use_count() > 1) {                              \
+        QOR_LOG(LogWarning, "_data" #S " not unique on ~RawImageStorage!");  \
+        QOR_LOG(LogWarning, "%*", static_cast<const void*>(_data##S.get())); \
+        QOR_ASSERT_TEXT(false, "false");                                     \
     }
     QOR_RAW_STORAGE_FORMATS(QOR_CHECK_UNIQUE)
 #undef QOR_CHECK_UNIQUE
@@ -88,9 +97,9 @@ RawImageStorage::~RawImageStorage() {
 
 template <RawPixelFormat F>
 auto& RawImageStorage::slot() {
-#define QOR_SLOT_CASE(S, T, N) \
-    if constexpr (F == Pf##S) {  \
-        return _data##S;         \
+#define QOR_SLOT_CASE(S, T, N)  \
+    if constexpr (F == Pf##S) { \
+        return _data##S;        \
     } else
     QOR_RAW_STORAGE_FORMATS(QOR_SLOT_CASE)
 #undef QOR_SLOT_CASE
@@ -262,11 +271,13 @@ void RawImageStorage::discardPrimary() {
 bool RawImageStorage::tryDiscardPixelFormat(RawPixelFormat format) QOR_NO_THREAD_SAFETY_ANALYSIS {
     // The thread that holds the lock may be the one whose allocation started the eviction.
     if (_mutex.heldByCurrentThread()) return false;
+    // The tile's declared format, taken before the lock so that the tile is never released inside
+    // it. A storage without a tile (the copy source of writeSubRect), or whose tile is being
+    // destroyed, has no format to keep.
+    SharedPtr<ImageTile> tile = _parent.lock();
+    const RawPixelFormat tileFormat = tile ? tile->pixelFormat() : PfInvalid;
     ScopedLock<OwnedMutex> lock(_mutex, false);
     if (!lock.tryLock()) return false;
-    SharedPtr<ImageTile> tile = _parent.lock();
-    QOR_ASSERT_TEXT(tile, "tile");
-    const RawPixelFormat tileFormat = tile ? tile->pixelFormat() : PfInvalid;
     if (format == _primaryFormat && _secondaryFormat != PfInvalid &&
         _secondaryFormat == tileFormat) {
         // The tile's own format survives: the cached copy becomes the truth. No buffer changes,
@@ -317,19 +328,15 @@ SharedPtr<RawImageDataOf<F>> RawImageStorage::getTarget() {
     return slot<F>()->getData(false);
 }
 
-#define QOR_RAW_STORAGE_DEFINE(S, T, N)                                                   \
-    template void RawImageStorage::setData<Pf##S>(const SharedPtr<const GenImageData<T, N>>&); \
-    template SharedPtr<const GenImageData<T, N>> RawImageStorage::getData<Pf##S>();          \
-    template SharedPtr<GenImageData<T, N>> RawImageStorage::getTarget<Pf##S>();              \
-    void RawImageStorage::setData##S(const SharedPtr<const GenImageData<T, N>>& data) {   \
-        setData<Pf##S>(data);                                                       \
-    }                                                                                     \
-    SharedPtr<const GenImageData<T, N>> RawImageStorage::getData##S() {                   \
-        return getData<Pf##S>();                                                    \
-    }                                                                                     \
-    SharedPtr<GenImageData<T, N>> RawImageStorage::getTarget##S() {                       \
-        return getTarget<Pf##S>();                                                  \
-    }
+#define QOR_RAW_STORAGE_DEFINE(S, T, N)                                                            \
+    template void RawImageStorage::setData<Pf##S>(const SharedPtr<const GenImageData<T, N>>&);     \
+    template SharedPtr<const GenImageData<T, N>> RawImageStorage::getData<Pf##S>();                \
+    template SharedPtr<GenImageData<T, N>> RawImageStorage::getTarget<Pf##S>();                    \
+    void RawImageStorage::setData##S(const SharedPtr<const GenImageData<T, N>>& data) {            \
+        setData<Pf##S>(data);                                                                      \
+    }                                                                                              \
+    SharedPtr<const GenImageData<T, N>> RawImageStorage::getData##S() { return getData<Pf##S>(); } \
+    SharedPtr<GenImageData<T, N>> RawImageStorage::getTarget##S() { return getTarget<Pf##S>(); }
 QOR_RAW_STORAGE_FORMATS(QOR_RAW_STORAGE_DEFINE)
 #undef QOR_RAW_STORAGE_DEFINE
 
@@ -340,9 +347,11 @@ bool RawImageStorage::writeRect(const ImageStorage* src, const Recti& srcrect, V
         QOR_ASSERT_TEXT(false, "src != this");
         return false;
     }
+    // The source is asked before this storage is locked: a storage's lock is never held while
+    // another's is taken, so copies in both directions cannot deadlock.
+    const int srcWidth = src->width(), srcHeight = src->height();
     {
         ScopedLock<OwnedMutex> lock(_mutex);
-        const int srcWidth = src->width(), srcHeight = src->height();
         QOR_ASSERT_TEXT((srcrect & Recti(0, 0, srcWidth, srcHeight)) == srcrect,
                         "(srcrect & math::Recti(0, 0, src->width(), src->height())) == srcrect");
         QOR_ASSERT_TEXT(dstoffset.x >= 0 && dstoffset.y >= 0,
@@ -353,8 +362,7 @@ bool RawImageStorage::writeRect(const ImageStorage* src, const Recti& srcrect, V
                         "dstoffset.y + srcrect.height() <= _height");
     }
     if (!raw) return false;
-    // The source is only asked, and its view taken, before this storage is locked: two storages
-    // are never locked at once, so copies in both directions cannot deadlock.
+    // The source's view is taken before this storage is locked, as above.
     auto* source = const_cast<RawImageStorage*>(raw);
     const RawPixelFormat format = source->getCurrentPixelFormat();
     bool copied = false;
