@@ -1,6 +1,6 @@
-// qor info FILE...: what the library reads from image files: the item type, the item checksum,
+// qor info FILE...: what the library reads from image and video files: the item type, the item checksum,
 // the decoded size and the metadata keys.
-// qor thumb IN OUT [--size N]: a thumbnail of an image file, fitted inside N x N, as JPEG.
+// qor thumb IN OUT [--size N]: a thumbnail of an image or video file, fitted inside N x N, as JPEG.
 
 #include <cstdio>
 #include <string>
@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "imageio/ImageIO.h"
+#include "imageio/VideoThumbnail.h"
 
 namespace qor::tool {
 
@@ -33,8 +34,15 @@ int runInfo(const std::vector<std::string>& args) {
         imageio::ImagePtr image;
         SharedPtr<imageio::Metadata> metadata;
         const imageio::ItemType type = imageio::getItemType(path);
-        imageio::loadImage(path, math::GenVec<int, 2>(0, 0), imageio::ImageQualityFast, &image,
-                           &metadata, math::Recti());
+        if (type == imageio::ItemTypeVideo) {
+            metadata = std::make_shared<imageio::Metadata>();
+            if (!imageio::loadVideoThumbnail(path, math::GenVec<int, 2>(256, 256), &image,
+                                             &metadata))
+                metadata.reset();
+        } else {
+            imageio::loadImage(path, math::GenVec<int, 2>(0, 0), imageio::ImageQualityFast, &image,
+                               &metadata, math::Recti());
+        }
         if (!image && !metadata) {
             std::fprintf(stderr, "qor: info: cannot read '%s'\n", file.c_str());
             status = 1;
@@ -72,8 +80,13 @@ int runThumb(const std::vector<std::string>& args) {
     const FastString<char> in(files[0]), out(files[1]);
     const math::GenVec<int, 2> box{int(side), int(side)};
     imageio::ImagePtr image;
-    SharedPtr<imageio::Metadata> metadata;  // asked for, so that an EXIF thumbnail can serve
-    imageio::loadImage(in, box, imageio::ImageQualityThumbnail, &image, &metadata, math::Recti());
+    if (imageio::getItemType(in) == imageio::ItemTypeVideo) {
+        imageio::loadVideoThumbnail(in, box, &image, nullptr);
+    } else {
+        SharedPtr<imageio::Metadata> metadata;  // asked for, so that an EXIF thumbnail can serve
+        imageio::loadImage(in, box, imageio::ImageQualityThumbnail, &image, &metadata,
+                           math::Recti());
+    }
     if (!image) {
         std::fprintf(stderr, "qor: thumb: cannot read '%s'\n", files[0].c_str());
         return 1;

@@ -36,9 +36,9 @@ const Command kCommands[] = {
      "compute a generated image through the tile pipeline and check every pixel "
      "(--width N --height N --tile N)",
      qor::tool::runTilesDemo},
-    {"info", "item type, checksum, size and metadata of image files (FILE...)",
+    {"info", "item type, checksum, size and metadata of image or video files (FILE...)",
      qor::tool::runInfo},
-    {"thumb", "a JPEG thumbnail of an image file (IN OUT [--size N])",
+    {"thumb", "a JPEG thumbnail of an image or video file (IN OUT [--size N])",
      qor::tool::runThumb},
 };
 
