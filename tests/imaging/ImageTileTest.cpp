@@ -325,6 +325,78 @@ TEST_F(ImageTile, DrawParametersReachEveryStorage) {
     EXPECT_EQ(log.assertions("params.isValid()"), 1u);
 }
 
+TEST_F(ImageTile, TypesWithoutADirectPathConvertThroughProcessorData) {
+    ShadowProbe& probe = ShadowStorage::probe();
+    auto tile = newTile();
+    tile->setData(ShadowStorage::withPattern<RelayStorage>(tile, 6));
+    EXPECT_EQ(shadowPixels(tile), patternIn(PfRGBA8, 8, 7, 6));
+    EXPECT_EQ(probe.readBacks, 1);
+    EXPECT_EQ(probe.createdFromRaw, 1);
+    EXPECT_TRUE(tile->hasData<RelayStorage>());
+    EXPECT_TRUE(tile->hasData<RawImageStorage>());
+
+    // A type that cannot be read back is made for reading but is never a write target.
+    EXPECT_TRUE(tile->getData<FrozenStorage>());
+    LogCapture log;
+    EXPECT_FALSE(tile->getDataTarget<FrozenStorage>());
+    EXPECT_EQ(log.assertions("getImageFormatInfo(formatstoragetype)->handler->supportsReadBack()"),
+              1u);
+    EXPECT_TRUE(tile->hasData<ShadowStorage>()) << "nothing was dropped";
+
+    // An unregistered type has no storage.
+    class StrayStorage : public ShadowStorage {
+    public:
+        using ShadowStorage::ShadowStorage;
+    };
+    EXPECT_FALSE(tile->getData<StrayStorage>());
+    EXPECT_EQ(log.assertions("fmt"), 1u);
+}
+
+TEST_F(ImageTile, NativeObjectsComeFromTheStorageThatOffersThem) {
+    auto tile = newTile();
+    tile->setDataRGBA8(makePattern(8, 7, 4));
+    ShadowHandle handle;
+    EXPECT_TRUE(tile->getNativeData(&handle));
+    ASSERT_TRUE(handle.storage);
+    EXPECT_EQ(patternIdOf(*handle.storage), 4u);
+    EXPECT_TRUE(tile->hasData<RawImageStorage>());
+
+    handle = ShadowHandle();
+    EXPECT_TRUE(tile->getNativeDataTarget(&handle));
+    EXPECT_TRUE(handle.storage);
+    EXPECT_FALSE(tile->hasData<RawImageStorage>());
+
+    tile->setDataRGBA8(makePattern(8, 7, 1));
+    EXPECT_TRUE(tile->setNativeData(ShadowPixels{patternIn(PfRGBA8, 8, 7, 5)}));
+    EXPECT_FALSE(tile->hasData<RawImageStorage>());
+    EXPECT_TRUE(holdsPattern(*tile->getDataRGBA8(), PfRGBA8, 5));
+
+    int unknown = 0;
+    EXPECT_FALSE(tile->getNativeData(&unknown));
+}
+
+TEST_F(ImageTile, DroppingAStorageThatIsStillHeldIsReported) {
+    auto tile = newTile();
+    tile->setDataRGBA8(makePattern(8, 7, 3));
+    tile->getData<ShadowStorage>();
+    SharedPtr<RawImageStorage> held = tile->getData<RawImageStorage>();
+    LogCapture log;
+    tile->getDataTarget<ShadowStorage>();
+    EXPECT_EQ(log.count("not unique on ImageTile::clearUnlocked()!"), 1u);
+    EXPECT_TRUE(holdsPattern(*held->getDataRGBA8(), PfRGBA8, 3)) << "the holder keeps it";
+
+    SharedPtr<ShadowStorage> shadow = tile->getData<ShadowStorage>();
+    tile->clear();
+    EXPECT_EQ(log.count("not unique on ImageTile::clearUnlocked()!"), 2u);
+
+    tile->setDataRGBA8(makePattern(8, 7, 3));
+    held = tile->getData<RawImageStorage>();
+    EXPECT_TRUE(tile->discardData<RawImageStorage>());
+    EXPECT_EQ(log.count("Storage not unique on discard!"), 1u);
+    EXPECT_FALSE(tile->valid());
+    EXPECT_EQ(log.assertions(), 0u);
+}
+
 using ImageTileThreads = TileTest;
 
 TEST_F(ImageTileThreads, ReadBackThatLosesItsSourceRetriesWithTheCurrentData) {

@@ -10,6 +10,7 @@
 #include "imaging/ImageDataAdapter.h"
 #include "imaging/ImageStorageManager.h"
 #include "imaging/ImageTile.h"
+#include "imaging/ManagedImageData.h"
 #include "imaging/RawImageStorage.h"
 
 namespace qor::imaging {
@@ -243,6 +244,56 @@ INSTANTIATE_TEST_SUITE_P(Buffers, RawImageStorage, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "Managed" : "Plain";
                          });
+
+TEST(GenImageData, RowsArePaddedAndTheReleaseRunsWithTheView) {
+    EXPECT_EQ((GenImageData<unsigned char, 3>::defaultStride(1)), 96u);
+    EXPECT_EQ((GenImageData<unsigned char, 4>::defaultStride(1)), 32u) << "32 bytes";
+    EXPECT_EQ((GenImageData<unsigned short, 4>::defaultStride(3)), 16u);
+    EXPECT_EQ((GenImageData<float, 1>::defaultStride(9)), 16u);
+
+    int released = 0;
+    unsigned char pixels[64] = {};
+    LogCapture log;
+    {
+        GenImageData<unsigned char, 1> view(4, 2, 32, pixels, [&] { ++released; });
+        EXPECT_EQ(view.row(1), pixels + 32);
+        EXPECT_EQ(view.row(2), pixels) << "a bad row gives row 0";
+        EXPECT_EQ(log.assertions("ln >= 0 && ln < _height"), 1u);
+        EXPECT_EQ(released, 0);
+    }
+    EXPECT_EQ(released, 1);
+    { GenImageData<unsigned char, 1> bad(0, 1, 0, pixels); }
+    EXPECT_EQ(log.assertions("width > 0"), 1u);
+    { GenImageData<unsigned char, 1> bad(1, 1, 0, nullptr); }
+    EXPECT_EQ(log.assertions("src"), 1u);
+}
+
+class ManagedImageData : public TileTest {};
+
+TEST_F(ManagedImageData, OneViewWhileItLivesAndTheBlockOutlivesItsOwner) {
+    // 64 KiB: a whole block of the memory manager, not a piece of the pool.
+    auto data = imaging::ManagedImageData<unsigned char, 4>::create(128, 128);
+    auto write = data->getData(false);
+    EXPECT_EQ(data->getData(true), write);
+    fillPattern(*write, 8);
+    write.reset();
+    ASSERT_EQ(memory::nmClearUnlocked(0), memory::NM_OK);
+    EXPECT_EQ(data->memoryFootprint(), 12u) << "swapped out";
+    auto read = data->getData(true);
+    data.reset();
+    EXPECT_TRUE(holdsPattern(*read, PfRGBA8, 8));
+}
+
+TEST_F(ManagedImageData, BlocksThatCannotBeHadThrowBadAlloc) {
+    LogCapture log;
+    EXPECT_THROW((imaging::ManagedImageData<unsigned char, 4>::create(0, 4)), std::bad_alloc);
+    EXPECT_TRUE(log.contains("Memory manager error: could not allocate the required space"));
+    // More than 4 GiB is more than one block can hold.
+    EXPECT_THROW((imaging::ManagedImageData<float, 4>::create(1 << 16, 1 << 14)), std::bad_alloc);
+    auto storage = makeRawStorage(0, 3);
+    EXPECT_THROW(storage->getDataRGBA8(), std::bad_alloc);
+    EXPECT_EQ(storage->getCurrentPixelFormat(), PfInvalid) << "nothing was entered";
+}
 
 using RawImageStorageWriteRect = TileTest;
 

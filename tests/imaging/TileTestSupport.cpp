@@ -118,15 +118,18 @@ ShadowProbe& probeInstance() {
     return *probe;
 }
 
+// Makes storages of type S; `readBack` is what supportsReadBack answers.
+template <class S>
 class ShadowHandler : public ImageStorageHandler {
 public:
-    bool supportsReadBack() override { return true; }
+    explicit ShadowHandler(bool readBack = true) : _readBack(readBack) {}
+    bool supportsReadBack() override { return _readBack; }
     SharedPtr<ImageStorage> createFromRaw(const SharedPtr<RawImageStorage>& raw, RawPixelFormat,
                                           const WeakSharedPtr<ImageTile>& parent,
                                           const DrawParameters& params) override {
         ++probeInstance().createdFromRaw;
         SharedPtr<const Rgba8> pixels = raw->getDataRGBA8();
-        auto* storage = new ShadowStorage(parent, pixels->width(), pixels->height(), params);
+        auto* storage = new S(parent, pixels->width(), pixels->height(), params);
         storage->setPixels(packedRows(*pixels));
         return storage->setupSelfRef();
     }
@@ -134,8 +137,11 @@ public:
                                         const WeakSharedPtr<ImageTile>& parent,
                                         const DrawParameters& params) override {
         ++probeInstance().createdEmpty;
-        return (new ShadowStorage(parent, width, height, params))->setupSelfRef();
+        return (new S(parent, width, height, params))->setupSelfRef();
     }
+
+private:
+    bool _readBack;
 };
 
 }  // namespace
@@ -148,15 +154,21 @@ ShadowStorage::ShadowStorage(const WeakSharedPtr<ImageTile>& parent, int width, 
       _pixels(std::size_t(width) * height * 4),
       _params(params) {}
 
-ShadowStorage* ShadowStorage::withPattern(const SharedPtr<ImageTile>& tile, unsigned id) {
-    auto* storage = new ShadowStorage(tile, tile->width(), tile->height());
-    storage->setPixels(patternIn(PfRGBA8, tile->width(), tile->height(), id));
-    return storage;
-}
-
 void ShadowStorage::ensureRegistered() {
     static const bool registered = [] {
-        ImageTile::registerStorageType<ShadowStorage>(new ShadowHandler);
+        ImageTile::registerStorageType<ShadowStorage>(new ShadowHandler<ShadowStorage>);
+        ImageTile::registerStorageType<RelayStorage>(new ShadowHandler<RelayStorage>);
+        ImageTile::registerStorageType<FrozenStorage>(new ShadowHandler<FrozenStorage>(false));
+        const char* type = storageTypeName<ShadowStorage>();
+        ImageTile::registerNativeGetter<ShadowHandle>(type, [](const ImageStorage* s, void* r) {
+            static_cast<ShadowHandle*>(r)->storage = static_cast<const ShadowStorage*>(s);
+        });
+        ImageTile::registerNativeTargetGetter<ShadowHandle>(type, [](ImageStorage* s, void* r) {
+            static_cast<ShadowHandle*>(r)->storage = static_cast<const ShadowStorage*>(s);
+        });
+        ImageTile::registerNativeSetter<ShadowPixels>(type, [](ImageStorage* s, const void* v) {
+            static_cast<ShadowStorage*>(s)->setPixels(static_cast<const ShadowPixels*>(v)->rgba);
+        });
         return true;
     }();
     (void)registered;

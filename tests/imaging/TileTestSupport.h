@@ -145,11 +145,16 @@ class ShadowStorage : public ImageStorage {
 public:
     ShadowStorage(const WeakSharedPtr<ImageTile>& parent, int width, int height,
                   const DrawParameters& params = DrawParameters());
-    // A storage holding pattern `id`; not yet behind its self reference (ImageTile::setData
-    // does that).
-    static ShadowStorage* withPattern(const SharedPtr<ImageTile>& tile, unsigned id);
+    // A storage of type S holding pattern `id`; not yet behind its self reference
+    // (ImageTile::setData does that).
+    template <class S = ShadowStorage>
+    static S* withPattern(const SharedPtr<ImageTile>& tile, unsigned id) {
+        auto* storage = new S(tile, tile->width(), tile->height());
+        storage->setPixels(patternIn(PfRGBA8, tile->width(), tile->height(), id));
+        return storage;
+    }
 
-    // Registers the type with the tile registry once per process.
+    // Registers the shadow types, and the native accessors of ShadowStorage, once per process.
     static void ensureRegistered();
     static ShadowProbe& probe();
     static void resetProbe();
@@ -177,6 +182,25 @@ private:
     mutable std::mutex _mutex;  // guards _pixels, _params
     std::vector<unsigned char> _pixels;
     DrawParameters _params;
+};
+
+// A third storage type of the same make, which ShadowStorage has no direct path from.
+class RelayStorage : public ShadowStorage {
+public:
+    using ShadowStorage::ShadowStorage;
+};
+// A storage type that cannot be read back, so it is never a write target.
+class FrozenStorage : public ShadowStorage {
+public:
+    using ShadowStorage::ShadowStorage;
+};
+
+// Native objects that ShadowStorage hands out and takes in.
+struct ShadowHandle {
+    const ShadowStorage* storage = nullptr;
+};
+struct ShadowPixels {
+    std::vector<unsigned char> rgba;
 };
 
 // The pattern id a ShadowStorage holds; pixels must be whole.
