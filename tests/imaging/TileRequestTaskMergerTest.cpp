@@ -112,11 +112,15 @@ TEST_F(MergerTest, IdenticalPendingRequestsShareOneTask) {
     ASSERT_TRUE(occupy());
 
     Recorder first, second;
+    std::mutex progressMutex;  // tiles finish on several workers
     std::vector<double> progress;
     SharedPtr<RequestHandle> h1 = request(kSquare, first);
     SharedPtr<RequestHandle> h2 = source->requestTiles(
         kSquare, std::make_shared<LineOrderScoreFunction>(), second.callback(), true,
-        [&](double p) { progress.push_back(p); });
+        [&](double p) {
+            std::lock_guard<std::mutex> lock(progressMutex);
+            progress.push_back(p);
+        });
     EXPECT_NE(h1, h2);
     auto handle2 = dynamic_ptr_cast<Handle>(h2);
     ASSERT_TRUE(handle2);
@@ -135,6 +139,7 @@ TEST_F(MergerTest, IdenticalPendingRequestsShareOneTask) {
     }
     for (const TileIndex& t : kSquare) EXPECT_EQ(source->computedCount(t.x, t.y), 1);
     EXPECT_EQ(graphs.load(), 2) << "the busy request and the merged one";
+    std::lock_guard<std::mutex> lock(progressMutex);
     ASSERT_EQ(progress.size(), kSquare.size());
     for (double p : progress) EXPECT_TRUE(p > 0.0 && p <= 1.0) << p;
     EXPECT_TRUE(waitFinished(h1));
@@ -314,7 +319,7 @@ TEST_F(MergerTest, ThrowingTileCallbackDoesNotStopDeliveryToOthers) {
     ASSERT_TRUE(occupy());
     std::atomic<int> thrownCalls{0};
     Recorder good;
-    source->requestTiles(
+    SharedPtr<RequestHandle> throwing = source->requestTiles(
         kSquare, dfsOrder(),
         [&](const ComputedTileInfo&) {
             ++thrownCalls;
@@ -325,6 +330,7 @@ TEST_F(MergerTest, ThrowingTileCallbackDoesNotStopDeliveryToOthers) {
     LogCapture log;
     release();
     ASSERT_TRUE(good.waitEnded());
+    ASSERT_TRUE(waitFinished(throwing));
     EXPECT_EQ(good.tileCounts(), eachOnce(kSquare));
     expectEnd(good, ComputedTileInfo::Success);
     EXPECT_EQ(thrownCalls.load(), 5) << "four tiles and the end record";
