@@ -6,6 +6,9 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 if [ "${CI:-}" = "true" ]; then export QOR_WERROR=ON; fi
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+# Paths below the checkout are hashed relative to it, so that another checkout of the same sources
+# (CI's clean clone) reuses the cache.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 cmake --preset test >/dev/null
 cmake --build --preset test
 ctest --preset test
