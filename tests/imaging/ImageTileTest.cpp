@@ -468,6 +468,12 @@ bool readsWhole(const SharedPtr<Tile>& tile, unsigned index, unsigned tiles) {
     return false;
 }
 
+// One read in each family of formats that keeps the id.
+constexpr bool (*kReads[])(const SharedPtr<Tile>&, unsigned, unsigned) = {
+    readsWhole<PfRGBA8>,  readsWhole<PfRGB8>,    readsWhole<PfBGRA8>,
+    readsWhole<PfRGBA16>, readsWhole<PfRGBA32F>, readsWhole<PfRed8>,
+};
+
 TEST_F(ImageTileThreads, ReadsWritesConversionsAndEvictionKeepEveryTileWhole) {
     constexpr unsigned kTiles = 6;
     constexpr int kThreads = 4, kSteps = 300;
@@ -491,24 +497,10 @@ TEST_F(ImageTileThreads, ReadsWritesConversionsAndEvictionKeepEveryTileWhole) {
                 const unsigned index = (seed >> 8) % kTiles;
                 const SharedPtr<Tile>& tile = tiles[index];
                 bool ok = true;
-                switch ((seed >> 16) % 12) {
-                    case 0:
-                        ok = readsWhole<PfRGBA8>(tile, index, kTiles);
-                        break;
-                    case 1:
-                        ok = readsWhole<PfRGB8>(tile, index, kTiles);
-                        break;
-                    case 2:
-                        ok = readsWhole<PfBGRA8>(tile, index, kTiles);
-                        break;
-                    case 3:
-                        ok = readsWhole<PfRGBA16>(tile, index, kTiles);
-                        break;
-                    case 4:
-                        ok = readsWhole<PfRGBA32F>(tile, index, kTiles);
-                        break;
-                    case 5:
-                        ok = readsWhole<PfRed8>(tile, index, kTiles);
+                const unsigned op = (seed >> 16) % 12;
+                switch (op) {
+                    default:
+                        ok = kReads[op](tile, index, kTiles);  // ops 0 to 5
                         break;
                     case 6: {
                         auto shadow = tile->getData<ShadowStorage>();
