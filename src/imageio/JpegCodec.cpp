@@ -36,6 +36,9 @@ constexpr unsigned char MissingGrey = 128;
 
 // Where compressed data come from.
 struct JpegInput {
+    explicit JpegInput(RandomAccessFile& f) : file(&f) {}
+    JpegInput(const void* d, uint64_t byteCount) : data(d), size(static_cast<size_t>(byteCount)) {}
+
     RandomAccessFile* file = nullptr;
     const void* data = nullptr;
     size_t size = 0;
@@ -397,17 +400,12 @@ int jpegScaleDenominator(Vec2i full, Vec2i wanted) {
 
 ImagePtr decodeJpeg(RandomAccessFile& file, Vec2i size, ImageQuality quality,
                     const math::Recti& roi) {
-    JpegInput input;
-    input.file = &file;
-    return decodeAndReduce(input, size, quality, roi);
+    return decodeAndReduce(JpegInput(file), size, quality, roi);
 }
 
 ImagePtr decodeJpeg(const void* data, size_t byteCount, Vec2i size, ImageQuality quality,
                     const math::Recti& roi) {
-    JpegInput input;
-    input.data = data;
-    input.size = byteCount;
-    return decodeAndReduce(input, size, quality, roi);
+    return decodeAndReduce(JpegInput(data, byteCount), size, quality, roi);
 }
 
 SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file) {
@@ -420,17 +418,12 @@ SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file) {
 }  // namespace detail
 
 bool loadJpeg(RandomAccessFile& file, Vec2i size, ImageQuality quality, ImagePtr* image) {
-    JpegInput input;
-    input.file = &file;
-    return loadJpegFrom(input, size, quality, image);
+    return loadJpegFrom(JpegInput(file), size, quality, image);
 }
 
 bool loadJpeg(const void* data, uint64_t byteCount, Vec2i size, ImageQuality quality,
               ImagePtr* image) {
-    JpegInput input;
-    input.data = data;
-    input.size = static_cast<size_t>(byteCount);
-    return loadJpegFrom(input, size, quality, image);
+    return loadJpegFrom(JpegInput(data, byteCount), size, quality, image);
 }
 
 bool saveJpeg(RandomAccessFile& file, ConstImagePtr image, int quality) {

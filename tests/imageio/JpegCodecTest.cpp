@@ -153,32 +153,10 @@ TEST(JpegCodec, RegionOfInterestEqualsTheCropOfAFullDecode) {
 
 TEST(JpegCodec, DecodesGreyAndAdobeCmykToRgb) {
     // Grey: one component in the file, three equal ones out.
-    jpeg_compress_struct c;
-    jpeg_error_mgr err;
-    auto encode = [&](int components, J_COLOR_SPACE space, const unsigned char* pixel) {
-        c.err = jpeg_std_error(&err);
-        jpeg_create_compress(&c);
-        unsigned char* buffer = nullptr;
-        unsigned long size = 0;
-        jpeg_mem_dest(&c, &buffer, &size);
-        c.image_width = 16;
-        c.image_height = 16;
-        c.input_components = components;
-        c.in_color_space = space;
-        jpeg_set_defaults(&c);  // CMYK is stored as Adobe writes it
-        jpeg_set_quality(&c, 100, TRUE);
-        jpeg_start_compress(&c, TRUE);
-        std::vector<unsigned char> row(16 * components);
-        for (int x = 0; x < 16; ++x) std::memcpy(&row[x * components], pixel, components);
-        while (c.next_scanline < c.image_height) {
-            JSAMPROW rows[1] = {row.data()};
-            jpeg_write_scanlines(&c, rows, 1);
-        }
-        jpeg_finish_compress(&c);
-        jpeg_destroy_compress(&c);
-        Bytes out(buffer, buffer + size);
-        std::free(buffer);
-        return out;
+    auto encode = [](int components, J_COLOR_SPACE space, const unsigned char* pixel) {
+        return encodeJpeg(16, 16, components, space, 100, [&](int, unsigned char* row) {
+            for (int x = 0; x < 16; ++x) std::memcpy(row + x * components, pixel, components);
+        });
     };
     const unsigned char grey[1] = {77};
     ImagePtr g = decodeBytes(encode(1, JCS_GRAYSCALE, grey));
