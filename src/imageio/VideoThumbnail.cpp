@@ -224,8 +224,14 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     const bool metadataPresent = metadata && *metadata;
     if (!imageWanted && !metadataPresent) return true;
 
+    // A stream that claims a frame larger than any thumbnail source is not decoded at all.
+    const AVCodecParameters* parameters = stream->codecpar;
+    const bool sizeKnown = parameters->width > 0 && parameters->height > 0;
     Codec codec(avcodec_alloc_context3(decoder));
-    error = codec ? avcodec_parameters_to_context(codec.get(), stream->codecpar) : AVERROR(ENOMEM);
+    if (sizeKnown && !detail::plausibleSize(parameters->width, parameters->height))
+        error = AVERROR(ERANGE);
+    else
+        error = codec ? avcodec_parameters_to_context(codec.get(), parameters) : AVERROR(ENOMEM);
     if (error >= 0) error = avcodec_open2(codec.get(), decoder, nullptr);
     Frame frame;
     if (error >= 0) {

@@ -9,9 +9,12 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include <atomic>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <random>
+#include <thread>
 
 #include "TestJpeg.h"
 #include "base/Log.h"
@@ -239,6 +242,34 @@ TEST_F(VideoThumbnail, FilesThatAreNoVideoOrHaveNoFrame) {
     EXPECT_TRUE(loadVideoThumbnail(FastString<char>(cut("cut.avi", avi, 0.7)), Vec(64, 64), &image,
                                    nullptr));
     EXPECT_TRUE(image);
+}
+
+// Thumbnails of one video taken on several threads at once are the same as one taken alone.
+TEST(VideoThumbnailThreads, ConcurrentThumbnailsMatch) {
+    if (!testEncoder()) GTEST_SKIP() << "this FFmpeg has neither an MPEG-4 nor an MJPEG encoder";
+    TempFolder folder;
+    VideoSpec spec;
+    spec.frames = 20;
+    spec.luma = [](int i, int x, int y) { return 16 + (x * 3 + y * 5 + i) % 200; };
+    const FastString<char> path(makeVideo(folder.path() + "/threads.mp4", spec));
+    ImageOut expected;
+    ASSERT_TRUE(loadVideoThumbnail(path, Vec(96, 96), &expected, nullptr));
+    ASSERT_TRUE(expected);
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 3; ++round) {
+                ImageOut got;
+                if (!loadVideoThumbnail(path, Vec(96, 96), &got, nullptr) || !got ||
+                    got->width() != expected->width() ||
+                    std::memcmp(got->data(), expected->data(),
+                                got->byteStride() * size_t(got->height())) != 0)
+                    ++mismatches;
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(mismatches.load(), 0);
 }
 
 }  // namespace
