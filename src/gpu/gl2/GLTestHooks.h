@@ -1,0 +1,25 @@
+#pragma once
+// Test hooks of the OpenGL layer: they exist only in builds with QOR_TESTING, and change nothing
+// until a test sets them. GL thread only, like the code they reach into.
+
+#ifdef QOR_TESTING
+
+#include <cstdint>
+
+#include "gpu/gl2/GLError.h"
+
+namespace qor::gpu::testing {
+
+// The next `times` error checks at `site` report `error`, whatever GL says: TextureAllocation
+// is the check after glTexImage2D in the texture cache, Transfer the one after an upload or a
+// read-back of texture data.
+void simulateGLError(GLErrorCheck site, GLenum error, int times);
+// Drops every pending simulated error.
+void clearSimulatedGLErrors();
+
+// Real GL calls that glw has made so far.
+std::uint64_t glwCallCount();
+
+}  // namespace qor::gpu::testing
+
+#endif
