@@ -67,41 +67,6 @@ inline ImagePtr crop(const Image4ub& image, const math::Recti& r) {
     return out;
 }
 
-// A JPEG of `components` samples a pixel in colour space `space` (grey, RGB, CMYK ...), quality
-// 50 to 100, optionally progressive or with a restart marker every row; `fill(y, row)` gives the
-// samples of each row. libjpeg's defaults otherwise (CMYK is stored as Adobe writes it).
-inline Bytes encodeJpeg(int width, int height, int components, J_COLOR_SPACE space, int quality,
-                        const std::function<void(int, unsigned char*)>& fill,
-                        bool progressive = false, bool restarts = false) {
-    jpeg_compress_struct c;
-    jpeg_error_mgr err;
-    c.err = jpeg_std_error(&err);
-    jpeg_create_compress(&c);
-    unsigned char* buffer = nullptr;
-    unsigned long size = 0;
-    jpeg_mem_dest(&c, &buffer, &size);
-    c.image_width = JDIMENSION(width);
-    c.image_height = JDIMENSION(height);
-    c.input_components = components;
-    c.in_color_space = space;
-    jpeg_set_defaults(&c);
-    jpeg_set_quality(&c, quality, TRUE);
-    if (progressive) jpeg_simple_progression(&c);
-    if (restarts) c.restart_in_rows = 1;
-    jpeg_start_compress(&c, TRUE);
-    std::vector<unsigned char> row(size_t(width) * components);
-    while (c.next_scanline < c.image_height) {
-        fill(int(c.next_scanline), row.data());
-        JSAMPROW rows[1] = {row.data()};
-        jpeg_write_scanlines(&c, rows, 1);
-    }
-    jpeg_finish_compress(&c);
-    jpeg_destroy_compress(&c);
-    Bytes out(buffer, buffer + size);
-    std::free(buffer);
-    return out;
-}
-
 inline Bytes readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

@@ -22,8 +22,12 @@ namespace qor::imageio::testing {
 
 using Bytes = std::vector<uint8_t>;
 
-// A baseline RGB JPEG of the given size: a gradient, so that it is not all one colour.
-inline Bytes makeJpeg(int width, int height, int quality = 80) {
+// A JPEG of `components` samples a pixel in colour space `space` (grey, RGB, CMYK ...), optionally
+// progressive or with a restart marker every row; `fill(y, row)` gives the samples of each row.
+// libjpeg's defaults otherwise (CMYK is stored as Adobe writes it).
+inline Bytes encodeJpeg(int width, int height, int components, J_COLOR_SPACE space, int quality,
+                        const std::function<void(int, unsigned char*)>& fill,
+                        bool progressive = false, bool restarts = false) {
     jpeg_compress_struct c;
     jpeg_error_mgr err;
     c.err = jpeg_std_error(&err);
@@ -33,18 +37,16 @@ inline Bytes makeJpeg(int width, int height, int quality = 80) {
     jpeg_mem_dest(&c, &buffer, &size);
     c.image_width = static_cast<JDIMENSION>(width);
     c.image_height = static_cast<JDIMENSION>(height);
-    c.input_components = 3;
-    c.in_color_space = JCS_RGB;
+    c.input_components = components;
+    c.in_color_space = space;
     jpeg_set_defaults(&c);
     jpeg_set_quality(&c, quality, TRUE);
+    if (progressive) jpeg_simple_progression(&c);
+    if (restarts) c.restart_in_rows = 1;
     jpeg_start_compress(&c, TRUE);
-    std::vector<unsigned char> row(static_cast<size_t>(width) * 3);
+    std::vector<unsigned char> row(static_cast<size_t>(width) * components);
     while (c.next_scanline < c.image_height) {
-        for (int x = 0; x < width; ++x) {
-            row[x * 3] = static_cast<unsigned char>(x * 255 / width);
-            row[x * 3 + 1] = static_cast<unsigned char>(c.next_scanline * 255 / c.image_height);
-            row[x * 3 + 2] = 128;
-        }
+        fill(static_cast<int>(c.next_scanline), row.data());
         JSAMPROW rows[1] = {row.data()};
         jpeg_write_scanlines(&c, rows, 1);
     }
@@ -53,6 +55,17 @@ inline Bytes makeJpeg(int width, int height, int quality = 80) {
     Bytes out(buffer, buffer + size);
     std::free(buffer);
     return out;
+}
+
+// A baseline RGB JPEG of the given size: a gradient, so that it is not all one colour.
+inline Bytes makeJpeg(int width, int height, int quality = 80) {
+    return encodeJpeg(width, height, 3, JCS_RGB, quality, [&](int y, unsigned char* row) {
+        for (int x = 0; x < width; ++x) {
+            row[x * 3] = static_cast<unsigned char>(x * 255 / width);
+            row[x * 3 + 1] = static_cast<unsigned char>(y * 255 / height);
+            row[x * 3 + 2] = 128;
+        }
+    });
 }
 
 // The file with the metadata that `edit` puts on it, written by Exiv2.
