@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #if defined(__x86_64__)
+#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -188,7 +189,13 @@ inline bool haveSsse3() {
 }
 
 inline bool haveAvx2F16c() {
-    static const bool have = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("f16c");
+    // F16C is read from CPUID leaf 1 (ECX bit 29): not every compiler's __builtin_cpu_supports
+    // knows its name. AVX2's check includes the operating system's support for the wide registers.
+    static const bool have = [] {
+        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+        const bool f16c = __get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & (1u << 29)) != 0;
+        return f16c && __builtin_cpu_supports("avx2");
+    }();
     return have;
 }
 
