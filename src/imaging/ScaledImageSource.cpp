@@ -59,8 +59,8 @@ struct Tap {
 struct AxisMap {
     std::vector<size_t> begin;  // the taps of output i are taps[begin[i]] .. taps[begin[i + 1] - 1]
     std::vector<Tap> taps;
-    std::vector<double> total;   // the sum of the weights of output i
-    std::vector<int> maxLocal;   // per tile, the largest local coordinate read
+    std::vector<double> total;  // the sum of the weights of output i
+    std::vector<int> maxLocal;  // per tile, the largest local coordinate read
 };
 
 // `inOffset` places input pixel 0 in source coordinates; `origin`, `tileSize` and `startTile` are
@@ -79,7 +79,8 @@ AxisMap mapAxis(int outStart, int outEnd, double scale, int inSize, int inOffset
             const int global = floor_div(c, tileSize);
             Tap tap{global - startTile, c - global * tileSize, w};
             if (tap.tile >= 0 && tap.tile < tileCount)
-                map.maxLocal[size_t(tap.tile)] = std::max(map.maxLocal[size_t(tap.tile)], tap.local);
+                map.maxLocal[size_t(tap.tile)] =
+                    std::max(map.maxLocal[size_t(tap.tile)], tap.local);
             map.taps.push_back(tap);
             total += w;
         });
@@ -106,7 +107,7 @@ T toElement(double m) {
 
 // The geometry of one output tile: the output rectangle and where its input lies.
 struct ScaleGeometry {
-    Recti rect;       // output pixels
+    Recti rect;  // output pixels
     double scale;
     Recti inputRect;  // the input Image in its source
     TileLayout layout;
@@ -121,19 +122,19 @@ SharedPtr<const ImageTile> scaleTile(const ScaleGeometry& g,
     using T = typename View::Element;
     constexpr int N = View::Channels;
 
-    const AxisMap xs = mapAxis(g.rect.xmin(), g.rect.xmax(), g.scale, g.inputRect.width(),
-                               g.inputRect.xmin(), g.layout.origin.x, g.layout.tileSize.x,
-                               g.startTile.x, tiles.columns());
-    const AxisMap ys = mapAxis(g.rect.ymin(), g.rect.ymax(), g.scale, g.inputRect.height(),
-                               g.inputRect.ymin(), g.layout.origin.y, g.layout.tileSize.y,
-                               g.startTile.y, tiles.rows());
-    for (const Tap& t : xs.taps)
-        if (t.tile < 0 || t.tile >= tiles.columns())
-            throw Exception(formatLog("TileScaleJob: input column %* lies outside its tiles",
-                                      t.local));
-    for (const Tap& t : ys.taps)
-        if (t.tile < 0 || t.tile >= tiles.rows())
-            throw Exception(formatLog("TileScaleJob: input row %* lies outside its tiles", t.local));
+    const AxisMap xs =
+        mapAxis(g.rect.xmin(), g.rect.xmax(), g.scale, g.inputRect.width(), g.inputRect.xmin(),
+                g.layout.origin.x, g.layout.tileSize.x, g.startTile.x, tiles.columns());
+    const AxisMap ys =
+        mapAxis(g.rect.ymin(), g.rect.ymax(), g.scale, g.inputRect.height(), g.inputRect.ymin(),
+                g.layout.origin.y, g.layout.tileSize.y, g.startTile.y, tiles.rows());
+    const auto outside = [](const AxisMap& map, int count) {
+        return std::any_of(map.taps.begin(), map.taps.end(),
+                           [count](const Tap& t) { return t.tile < 0 || t.tile >= count; });
+    };
+    if (outside(xs, tiles.columns()) || outside(ys, tiles.rows()))
+        throw Exception(formatLog("TileScaleJob: the input tiles from (%*,%*) do not cover (%*)",
+                                  g.startTile.x, g.startTile.y, g.rect));
 
     // The input pixels in the input's format; each tile must reach as far as it is read.
     container::Array2D<SharedPtr<const View>> views(uint32_t(tiles.columns()),
@@ -189,18 +190,20 @@ SharedPtr<const ImageTile> scaleTile(const ScaleGeometry& g,
     return result;
 }
 
-SharedPtr<const ImageTile> scaleTileInFormat(RawPixelFormat format, const ScaleGeometry& g,
-                                             const container::Array2D<SharedPtr<const ImageTile>>& tiles,
-                                             const DrawParameters& params) {
+SharedPtr<const ImageTile> scaleTileInFormat(
+    RawPixelFormat format, const ScaleGeometry& g,
+    const container::Array2D<SharedPtr<const ImageTile>>& tiles, const DrawParameters& params) {
     switch (format) {
 #define QOR_SCALE_CASE(S, T, N) \
-    case Pf##S: return scaleTile<Pf##S>(g, tiles, params);
+    case Pf##S:                 \
+        return scaleTile<Pf##S>(g, tiles, params);
         QOR_RAW_STORAGE_FORMATS(QOR_SCALE_CASE)
 #undef QOR_SCALE_CASE
-        default: break;
+        default:
+            break;
     }
-    throw Exception(formatLog("TileScaleJob: no processor storage for format %*",
-                              pixelFormatString(format)));
+    throw Exception(
+        formatLog("TileScaleJob: no processor storage for format %*", pixelFormatString(format)));
 }
 
 }  // namespace
@@ -243,15 +246,15 @@ GenVec<int, 2> ScaledImageSource::scaledSize(GenVec<int, 2> size, double scale) 
 
 SharedPtr<ScaledImageSource> ScaledImageSource::create(const SharedPtr<Image>& input,
                                                        double scale) {
-    if (!input || !input->source())
-        throw Exception("ScaledImageSource: no input image");
+    if (!input || !input->source()) throw Exception("ScaledImageSource: no input image");
     if (input->width() <= 0 || input->height() <= 0)
         throw Exception(formatLog("ScaledImageSource: the input image is empty (%*x%*)",
                                   input->width(), input->height()));
     if (!std::isfinite(scale) || !(scale > 0))
-        throw Exception(formatLog("ScaledImageSource: the scale must be a finite number above 0, "
-                                  "not %*",
-                                  scale));
+        throw Exception(
+            formatLog("ScaledImageSource: the scale must be a finite number above 0, "
+                      "not %*",
+                      scale));
     if (double(std::max(input->width(), input->height())) * scale > double(kMaxSide))
         throw Exception(formatLog("ScaledImageSource: %*x%* scaled by %* exceeds %* pixels a side",
                                   input->width(), input->height(), scale, kMaxSide));
@@ -286,10 +289,9 @@ Recti ScaledImageSource::inputFootprint(const Recti& rect) const {
     return Recti(GenVec<int, 2>(x0, y0), GenVec<int, 2>(x1 + 1, y1 + 1));
 }
 
-ImageSource::TileGetter ScaledImageSource::computeJobsUnlocked(unsigned int x, unsigned int y,
-                                                               JobSet& jobs,
-                                                               thread::DependentJobMerger& merger)
-    QOR_NO_THREAD_SAFETY_ANALYSIS {
+ImageSource::TileGetter ScaledImageSource::computeJobsUnlocked(
+    unsigned int x, unsigned int y, JobSet& jobs,
+    thread::DependentJobMerger& merger) QOR_NO_THREAD_SAFETY_ANALYSIS {
     static const FastString<char> name("ScaledImageSource");
     const TileIndex pos{int(x), int(y)};
     const Recti rect = _layout.getTileRect(pos.x, pos.y);

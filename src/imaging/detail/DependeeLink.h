@@ -9,10 +9,12 @@
 namespace qor::imaging::detail {
 
 // Connects `dependee` to the dependee signal of `input`; the connection ends with the result.
-inline ScopedConnection linkDependee(ImageSource& input, const WeakSharedPtr<ImageSource>& dependee) {
-    return ScopedConnection(input.OnCollectDependees.connect([dependee](ImageSource::SourceList& out) {
-        if (SharedPtr<ImageSource> source = dependee.lock()) out.push_back(source);
-    }));
+inline ScopedConnection linkDependee(ImageSource& input,
+                                     const WeakSharedPtr<ImageSource>& dependee) {
+    return ScopedConnection(
+        input.OnCollectDependees.connect([dependee](ImageSource::SourceList& out) {
+            if (SharedPtr<ImageSource> source = dependee.lock()) out.push_back(source);
+        }));
 }
 
 }  // namespace qor::imaging::detail
