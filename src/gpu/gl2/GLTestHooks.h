@@ -17,6 +17,9 @@ void simulateGLError(GLErrorCheck site, GLenum error, int times);
 // Drops every pending simulated error.
 void clearSimulatedGLErrors();
 
+// The next `times` address-space probes before a texture allocation fail.
+void failAddressSpaceProbes(int times);
+
 // Real GL calls that glw has made so far.
 std::uint64_t glwCallCount();
 

@@ -1,0 +1,180 @@
+#include "gpu/Renderer.h"
+
+#include <atomic>
+#include <exception>
+
+#include "base/Log.h"
+#include "base/thread/Mutex.h"
+#include "gpu/gl2/RendererGL.h"
+#include "gpu/gl2/TextureGL.h"
+#include "imaging/ImageSource.h"
+#include "imaging/ImageStorageManager.h"
+
+namespace qor::gpu {
+
+namespace {
+
+std::atomic<bool> s_textureCacheEnabled{true};
+std::atomic<bool> s_readbackAfterUpload{false};
+
+Mutex& rendererMutex() {
+    static auto* m = new Mutex;
+    return *m;
+}
+
+// The loaded renderer. Changed on the GL thread, read from any.
+SharedPtr<Renderer>& s_rendererSlot() {
+    static auto* r = new SharedPtr<Renderer>;
+    return *r;
+}
+
+// Whether loadRenderer set the GPU area's limit, which unloadRenderer then takes back.
+bool s_gpuLimitSet = false;  // GL thread only
+
+Mutex& searchPathMutex() {
+    static auto* m = new Mutex;
+    return *m;
+}
+
+std::vector<std::string>& searchPathList() {
+    static auto* paths = new std::vector<std::string>;  // guarded by searchPathMutex()
+    return *paths;
+}
+
+bool acceptablePath(const std::string& path) {
+    const bool ok = path.length() < 1000;
+    QOR_ASSERT_TEXT(ok, "path.length() < 1000");
+    return ok;
+}
+
+bool rendererExists() { return bool(renderer()); }
+
+// Tells the image layer what the renderer can do: the largest texture for the GPU tile size, and
+// the free graphics memory as the limit of the GPU storage area where the driver reports it and
+// the application set none.
+void connectImageLayer(Renderer& r) {
+    const int largest = r.maxTextureSize().x;
+    imaging::ImageSource::setMaxTextureSizeQuery([largest] { return largest; });
+    const GPUMemoryInfo memory = r.memoryInfo();
+    imaging::ImageStorageManager* manager = imaging::ImageStorageManager::instance();
+    if (memory.known && memory.freeBytes > 0 &&
+        manager->memoryLimit(imaging::SaGPU) == imaging::ImageStorageManager::NoLimit) {
+        manager->setMemoryLimit(imaging::SaGPU, memory.freeBytes);
+        s_gpuLimitSet = true;
+        QOR_LOG(LogInfo, "GPU storage limit set to the free texture memory: %* bytes",
+                memory.freeBytes);
+    }
+}
+
+void disconnectImageLayer() {
+    imaging::ImageSource::setMaxTextureSizeQuery(Function0<int>());
+    if (s_gpuLimitSet) {
+        imaging::ImageStorageManager::instance()->setMemoryLimit(
+            imaging::SaGPU, imaging::ImageStorageManager::NoLimit);
+        s_gpuLimitSet = false;
+    }
+}
+
+}  // namespace
+
+Renderer::~Renderer() = default;
+
+void Renderer::enableTextureCache(bool on) {
+    QOR_LOG(LogInfo, "Renderer::enableTextureCache(%*)", on);
+    QOR_ASSERT_TEXT(!rendererExists(), "!s_renderer");
+    s_textureCacheEnabled = on;
+}
+
+bool Renderer::isTextureCacheEnabled() { return s_textureCacheEnabled; }
+
+void Renderer::enforceReadbackAfterTextureDataUpload(bool on) {
+    QOR_LOG(LogInfo, "Renderer::enforceReadbackAfterTextureDataUpload(%*)", on);
+    QOR_ASSERT_TEXT(!rendererExists(), "!s_renderer");
+    s_readbackAfterUpload = on;
+}
+
+bool Renderer::isReadbackAfterTextureDataUploadEnforced() { return s_readbackAfterUpload; }
+
+void Renderer::setSearchPath(const std::string& path) {
+    ScopedLock<Mutex> lock(searchPathMutex());
+    searchPathList().clear();
+    if (acceptablePath(path)) searchPathList().push_back(path);
+}
+
+void Renderer::setSearchPaths(const std::vector<std::string>& paths) {
+    ScopedLock<Mutex> lock(searchPathMutex());
+    searchPathList().clear();
+    for (const std::string& path : paths)
+        if (acceptablePath(path)) searchPathList().push_back(path);
+}
+
+void Renderer::addSearchPath(const std::string& path) {
+    ScopedLock<Mutex> lock(searchPathMutex());
+    if (acceptablePath(path)) searchPathList().push_back(path);
+}
+
+std::string Renderer::searchPath() {
+    ScopedLock<Mutex> lock(searchPathMutex());
+    return searchPathList().empty() ? std::string() : searchPathList().front();
+}
+
+std::vector<std::string> Renderer::searchPaths() {
+    ScopedLock<Mutex> lock(searchPathMutex());
+    return searchPathList();
+}
+
+bool loadRenderer() {
+    SharedPtr<Renderer> existing = renderer();
+    QOR_ASSERT_TEXT(!existing, "!s_renderer");
+    if (existing) return true;
+    SharedPtr<Renderer> made;
+    try {
+        made = std::make_shared<RendererGL>(nullptr);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "Failed to load GL renderer: %*", e.what());
+        return false;
+    }
+    {
+        ScopedLock<Mutex> lock(rendererMutex());
+        s_rendererSlot() = made;
+    }
+    QOR_LOG(LogInfo, "Calling 'qor::gpu::loadRenderer():registerTextureImageFormat'");
+    // The graphics-memory tile storage is not part of this build yet; tiles stay in processor
+    // memory.
+    QOR_LOG(LogInfo, "registerTextureImageFormat: TextureImageStorage not available yet");
+    connectImageLayer(*made);
+    return true;
+}
+
+void unloadRenderer() {
+    SharedPtr<Renderer> r = renderer();
+    if (!r || !r->isValidRenderThread()) {
+        QOR_ASSERT_TEXT(!r, "glwIsGLThread()");
+        return;
+    }
+    freeUnusedStorage();
+    r->collectGarbage();
+    r->releaseCurrentTarget();
+    r->clearTextureCache();
+    TextureGL::freeCache();
+    disconnectImageLayer();
+    {
+        ScopedLock<Mutex> lock(rendererMutex());
+        s_rendererSlot().reset();
+    }
+    // The renderer ends here, on the GL thread, unless someone else still holds it.
+    r.reset();
+}
+
+SharedPtr<Renderer> renderer() {
+    ScopedLock<Mutex> lock(rendererMutex());
+    return s_rendererSlot();
+}
+
+void freeUnusedStorage() {
+    // GPU tile storages, whose last reference may die on any thread, are collected here once
+    // they exist; until then there is nothing that waits for the GL thread to be deleted.
+    QOR_LOG(LogDebug, "freeUnusedStorage: TextureStorageCollector not available yet");
+}
+
+}  // namespace qor::gpu
