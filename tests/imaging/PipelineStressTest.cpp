@@ -17,9 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "PipelineTestSources.h"
 #include "ProceduralImageSource.h"
 #include "base/thread/DFSOrderScoreFunction.h"
 #include "imaging/ScaledImageSource.h"
+#include "imaging/TileCache.h"
 
 namespace qor::imaging {
 namespace {
@@ -182,7 +184,7 @@ void finishRequest(Request& r, TileChecker& checker, Totals& totals) {
 }
 
 TEST(PipelineStressThreads, RequestsWithCancelsAndVersionChangesGetTilesOfTheirVersion) {
-    const proctest::CacheEnabled cache;
+    const pipelinetest::CacheGuard cache;
     const proctest::CpuTileSize tileSize({32, 32});
     auto src = ProceduralSource::create({200, 160}, {48, 40}, PfRGBA8, true);
     auto scaled = ScaledImageSource::create(Image::create(src), 0.61);  // 122 x 98: 4 x 4 tiles

@@ -1,7 +1,7 @@
 #pragma once
 // Test sources and references for the derived sources: a source whose pixels are a function of
 // their coordinates and of the source version, the direct area average that a scaled image must
-// match, and guards for the process-wide settings that the tests change.
+// match, and a guard for the preferred tile size that the tests change.
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,6 @@
 #include "imaging/ImageSourceJobs.h"
 #include "imaging/ImageTile.h"
 #include "imaging/RawImageStorage.h"
-#include "imaging/TileCache.h"
 
 namespace qor::imaging::proctest {
 
@@ -157,23 +156,6 @@ protected:
 private:
     const TileLayout _layout;
     const bool _versionInAlpha;
-};
-
-// Enables the tile cache for a test and puts its state back afterwards.
-class CacheEnabled {
-public:
-    CacheEnabled() {
-        TileCache::Statistics stats;
-        TileCache::getStatistics(stats);
-        _wasEnabled = stats.enabled;
-        TileCache::enable();
-    }
-    ~CacheEnabled() {
-        if (!_wasEnabled) TileCache::disable();
-    }
-
-private:
-    bool _wasEnabled = false;
 };
 
 // Sets the CPU preferred tile size for a test and puts it back afterwards.

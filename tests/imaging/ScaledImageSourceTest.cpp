@@ -5,6 +5,7 @@
 #include <limits>
 #include <vector>
 
+#include "PipelineTestSources.h"
 #include "ProceduralImageSource.h"
 #include "base/thread/DFSOrderScoreFunction.h"
 #include "imaging/ImageProxy.h"
@@ -14,7 +15,7 @@
 namespace qor::imaging {
 namespace {
 
-using proctest::CacheEnabled;
+using CacheEnabled = pipelinetest::CacheGuard;
 using proctest::CpuTileSize;
 using proctest::ProceduralSource;
 using proctest::versionMark;
