@@ -1,5 +1,6 @@
 #include "gpu/gl2/glw.h"
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
 #include <map>
@@ -102,6 +103,15 @@ ContextFeatures readFeatures() {
 }
 
 bool isTextureTarget(GLenum target) { return target != Unknown && target != 0; }
+
+// Stores a rectangle into the shadow; false when the shadow already held it.
+bool storeRect(bool& known, int (&stored)[4], int x, int y, int width, int height) {
+    const int wanted[4] = {x, y, width, height};
+    if (known && std::equal(wanted, wanted + 4, stored)) return false;
+    known = true;
+    std::copy(wanted, wanted + 4, stored);
+    return true;
+}
 
 }  // namespace
 
@@ -309,14 +319,7 @@ bool glwEnableScissorTest(bool enable) {
 bool glwScissor(int x, int y, int width, int height) {
     if (!setterAllowed()) return false;
     AttribState& s = state();
-    if (s.scissorKnown && s.scissor[0] == x && s.scissor[1] == y && s.scissor[2] == width &&
-        s.scissor[3] == height)
-        return false;
-    s.scissorKnown = true;
-    s.scissor[0] = x;
-    s.scissor[1] = y;
-    s.scissor[2] = width;
-    s.scissor[3] = height;
+    if (!storeRect(s.scissorKnown, s.scissor, x, y, width, height)) return false;
     GLW(glScissor(x, y, width, height));
     return true;
 }
@@ -324,14 +327,7 @@ bool glwScissor(int x, int y, int width, int height) {
 bool glwViewport(int x, int y, int width, int height) {
     if (!setterAllowed()) return false;
     AttribState& s = state();
-    if (s.viewportKnown && s.viewport[0] == x && s.viewport[1] == y && s.viewport[2] == width &&
-        s.viewport[3] == height)
-        return false;
-    s.viewportKnown = true;
-    s.viewport[0] = x;
-    s.viewport[1] = y;
-    s.viewport[2] = width;
-    s.viewport[3] = height;
+    if (!storeRect(s.viewportKnown, s.viewport, x, y, width, height)) return false;
     GLW(glViewport(x, y, width, height));
     return true;
 }
