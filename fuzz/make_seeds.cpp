@@ -32,17 +32,17 @@ Bytes jpeg(int width, int height, int components, bool progressive = false, bool
 }
 
 Bytes png(int width, int height, int colorType, int depth, bool interlaced, bool trns) {
-    PngSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.colorType = colorType;
-    spec.bitDepth = depth;
-    spec.interlaced = interlaced;
+    PngRecipe recipe;
+    recipe.width = width;
+    recipe.height = height;
+    recipe.colorType = colorType;
+    recipe.bitDepth = depth;
+    recipe.interlaced = interlaced;
     if (colorType == PNG_COLOR_TYPE_PALETTE) {
-        spec.palette = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {9, 9, 9}};
-        if (trns) spec.paletteAlpha = {0, 128};
+        recipe.palette = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {9, 9, 9}};
+        if (trns) recipe.paletteAlpha = {0, 128};
     } else if (trns) {
-        spec.hasTransparentColour = true;
+        recipe.hasTransparentColour = true;
     }
     const int channels = colorType == PNG_COLOR_TYPE_RGB          ? 3
                          : colorType == PNG_COLOR_TYPE_RGBA       ? 4
@@ -55,9 +55,9 @@ Bytes png(int width, int height, int colorType, int depth, bool interlaced, bool
             row[i] = static_cast<uint8_t>(i * 5 + y * 3);
             if (colorType == PNG_COLOR_TYPE_PALETTE && depth == 8) row[i] &= 3;
         }
-        spec.rows.push_back(row);
+        recipe.rows.push_back(row);
     }
-    return makePng(spec);
+    return makePng(recipe);
 }
 
 // `file` with EXIF (and a thumbnail), IPTC and XMP written by Exiv2.

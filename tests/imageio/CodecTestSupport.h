@@ -73,7 +73,7 @@ inline Bytes readFile(const std::string& path) {
 }
 
 // What a PNG file holds, for makePng.
-struct PngSpec {
+struct PngRecipe {
     int width = 0;
     int height = 0;
     int colorType = PNG_COLOR_TYPE_RGB;
@@ -94,8 +94,8 @@ inline void pngAppend(png_structp png, png_bytep data, png_size_t length) {
 
 inline void pngFlush(png_structp) {}
 
-// The PNG file that `spec` describes, written by libpng.
-inline Bytes makePng(const PngSpec& spec) {
+// The PNG file that `recipe` describes, written by libpng.
+inline Bytes makePng(const PngRecipe& recipe) {
     Bytes out;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
@@ -104,20 +104,20 @@ inline Bytes makePng(const PngSpec& spec) {
         return Bytes();
     }
     png_set_write_fn(png, &out, pngAppend, pngFlush);
-    png_set_IHDR(png, info, png_uint_32(spec.width), png_uint_32(spec.height), spec.bitDepth,
-                 spec.colorType, spec.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+    png_set_IHDR(png, info, png_uint_32(recipe.width), png_uint_32(recipe.height), recipe.bitDepth,
+                 recipe.colorType, recipe.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    if (!spec.palette.empty())
-        png_set_PLTE(png, info, spec.palette.data(), int(spec.palette.size()));
-    if (!spec.paletteAlpha.empty())
-        png_set_tRNS(png, info, spec.paletteAlpha.data(), int(spec.paletteAlpha.size()), nullptr);
-    if (spec.hasTransparentColour) {
-        png_color_16 colour = spec.transparentColour;
+    if (!recipe.palette.empty())
+        png_set_PLTE(png, info, recipe.palette.data(), int(recipe.palette.size()));
+    if (!recipe.paletteAlpha.empty())
+        png_set_tRNS(png, info, recipe.paletteAlpha.data(), int(recipe.paletteAlpha.size()), nullptr);
+    if (recipe.hasTransparentColour) {
+        png_color_16 colour = recipe.transparentColour;
         png_set_tRNS(png, info, nullptr, 0, &colour);
     }
     png_write_info(png, info);
     std::vector<png_bytep> rows;
-    for (const Bytes& row : spec.rows) rows.push_back(const_cast<png_bytep>(row.data()));
+    for (const Bytes& row : recipe.rows) rows.push_back(const_cast<png_bytep>(row.data()));
     png_write_image(png, rows.data());
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
@@ -126,18 +126,18 @@ inline Bytes makePng(const PngSpec& spec) {
 
 // An 8-bit RGB or RGBA PNG of `image` (alpha kept when `withAlpha`).
 inline Bytes pngOf(const Image4ub& image, bool withAlpha, bool interlaced = false) {
-    PngSpec spec;
-    spec.width = image.width();
-    spec.height = image.height();
-    spec.colorType = withAlpha ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB;
-    spec.interlaced = interlaced;
+    PngRecipe recipe;
+    recipe.width = image.width();
+    recipe.height = image.height();
+    recipe.colorType = withAlpha ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB;
+    recipe.interlaced = interlaced;
     for (int y = 0; y < image.height(); ++y) {
         Bytes row;
         for (int x = 0; x < image.width(); ++x)
             for (int c = 0; c < (withAlpha ? 4 : 3); ++c) row.push_back(image.at(x, y, c));
-        spec.rows.push_back(row);
+        recipe.rows.push_back(row);
     }
-    return makePng(spec);
+    return makePng(recipe);
 }
 
 }  // namespace qor::imageio::testing

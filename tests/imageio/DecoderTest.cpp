@@ -58,7 +58,7 @@ Decoded decode(const std::string& path, Vec size = kFullSize,
 
 // --- GIF through giflib's encoder ---
 
-struct GifSpec {
+struct GifRecipe {
     Vec screen;
     math::Recti frame;  // the first frame's place on the screen
     bool interlace = false;
@@ -70,7 +70,7 @@ struct GifSpec {
 // Palette entry i is (i, 255 - i, 7 * i).
 Pixel paletteColour(int i) { return {i, 255 - i, 7 * i % 256, 255}; }
 
-Bytes makeGif(const GifSpec& spec) {
+Bytes makeGif(const GifRecipe& recipe) {
     Bytes out;
     int error = 0;
     GifFileType* gif = EGifOpen(
@@ -88,29 +88,29 @@ Bytes makeGif(const GifSpec& spec) {
     }
     ColorMapObject* map = GifMakeMapObject(256, colours.data());
     EGifSetGifVersion(gif, true);
-    EGifPutScreenDesc(gif, spec.screen.x, spec.screen.y, 8, 0, map);
-    GraphicsControlBlock control{DISPOSAL_UNSPECIFIED, false, 0, spec.transparent};
+    EGifPutScreenDesc(gif, recipe.screen.x, recipe.screen.y, 8, 0, map);
+    GraphicsControlBlock control{DISPOSAL_UNSPECIFIED, false, 0, recipe.transparent};
     GifByteType extension[4];
     const size_t length = EGifGCBToExtension(&control, extension);
     EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, int(length), extension);
-    const int w = spec.frame.width(), h = spec.frame.height();
-    EGifPutImageDesc(gif, spec.frame.xmin(), spec.frame.ymin(), w, h, spec.interlace, nullptr);
+    const int w = recipe.frame.width(), h = recipe.frame.height();
+    EGifPutImageDesc(gif, recipe.frame.xmin(), recipe.frame.ymin(), w, h, recipe.interlace, nullptr);
     std::vector<int> order;
-    if (spec.interlace) {
+    if (recipe.interlace) {
         for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
             for (int y = start; y < h; y += step) order.push_back(y);
     } else {
         for (int y = 0; y < h; ++y) order.push_back(y);
     }
-    std::vector<GifPixelType> line(size_t(std::max(w, spec.screen.x)));
+    std::vector<GifPixelType> line(size_t(std::max(w, recipe.screen.x)));
     for (int y : order) {
-        for (int x = 0; x < w; ++x) line[size_t(x)] = GifPixelType(spec.index(x, y));
+        for (int x = 0; x < w; ++x) line[size_t(x)] = GifPixelType(recipe.index(x, y));
         EGifPutLine(gif, line.data(), w);
     }
-    if (spec.secondFrame) {
-        EGifPutImageDesc(gif, 0, 0, spec.screen.x, spec.screen.y, false, nullptr);
+    if (recipe.secondFrame) {
+        EGifPutImageDesc(gif, 0, 0, recipe.screen.x, recipe.screen.y, false, nullptr);
         std::fill(line.begin(), line.end(), 0);
-        for (int y = 0; y < spec.screen.y; ++y) EGifPutLine(gif, line.data(), spec.screen.x);
+        for (int y = 0; y < recipe.screen.y; ++y) EGifPutLine(gif, line.data(), recipe.screen.x);
     }
     EGifCloseFile(gif, &error);
     GifFreeMapObject(map);
@@ -119,20 +119,20 @@ Bytes makeGif(const GifSpec& spec) {
 
 TEST(GifDecoder, FirstFrameOnTransparentScreenWithTransparentColour) {
     TempFolder folder;
-    GifSpec spec;
-    spec.screen = Vec(6, 5);
-    spec.frame = math::Recti(1, 1, 4, 3);
-    spec.transparent = 9;
-    spec.index = [](int x, int y) { return x == 0 && y == 0 ? 9 : 20 + x + 4 * y; };
-    spec.secondFrame = true;
-    const Decoded d = decode(folder.write("a.gif", makeGif(spec)));
+    GifRecipe recipe;
+    recipe.screen = Vec(6, 5);
+    recipe.frame = math::Recti(1, 1, 4, 3);
+    recipe.transparent = 9;
+    recipe.index = [](int x, int y) { return x == 0 && y == 0 ? 9 : 20 + x + 4 * y; };
+    recipe.secondFrame = true;
+    const Decoded d = decode(folder.write("a.gif", makeGif(recipe)));
     ASSERT_TRUE(d.ok);
     ASSERT_EQ(d.image->width(), 6);
     ASSERT_EQ(d.image->height(), 5);
     EXPECT_EQ(d.metadata->size(), Vec2i(6, 5));
     for (int y = 0; y < 5; ++y) {
         for (int x = 0; x < 6; ++x) {
-            const bool inFrame = spec.frame.contains(Vec(x, y));
+            const bool inFrame = recipe.frame.contains(Vec(x, y));
             const int fx = x - 1, fy = y - 1;
             if (!inFrame || (fx == 0 && fy == 0))
                 EXPECT_EQ(pixelAt(*d.image, x, y)[3], 0) << x << "," << y;
@@ -145,26 +145,26 @@ TEST(GifDecoder, FirstFrameOnTransparentScreenWithTransparentColour) {
 
 TEST(GifDecoder, InterlacedRowsComeOutInOrder) {
     TempFolder folder;
-    GifSpec spec;
-    spec.screen = Vec(3, 19);
-    spec.frame = math::Recti(Vec(3, 19));
-    spec.interlace = true;
-    spec.index = [](int, int y) { return 100 + y; };
-    const Decoded d = decode(folder.write("i.gif", makeGif(spec)));
+    GifRecipe recipe;
+    recipe.screen = Vec(3, 19);
+    recipe.frame = math::Recti(Vec(3, 19));
+    recipe.interlace = true;
+    recipe.index = [](int, int y) { return 100 + y; };
+    const Decoded d = decode(folder.write("i.gif", makeGif(recipe)));
     ASSERT_TRUE(d.ok);
     for (int y = 0; y < 19; ++y) EXPECT_EQ(pixelAt(*d.image, 2, y), paletteColour(100 + y)) << y;
 }
 
 TEST(GifDecoder, DamagedFiles) {
     TempFolder folder;
-    GifSpec spec;
-    spec.screen = Vec(64, 64);
-    spec.frame = math::Recti(Vec(64, 64));
+    GifRecipe recipe;
+    recipe.screen = Vec(64, 64);
+    recipe.frame = math::Recti(Vec(64, 64));
     std::mt19937 random(7);
     std::vector<int> noise(64 * 64);
     for (int& n : noise) n = int(random() % 256);
-    spec.index = [&](int x, int y) { return noise[size_t(y * 64 + x)]; };
-    const Bytes whole = makeGif(spec);
+    recipe.index = [&](int x, int y) { return noise[size_t(y * 64 + x)]; };
+    const Bytes whole = makeGif(recipe);
 
     // Cut in the middle of the pixel data: the rows read are kept, the rest is transparent.
     LogCapture log;
@@ -367,7 +367,7 @@ TEST(HeifDecoder, TruncatedFileIsRefused) {
 
 // --- BMP written byte by byte ---
 
-struct BmpSpec {
+struct BmpRecipe {
     const char* signature = "BM";
     uint32_t infoSize = 40;
     int32_t width = 0;
@@ -392,7 +392,7 @@ void put16u(uint8_t* p, uint32_t v) {
     p[1] = uint8_t(v >> 8);
 }
 
-Bytes makeBmp(const BmpSpec& s) {
+Bytes makeBmp(const BmpRecipe& s) {
     const size_t masksBehind = s.infoSize == 40 ? s.masks.size() * 4 : 0;
     const size_t offset = 14 + s.infoSize + masksBehind + s.palette.size();
     const int rows = std::abs(s.height);
@@ -417,7 +417,7 @@ Bytes makeBmp(const BmpSpec& s) {
 
 TEST(BmpDecoder, TwentyFourBitBottomUpWithPadding) {
     TempFolder folder;
-    BmpSpec s;
+    BmpRecipe s;
     s.width = 5;  // 15 bytes a row, padded to 16
     s.height = 3;
     s.row = [](int r, uint8_t* p) {
@@ -437,7 +437,7 @@ TEST(BmpDecoder, TwentyFourBitBottomUpWithPadding) {
 // bottom row first.
 TEST(BmpDecoder, ReadsOwnWriterLayoutWithAlphaAndTopDown) {
     TempFolder folder;
-    BmpSpec s;
+    BmpRecipe s;
     s.signature = "MB";
     s.infoSize = 108;
     s.width = 4;
@@ -487,7 +487,7 @@ TEST(BmpDecoder, LoadImageReadsWhatSaveBmpWrites) {
 
 TEST(BmpDecoder, PlainThirtyTwoBitIsOpaqueAndSixteenBitFieldsScale) {
     TempFolder folder;
-    BmpSpec s;
+    BmpRecipe s;
     s.width = 2;
     s.height = 1;
     s.bits = 32;
@@ -516,7 +516,7 @@ TEST(BmpDecoder, PlainThirtyTwoBitIsOpaqueAndSixteenBitFieldsScale) {
 
 TEST(BmpDecoder, EightBitPalette) {
     TempFolder folder;
-    BmpSpec s;
+    BmpRecipe s;
     s.width = 3;
     s.height = 2;
     s.bits = 8;
@@ -535,7 +535,7 @@ TEST(BmpDecoder, EightBitPalette) {
 
 TEST(BmpDecoder, RefusesDamagedAndUnsupportedFiles) {
     TempFolder folder;
-    BmpSpec s;
+    BmpRecipe s;
     s.width = 40;
     s.height = 40;
     s.row = [](int, uint8_t*) {};
@@ -575,11 +575,11 @@ TEST(RawDecoder, TakesRawExtensionsButLeavesSignedFormatsToTheirDecoders) {
     EXPECT_TRUE(log.contains("Raw file '" + noiseAsRaw + "'"));
 
     // A GIF named as a raw file reaches the GIF decoder, which knows it by its signature.
-    GifSpec spec;
-    spec.screen = Vec(2, 2);
-    spec.frame = math::Recti(Vec(2, 2));
-    spec.index = [](int, int) { return 5; };
-    EXPECT_TRUE(decode(folder.write("misnamed.DNG", makeGif(spec))).ok);
+    GifRecipe recipe;
+    recipe.screen = Vec(2, 2);
+    recipe.frame = math::Recti(Vec(2, 2));
+    recipe.index = [](int, int) { return 5; };
+    EXPECT_TRUE(decode(folder.write("misnamed.DNG", makeGif(recipe))).ok);
 
     // No decoder: an unknown extension and no signature.
     const std::string unknown = folder.write("noise.xyz", noise);
@@ -619,18 +619,18 @@ TEST(DecoderContract, FitRegionOutputsAlreadyThereAndThumbnailFallback) {
 // Several formats decoded on several threads at once give what one thread gives.
 TEST(DecoderThreads, ConcurrentDecodesMatchSequentialOnes) {
     TempFolder folder;
-    GifSpec spec;
-    spec.screen = Vec(30, 30);
-    spec.frame = math::Recti(Vec(30, 30));
-    spec.index = [](int x, int y) { return (x * y) % 256; };
-    BmpSpec bmp;
+    GifRecipe recipe;
+    recipe.screen = Vec(30, 30);
+    recipe.frame = math::Recti(Vec(30, 30));
+    recipe.index = [](int x, int y) { return (x * y) % 256; };
+    BmpRecipe bmp;
     bmp.width = 30;
     bmp.height = 30;
     bmp.row = [](int r, uint8_t* p) {
         for (int i = 0; i < 90; ++i) p[i] = uint8_t(i * r);
     };
     const std::vector<std::string> paths = {
-        folder.write("t.gif", makeGif(spec)),
+        folder.write("t.gif", makeGif(recipe)),
         folder.write("t.webp", makeWebp(30, 30, true, withAlpha)),
         folder.write("t.bmp", makeBmp(bmp))};
     std::vector<ImageOut> expected;

@@ -64,21 +64,21 @@ TEST(PngCodec, InterlacedPicturesEqualTheirProgressiveTwins) {
 }
 
 TEST(PngCodec, PaletteWithTransparencyExpandsToRgba) {
-    PngSpec spec;
-    spec.width = 6;
-    spec.height = 2;
-    spec.colorType = PNG_COLOR_TYPE_PALETTE;
-    spec.bitDepth = 4;
-    spec.palette = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
-    spec.paletteAlpha = {0, 128};  // the third entry stays opaque
+    PngRecipe recipe;
+    recipe.width = 6;
+    recipe.height = 2;
+    recipe.colorType = PNG_COLOR_TYPE_PALETTE;
+    recipe.bitDepth = 4;
+    recipe.palette = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
+    recipe.paletteAlpha = {0, 128};  // the third entry stays opaque
     // Two 4-bit indices a byte: rows 0 1 2 0 1 2 and 2 2 2 1 1 1.
-    spec.rows = {{0x01, 0x20, 0x12}, {0x22, 0x21, 0x11}};
-    Decoded d = decodePng(makePng(spec));
+    recipe.rows = {{0x01, 0x20, 0x12}, {0x22, 0x21, 0x11}};
+    Decoded d = decodePng(makePng(recipe));
     ASSERT_TRUE(d.ok);
     const int index[2][6] = {{0, 1, 2, 0, 1, 2}, {2, 2, 2, 1, 1, 1}};
     ImagePtr expected = imageOf(6, 2, [&](int x, int y) {
         const int i = index[y][x];
-        const png_color c = spec.palette[i];
+        const png_color c = recipe.palette[i];
         return std::array<int, 4>{c.red, c.green, c.blue, i == 0 ? 0 : i == 1 ? 128 : 255};
     });
     EXPECT_EQ(maxDifference(*expected, *d.image), 0);
@@ -87,19 +87,19 @@ TEST(PngCodec, PaletteWithTransparencyExpandsToRgba) {
 TEST(PngCodec, GreyOfEveryDepthExpandsToRgb) {
     // Depth 1, 2, 4: the samples 0 and the maximum, alternating; expanded to 0 and 255.
     for (int depth : {1, 2, 4}) {
-        PngSpec spec;
-        spec.width = 8;
-        spec.height = 1;
-        spec.colorType = PNG_COLOR_TYPE_GRAY;
-        spec.bitDepth = depth;
+        PngRecipe recipe;
+        recipe.width = 8;
+        recipe.height = 1;
+        recipe.colorType = PNG_COLOR_TYPE_GRAY;
+        recipe.bitDepth = depth;
         const int max = (1 << depth) - 1;
         Bytes row((8 * depth + 7) / 8, 0);
         for (int x = 0; x < 8; x += 2) {
             const int bit = x * depth;
             row[bit / 8] |= static_cast<uint8_t>(max << (8 - depth - bit % 8));
         }
-        spec.rows = {row};
-        Decoded d = decodePng(makePng(spec));
+        recipe.rows = {row};
+        Decoded d = decodePng(makePng(recipe));
         ASSERT_TRUE(d.ok) << depth;
         ImagePtr expected = imageOf(8, 1, [](int x, int) {
             const int v = x % 2 == 0 ? 255 : 0;
@@ -110,7 +110,7 @@ TEST(PngCodec, GreyOfEveryDepthExpandsToRgb) {
 }
 
 TEST(PngCodec, SixteenBitsAreStrippedToTheHighByte) {
-    PngSpec grey;
+    PngRecipe grey;
     grey.width = 2;
     grey.height = 1;
     grey.colorType = PNG_COLOR_TYPE_GRAY_ALPHA;
@@ -126,7 +126,7 @@ TEST(PngCodec, SixteenBitsAreStrippedToTheHighByte) {
                             *g.image),
               0);
 
-    PngSpec rgb;
+    PngRecipe rgb;
     rgb.width = 1;
     rgb.height = 1;
     rgb.colorType = PNG_COLOR_TYPE_RGB;
@@ -143,7 +143,7 @@ TEST(PngCodec, SixteenBitsAreStrippedToTheHighByte) {
 }
 
 TEST(PngCodec, TransparentColourOfGreyAndRgbBecomesAlpha) {
-    PngSpec grey;
+    PngRecipe grey;
     grey.width = 3;
     grey.height = 1;
     grey.colorType = PNG_COLOR_TYPE_GRAY;
@@ -156,7 +156,7 @@ TEST(PngCodec, TransparentColourOfGreyAndRgbBecomesAlpha) {
     EXPECT_EQ(g.image->at(1, 0, 3), 0);
     EXPECT_EQ(g.image->at(2, 0, 0), 30);
 
-    PngSpec rgb;
+    PngRecipe rgb;
     rgb.width = 2;
     rgb.height = 1;
     rgb.colorType = PNG_COLOR_TYPE_RGB;

@@ -27,7 +27,7 @@ using testing::Bytes;
 using testing::TempFolder;
 using Vec = math::GenVec<int, 2>;
 
-struct VideoSpec {
+struct VideoRecipe {
     const char* container = "mp4";
     int width = 160;
     int height = 120;
@@ -45,17 +45,17 @@ const AVCodec* testEncoder() {
 }
 
 // Writes the video; an empty string when this FFmpeg cannot encode it.
-std::string makeVideo(const std::string& path, const VideoSpec& spec) {
+std::string makeVideo(const std::string& path, const VideoRecipe& recipe) {
     const AVCodec* codec = testEncoder();
     AVFormatContext* out = nullptr;
-    if (!codec || avformat_alloc_output_context2(&out, nullptr, spec.container, path.c_str()) < 0)
+    if (!codec || avformat_alloc_output_context2(&out, nullptr, recipe.container, path.c_str()) < 0)
         return {};
     AVStream* stream = avformat_new_stream(out, nullptr);
     AVCodecContext* encoder = avcodec_alloc_context3(codec);
-    encoder->width = spec.width;
-    encoder->height = spec.height;
-    encoder->time_base = av_inv_q(spec.rate);
-    encoder->framerate = spec.rate;
+    encoder->width = recipe.width;
+    encoder->height = recipe.height;
+    encoder->time_base = av_inv_q(recipe.rate);
+    encoder->framerate = recipe.rate;
     encoder->pix_fmt = codec->id == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
     encoder->gop_size = 12;
     encoder->max_b_frames = 0;
@@ -68,9 +68,9 @@ std::string makeVideo(const std::string& path, const VideoSpec& spec) {
     }
     avcodec_parameters_from_context(stream->codecpar, encoder);
     stream->time_base = encoder->time_base;
-    if (spec.clockwiseDegrees) {
+    if (recipe.clockwiseDegrees) {
         uint8_t* matrix = av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, 9 * 4);
-        av_display_rotation_set(reinterpret_cast<int32_t*>(matrix), spec.clockwiseDegrees);
+        av_display_rotation_set(reinterpret_cast<int32_t*>(matrix), recipe.clockwiseDegrees);
     }
     if (avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE) < 0 ||
         avformat_write_header(out, nullptr) < 0) {
@@ -83,23 +83,23 @@ std::string makeVideo(const std::string& path, const VideoSpec& spec) {
         while (avcodec_receive_packet(encoder, packet) >= 0) {
             av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
             packet->stream_index = stream->index;
-            if (spec.blankPackets) std::memset(packet->data, 0, size_t(packet->size));
+            if (recipe.blankPackets) std::memset(packet->data, 0, size_t(packet->size));
             av_interleaved_write_frame(out, packet);
         }
     };
     AVFrame* frame = av_frame_alloc();
     frame->format = encoder->pix_fmt;
-    frame->width = spec.width;
-    frame->height = spec.height;
+    frame->width = recipe.width;
+    frame->height = recipe.height;
     av_frame_get_buffer(frame, 0);
-    for (int i = 0; i < spec.frames; ++i) {
+    for (int i = 0; i < recipe.frames; ++i) {
         av_frame_make_writable(frame);
-        for (int y = 0; y < spec.height; ++y)
-            for (int x = 0; x < spec.width; ++x)
-                frame->data[0][y * frame->linesize[0] + x] = uint8_t(spec.luma(i, x, y));
+        for (int y = 0; y < recipe.height; ++y)
+            for (int x = 0; x < recipe.width; ++x)
+                frame->data[0][y * frame->linesize[0] + x] = uint8_t(recipe.luma(i, x, y));
         for (int p = 1; p < 3; ++p)
-            for (int y = 0; y < spec.height / 2; ++y)
-                std::memset(frame->data[p] + y * frame->linesize[p], 128, size_t(spec.width / 2));
+            for (int y = 0; y < recipe.height / 2; ++y)
+                std::memset(frame->data[p] + y * frame->linesize[p], 128, size_t(recipe.width / 2));
         frame->pts = i;
         avcodec_send_frame(encoder, frame);
         drain();
@@ -141,7 +141,7 @@ protected:
 
 TEST_F(VideoThumbnail, FrameAtTenthOfShortVideoOrOneSecond) {
     // 3.5 s: a tenth is 0.35 s, so the frame at 0.4 s (the fifth) is the first at or after it.
-    VideoSpec shortClip;
+    VideoRecipe shortClip;
     shortClip.frames = 35;
     ImageOut image;
     ASSERT_TRUE(
@@ -152,7 +152,7 @@ TEST_F(VideoThumbnail, FrameAtTenthOfShortVideoOrOneSecond) {
     EXPECT_EQ(image->at(5, 5, 3), 255);
 
     // 15 s at 2 frames a second: one second in, the third frame.
-    VideoSpec longClip;
+    VideoRecipe longClip;
     longClip.container = "avi";
     longClip.frames = 30;
     longClip.rate = AVRational{2, 1};
@@ -165,7 +165,7 @@ TEST_F(VideoThumbnail, FrameAtTenthOfShortVideoOrOneSecond) {
 }
 
 TEST_F(VideoThumbnail, FitsInsideRequestClampedTo256AndReportsSize) {
-    const FastString<char> path(makeVideo(folder.path() + "/v.mp4", VideoSpec()));
+    const FastString<char> path(makeVideo(folder.path() + "/v.mp4", VideoRecipe()));
     const auto sizeFor = [&](Vec request) {
         ImageOut image;
         EXPECT_TRUE(loadVideoThumbnail(path, request, &image, nullptr));
@@ -188,11 +188,11 @@ TEST_F(VideoThumbnail, FitsInsideRequestClampedTo256AndReportsSize) {
 
 TEST_F(VideoThumbnail, TurnsAsTheVideoIsShown) {
     // Dark left half, bright right half, shown turned a quarter clockwise: dark on top.
-    VideoSpec spec;
-    spec.clockwiseDegrees = 90;
-    spec.luma = [](int, int x, int) { return x < 80 ? 30 : 220; };
+    VideoRecipe recipe;
+    recipe.clockwiseDegrees = 90;
+    recipe.luma = [](int, int x, int) { return x < 80 ? 30 : 220; };
     ImageOut image;
-    ASSERT_TRUE(loadVideoThumbnail(FastString<char>(makeVideo(folder.path() + "/turned.mp4", spec)),
+    ASSERT_TRUE(loadVideoThumbnail(FastString<char>(makeVideo(folder.path() + "/turned.mp4", recipe)),
                                    Vec(0, 0), &image, nullptr));
     ASSERT_TRUE(image);
     EXPECT_EQ(Vec(image->width(), image->height()), Vec(192, 256));
@@ -216,7 +216,7 @@ TEST_F(VideoThumbnail, FilesThatAreNoVideoOrHaveNoFrame) {
 
     // A container with a video stream whose frames do not decode: the item exists, it just has
     // no thumbnail.
-    VideoSpec blank;
+    VideoRecipe blank;
     blank.container = "avi";
     blank.blankPackets = true;
     const std::string emptyPath = makeVideo(folder.path() + "/blank.avi", blank);
@@ -227,16 +227,16 @@ TEST_F(VideoThumbnail, FilesThatAreNoVideoOrHaveNoFrame) {
 
     // An MP4 cut short loses its index, written last: not a video any more. An AVI cut short
     // keeps its header, and the frames before the cut still give a thumbnail.
-    const auto cut = [&](const std::string& name, const VideoSpec& spec, double keep) {
-        std::ifstream in(makeVideo(folder.path() + "/whole-" + name, spec), std::ios::binary);
+    const auto cut = [&](const std::string& name, const VideoRecipe& recipe, double keep) {
+        std::ifstream in(makeVideo(folder.path() + "/whole-" + name, recipe), std::ios::binary);
         const Bytes whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         return folder.write(name,
                             Bytes(whole.begin(), whole.begin() + ptrdiff_t(whole.size() * keep)));
     };
     image.reset();
-    EXPECT_FALSE(loadVideoThumbnail(FastString<char>(cut("cut.mp4", VideoSpec(), 0.6)), Vec(64, 64),
+    EXPECT_FALSE(loadVideoThumbnail(FastString<char>(cut("cut.mp4", VideoRecipe(), 0.6)), Vec(64, 64),
                                     &image, nullptr));
-    VideoSpec avi;
+    VideoRecipe avi;
     avi.container = "avi";
     avi.frames = 40;
     EXPECT_TRUE(loadVideoThumbnail(FastString<char>(cut("cut.avi", avi, 0.7)), Vec(64, 64), &image,
@@ -248,10 +248,10 @@ TEST_F(VideoThumbnail, FilesThatAreNoVideoOrHaveNoFrame) {
 TEST(VideoThumbnailThreads, ConcurrentThumbnailsMatch) {
     if (!testEncoder()) GTEST_SKIP() << "this FFmpeg has neither an MPEG-4 nor an MJPEG encoder";
     TempFolder folder;
-    VideoSpec spec;
-    spec.frames = 20;
-    spec.luma = [](int i, int x, int y) { return 16 + (x * 3 + y * 5 + i) % 200; };
-    const FastString<char> path(makeVideo(folder.path() + "/threads.mp4", spec));
+    VideoRecipe recipe;
+    recipe.frames = 20;
+    recipe.luma = [](int i, int x, int y) { return 16 + (x * 3 + y * 5 + i) % 200; };
+    const FastString<char> path(makeVideo(folder.path() + "/threads.mp4", recipe));
     ImageOut expected;
     ASSERT_TRUE(loadVideoThumbnail(path, Vec(96, 96), &expected, nullptr));
     ASSERT_TRUE(expected);
