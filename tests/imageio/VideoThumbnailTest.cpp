@@ -1,4 +1,4 @@
-// Video thumbnails on videos encoded here with libavcodec (MPEG-4 part 2, or Motion JPEG where the
+// Video thumbnails on videos encoded here with libavcodec (MPEG-4 Visual, or Motion JPEG where the
 // build lacks it) in MP4 and AVI containers.
 
 #include <gtest/gtest.h>

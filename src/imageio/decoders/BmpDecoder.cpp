@@ -1,4 +1,4 @@
-#include "imageio/decoders/BmpDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 #include <algorithm>
 #include <array>

@@ -1,10 +1,6 @@
 #include "imageio/decoders/BuiltInDecoders.h"
 
-#include "imageio/decoders/BmpDecoder.h"
-#include "imageio/decoders/GifDecoder.h"
-#include "imageio/decoders/HeifDecoder.h"
-#include "imageio/decoders/RawDecoder.h"
-#include "imageio/decoders/WebpDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 namespace qor::imageio::detail {
 

@@ -1,4 +1,4 @@
-#include "imageio/decoders/GifDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 #include <gif_lib.h>
 

@@ -1,4 +1,4 @@
-#include "imageio/decoders/HeifDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 #include <libheif/heif.h>
 

@@ -1,4 +1,4 @@
-#include "imageio/decoders/RawDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 #include <libraw/libraw.h>
 

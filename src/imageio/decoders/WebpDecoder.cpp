@@ -1,4 +1,4 @@
-#include "imageio/decoders/WebpDecoder.h"
+#include "imageio/decoders/FormatDecoders.h"
 
 #include <webp/decode.h>
 
