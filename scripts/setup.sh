@@ -7,6 +7,8 @@ PACKAGES=(
     build-essential cmake ninja-build pkg-config ccache clang libclang-rt-14-dev
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev
+    # peers the benchmarks run beside our code
+    libvips-tools libjpeg-turbo-progs libimage-exiftool-perl exiv2
     # codecs and metadata
     libjpeg62-turbo-dev libpng-dev libtiff-dev libopenexr-dev libimath-dev libexiv2-dev
     liblcms2-dev libgif-dev libwebp-dev libheif-dev libraw-dev
