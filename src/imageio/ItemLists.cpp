@@ -28,11 +28,6 @@ ItemLists& itemLists() {
     return *lists;
 }
 
-const char* const RawExtensions[] = {
-    ".3FR", ".ARI", ".ARW", ".SRF", ".SR2", ".BAY", ".CRW", ".CR2", ".CAP", ".IIQ", ".EIP", ".DCS",
-    ".DCR", ".DRF", ".K25", ".KDC", ".DNG", ".ERF", ".FFF", ".MEF", ".MOS", ".MRW", ".NEF", ".NRW",
-    ".ORF", ".PTX", ".PXN", ".R3D", ".RAF", ".RAW", ".RW2", ".RWL", ".RWZ", ".X3F"};
-
 const char* const VideoExtensions[] = {
     ".264",   ".3G2",      ".3GP",    ".ASF",  ".ASX",  ".AVI",  ".BSF",  ".DIVX", ".DMSM",
     ".DREAM", ".DVDMEDIA", ".DVR-MS", ".DZM",  ".DZP",  ".F4V",  ".FBR",  ".FLV",  ".HDMOV",
@@ -48,7 +43,8 @@ void initSupportedItemsList() {
     ItemLists& lists = itemLists();
     ScopedLock<Mutex> lock(lists.mutex);
     if (lists.filled) return;
-    lists.raw.insert(std::begin(RawExtensions), std::end(RawExtensions));
+    for (std::string_view extension : detail::RawExtensions)
+        lists.raw.insert(FastString<char>(extension));
     lists.video.insert(std::begin(VideoExtensions), std::end(VideoExtensions));
     lists.image.insert(std::begin(ImageExtensions), std::end(ImageExtensions));
     lists.filled = true;

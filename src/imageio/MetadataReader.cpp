@@ -4,6 +4,7 @@
 #include <exiv2/image.hpp>
 #include <exiv2/jpgimage.hpp>
 #include <exiv2/tiffimage.hpp>
+#include <memory>
 #include <string>
 
 #include "base/Log.h"
@@ -166,9 +167,9 @@ private:
 };
 
 SharedPtr<Metadata> readExiv2(RandomAccessFile& file) {
-    Exiv2::Image::AutoPtr image =
-        Exiv2::ImageFactory::open(Exiv2::BasicIo::AutoPtr(new detail::RandomAccessFileIo(file)));
-    if (!image.get()) throw Exception(file.size() == 0 ? "empty file" : "unknown image type");
+    const std::unique_ptr<Exiv2::Image> image =
+        detail::openExiv2Image(std::make_unique<detail::RandomAccessFileIo>(file));
+    if (!image) throw Exception(file.size() == 0 ? "empty file" : "unknown image type");
     image->readMetadata();
 
     auto metadata = std::make_shared<Metadata>();

@@ -177,10 +177,10 @@ TEST(MetadataReader, XmpKeysKeepTheirPrefixAndExifWins) {
         xmp["Xmp.tiff.Make"] = "FromXmp";
         xmp["Xmp.xmp.Rating"] = "4";
         xmp["Xmp.dc.title"] = "lang=x-default Harbour";
-        Exiv2::Value::AutoPtr subjects = Exiv2::Value::create(Exiv2::xmpBag);
-        subjects->read("boats");
-        subjects->read("sea");
-        xmp.add(Exiv2::XmpKey("Xmp.dc.subject"), subjects.get());
+        Exiv2::XmpArrayValue subjects(Exiv2::xmpBag);
+        subjects.read("boats");
+        subjects.read("sea");
+        xmp.add(Exiv2::XmpKey("Xmp.dc.subject"), &subjects);
         xmp["Xmp.exif.GPSLatitude"] = "48,30.5N";
     }));
     ASSERT_TRUE(m);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -71,8 +72,7 @@ inline Bytes makeJpeg(int width, int height, int quality = 80) {
 // The file with the metadata that `edit` puts on it, written by Exiv2.
 inline Bytes withMetadata(const Bytes& file, const std::function<void(Exiv2::Image&)>& edit) {
     detail::ensureExiv2Initialized();
-    Exiv2::Image::AutoPtr image =
-        Exiv2::ImageFactory::open(file.data(), static_cast<long>(file.size()));
+    const std::unique_ptr<Exiv2::Image> image = detail::openExiv2Image(file.data(), file.size());
     image->readMetadata();
     edit(*image);
     image->writeMetadata();

@@ -3,7 +3,6 @@
 #include <libraw/libraw.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -12,18 +11,13 @@
 #include "base/Log.h"
 #include "imageio/ImageIO.h"
 #include "imageio/decoders/detail/DecodeSupport.h"
+#include "imageio/detail/PathExtension.h"
 
 namespace qor::imageio {
 
 namespace {
 
 using detail::Rgba8Image;
-
-// The camera raw extensions, upper case with the dot.
-constexpr std::array<std::string_view, 34> kRawExtensions = {
-    ".3FR", ".ARI", ".ARW", ".SRF", ".SR2", ".BAY", ".CRW", ".CR2", ".CAP", ".IIQ", ".EIP", ".DCS",
-    ".DCR", ".DRF", ".K25", ".KDC", ".DNG", ".ERF", ".FFF", ".MEF", ".MOS", ".MRW", ".NEF", ".NRW",
-    ".ORF", ".PTX", ".PXN", ".R3D", ".RAF", ".RAW", ".RW2", ".RWL", ".RWZ", ".X3F"};
 
 struct RawClose {
     void operator()(libraw_data_t* raw) const { libraw_close(raw); }
@@ -120,8 +114,8 @@ SharedPtr<Rgba8Image> develop(libraw_data_t* raw, bool halfSize, const FastStrin
 
 bool RawDecoder::accepts(const unsigned char*, size_t,
                          const FastString<char>& upperExtension) const {
-    return std::find(kRawExtensions.begin(), kRawExtensions.end(), upperExtension.view()) !=
-           kRawExtensions.end();
+    const auto& raw = detail::RawExtensions;
+    return std::find(raw.begin(), raw.end(), upperExtension.view()) != raw.end();
 }
 
 bool RawDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size,

@@ -1,6 +1,7 @@
 #include "imageio/detail/Exiv2Setup.h"
 
 #include <exiv2/error.hpp>
+#include <exiv2/version.hpp>
 #include <exiv2/xmp_exiv2.hpp>
 #include <mutex>
 #include <string_view>
@@ -46,6 +47,24 @@ void ensureExiv2Initialized() {
             QOR_LOG(LogError, "Exiv2: the XMP toolkit failed to initialise: %*", e.what());
         }
     });
+}
+
+std::unique_ptr<Exiv2::Image> openExiv2Image(std::unique_ptr<Exiv2::BasicIo> io) {
+#if EXIV2_TEST_VERSION(0, 28, 0)
+    return Exiv2::ImageFactory::open(std::move(io));
+#else
+    // open() takes the source as Exiv2 0.27's std::auto_ptr typedef: the one place that names it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Exiv2::BasicIo::AutoPtr source(io.release());
+#pragma GCC diagnostic pop
+    return std::unique_ptr<Exiv2::Image>(Exiv2::ImageFactory::open(source).release());
+#endif
+}
+
+std::unique_ptr<Exiv2::Image> openExiv2Image(const uint8_t* data, size_t size) {
+    auto image = Exiv2::ImageFactory::open(data, static_cast<long>(size));
+    return std::unique_ptr<Exiv2::Image>(image.release());
 }
 
 }  // namespace qor::imageio::detail

@@ -1,5 +1,12 @@
 #pragma once
-// One-time set-up of Exiv2 for the whole process, shared by every imageio user of Exiv2.
+// One-time set-up of Exiv2 for the whole process, and the opening of images, shared by every imageio
+// user of Exiv2.
+
+#include <cstddef>
+#include <cstdint>
+#include <exiv2/basicio.hpp>
+#include <exiv2/image.hpp>
+#include <memory>
 
 namespace qor::imageio::detail {
 
@@ -8,5 +15,11 @@ namespace qor::imageio::detail {
 // and trace level (anything below). The first call does the work; later calls return at once, and
 // concurrent first calls wait for it. Call before any use of Exiv2. Never throws.
 void ensureExiv2Initialized();
+// The image that Exiv2 finds in `io`, which it takes over; null when Exiv2 knows no format in it.
+// Exiv2 0.27 hands images out through std::auto_ptr typedefs (AutoPtr); from here on they are held
+// in std::unique_ptr. Throws Exiv2::Error.
+std::unique_ptr<Exiv2::Image> openExiv2Image(std::unique_ptr<Exiv2::BasicIo> io);
+// The same over `size` bytes in memory, which Exiv2 copies.
+std::unique_ptr<Exiv2::Image> openExiv2Image(const uint8_t* data, size_t size);
 
 }  // namespace qor::imageio::detail
