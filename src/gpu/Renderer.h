@@ -65,7 +65,8 @@ public:
     virtual FastString<char> uniqueId() const = 0;
     // 5: whether textures of any size can be made without rounding to powers of two.
     virtual bool supportsNonPowerOfTwo() const = 0;
-    // 6-9: render targets. Null while the render target layer is not part of the build.
+    // 6-9: render targets. The texture forms make the texture as createTexture does; throw
+    // std::bad_alloc when the GPU has no room.
     virtual SharedPtr<FramebufferTarget> createFramebufferTarget() = 0;
     virtual SharedPtr<TextureTarget> createTextureTarget(const Vec2i& size,
                                                          RawPixelFormat format) = 0;

@@ -191,11 +191,8 @@ TEST_F(RendererGLTest, ChoosesFormatsTheDriverRenders) {
 
 TEST_F(RendererGLTest, SlotsOfLaterLayersSayTheyAreNotThere) {
     LogCapture log;
-    EXPECT_FALSE(_renderer->createTextureTarget(Vec2i(8, 8), PfRGBA8));
-    EXPECT_FALSE(_renderer->createFramebufferTarget());
     EXPECT_FALSE(_renderer->createShader("filters/a", "filters/b", ""));
-    EXPECT_FALSE(_renderer->selfCheck());
-    EXPECT_EQ(log.count("not available yet"), 4u);
+    EXPECT_EQ(log.count("not available yet"), 1u);
 }
 
 TEST_F(RendererGLTest, TellsTheImageLayerTheLargestTexture) {

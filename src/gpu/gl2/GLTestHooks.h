@@ -20,6 +20,9 @@ void clearSimulatedGLErrors();
 // The next `times` address-space probes before a texture allocation fail.
 void failAddressSpaceProbes(int times);
 
+// The next `times` completeness checks of a framebuffer object report it unsupported.
+void failFramebufferChecks(int times);
+
 // Real GL calls that glw has made so far.
 std::uint64_t glwCallCount();
 

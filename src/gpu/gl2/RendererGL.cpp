@@ -2,10 +2,15 @@
 
 #include <epoxy/egl.h>
 
+#include <algorithm>
+
 #include "base/Exception.h"
 #include "base/Log.h"
 #include "base/Md5Stream.h"
+#include "gpu/Drawer.h"
 #include "gpu/detail/SystemQueries.h"
+#include "gpu/gl2/FramebufferObject.h"
+#include "gpu/gl2/RenderTargetGL.h"
 #include "gpu/gl2/TextureGL.h"
 #include "gpu/gl2/glw.h"
 #include "imaging/RawImageStorage.h"
@@ -108,6 +113,7 @@ RendererGL::RendererGL(GLContextType) {
 }
 
 RendererGL::~RendererGL() {
+    FramebufferObject::releasePool();
     QOR_LOG(LogInfo, "glwShutdown()");
     glwShutdown();
 }
@@ -308,35 +314,76 @@ SharedPtr<Texture> RendererGL::createTextureRect(const SharedPtr<RawImageStorage
 }
 
 SharedPtr<FramebufferTarget> RendererGL::createFramebufferTarget() {
-    logNotAvailable("createFramebufferTarget: render targets are");
-    return nullptr;
+    return std::make_shared<FramebufferTargetGL>(this);
 }
 
-SharedPtr<TextureTarget> RendererGL::createTextureTarget(const Vec2i&, RawPixelFormat) {
-    logNotAvailable("createTextureTarget: render targets are");
-    return nullptr;
+SharedPtr<TextureTarget> RendererGL::createTextureTarget(const Vec2i& size, RawPixelFormat format) {
+    return createTextureTarget(size, format, DrawParameters());
 }
 
-SharedPtr<TextureTarget> RendererGL::createTextureTarget(const Vec2i&, RawPixelFormat,
-                                                         const DrawParameters&) {
-    logNotAvailable("createTextureTarget: render targets are");
-    return nullptr;
+SharedPtr<TextureTarget> RendererGL::createTextureTarget(const Vec2i& size, RawPixelFormat format,
+                                                         const DrawParameters& params) {
+    auto texture = dynamic_ptr_cast<TextureGL>(createTexture(size, format, params));
+    return std::make_shared<TextureTargetGL>(this, texture);
 }
 
-SharedPtr<TextureTarget> RendererGL::createTextureTarget(const SharedPtr<RawImageStorage>&,
-                                                         const DrawParameters&) {
-    logNotAvailable("createTextureTarget: render targets are");
-    return nullptr;
+SharedPtr<TextureTarget> RendererGL::createTextureTarget(const SharedPtr<RawImageStorage>& data,
+                                                         const DrawParameters& params) {
+    QOR_ASSERT_TEXT(data, "data");
+    if (!data) return nullptr;
+    auto texture = dynamic_ptr_cast<TextureGL>(createTexture(data, params));
+    return std::make_shared<TextureTargetGL>(this, texture);
 }
 
-bool RendererGL::copyTexture(const SharedPtr<Texture>&, const SharedPtr<Texture>&) {
-    logNotAvailable("copyTexture: render targets are");
-    return false;
+bool RendererGL::copyTexture(const SharedPtr<Texture>& source,
+                             const SharedPtr<Texture>& destination) {
+    auto destinationGL = dynamic_ptr_cast<TextureGL>(destination);
+    QOR_ASSERT_TEXT(source && destinationGL, "source && destination");
+    if (!source || !destinationGL) return false;
+    const Vec2i size(std::min(source->size().x, destination->size().x),
+                     std::min(source->size().y, destination->size().y));
+    const Vec2i border(destinationGL->border(), destinationGL->border());
+    try {
+        TextureTargetGL target(this, destinationGL);
+        target.copyFromTexture(source, Recti(size) + border, Recti(size) + border);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "copyTexture failed: %*", e.what());
+        return false;
+    }
+    return true;
 }
 
 bool RendererGL::selfCheck() {
-    logNotAvailable("selfCheck: render targets and drawers are");
-    return false;
+    // A 16 x 16 target cleared to a known colour, a rectangle cleared to another inside it, and
+    // the pixels read back.
+    constexpr int Size = 16;
+    const unsigned char outside[4] = {64, 128, 192, 255}, inside[4] = {255, 0, 32, 255};
+    try {
+        auto target = createTextureTarget(Vec2i(Size, Size), PfRGBA8);
+        SharedPtr<Drawer> drawer = target->beginRender();
+        drawer->clear(outside[0] / 255.0f, outside[1] / 255.0f, outside[2] / 255.0f, 1.0f);
+        drawer->setClipping(Recti(4, 4, 8, 8), true);
+        drawer->clear(inside[0] / 255.0f, inside[1] / 255.0f, inside[2] / 255.0f, 1.0f);
+        drawer->setClipping(Recti(), false);
+        target->finishRender(drawer);
+        auto pixels = GenImageData<unsigned char, 4>::create(Size, Size);
+        target->readBackRGBA(pixels, Recti(Vec2i(Size, Size)));
+        for (int y = 0; y < Size; ++y)
+            for (int x = 0; x < Size; ++x) {
+                const bool in = x >= 4 && x < 12 && y >= 4 && y < 12;
+                const unsigned char* want = in ? inside : outside;
+                for (int c = 0; c < 4; ++c)
+                    if (pixels->at(x, y, c) != want[c]) {
+                        QOR_LOG(LogError, "selfCheck: pixel (%*,%*) channel %* is %*, not %*", x, y,
+                                c, int(pixels->at(x, y, c)), int(want[c]));
+                        return false;
+                    }
+            }
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "selfCheck failed: %*", e.what());
+        return false;
+    }
+    return true;
 }
 
 SharedPtr<Shader> RendererGL::createShader(const std::string&, const std::string&,
@@ -362,7 +409,12 @@ void RendererGL::clearTextureCache() {
 }
 
 void RendererGL::releaseCurrentTarget() {
-    // No render target can be bound while the render target layer is not part of the build.
+    for (FBOBindType bind : {FBO_Bind_Draw, FBO_Bind_Read}) {
+        if (auto fbo = FramebufferObject::getBoundFBO(bind)) {
+            fbo->detach();
+            fbo->unbind();
+        }
+    }
 }
 
 }  // namespace qor::gpu

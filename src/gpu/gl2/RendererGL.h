@@ -31,7 +31,6 @@ public:
     GLContextType context() const override { return _context; }
     FastString<char> uniqueId() const override;
     bool supportsNonPowerOfTwo() const override { return _hasNonPowerOfTwo; }
-    // Render targets are not part of this build yet: null, with a log line.
     SharedPtr<FramebufferTarget> createFramebufferTarget() override;
     SharedPtr<TextureTarget> createTextureTarget(const Vec2i& size, RawPixelFormat format) override;
     SharedPtr<TextureTarget> createTextureTarget(const Vec2i& size, RawPixelFormat format,

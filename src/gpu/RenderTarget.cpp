@@ -1,0 +1,7 @@
+#include "gpu/RenderTarget.h"
+
+namespace qor::gpu {
+
+RenderTarget::~RenderTarget() = default;
+
+}  // namespace qor::gpu

@@ -1,0 +1,302 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <functional>
+
+#include "GPUTestSupport.h"
+#include "gpu/Drawer.h"
+#include "gpu/RenderTarget.h"
+#include "gpu/gl2/FramebufferObject.h"
+#include "gpu/gl2/GLFormats.h"
+#include "gpu/gl2/RenderTargetGL.h"
+#include "gpu/gl2/TextureGL.h"
+
+namespace qor::gpu {
+namespace {
+
+using namespace imaging;
+using RenderTargetGLTest = test::RendererTest;
+
+// A pattern that uses the whole range of T, different in every channel and pixel.
+template <class T>
+T sample(int x, int y, int c) {
+    const int v = x * 29 + y * 13 + c * 5;
+    if constexpr (std::is_same_v<T, unsigned char>) return T(v & 255);
+    if constexpr (std::is_same_v<T, unsigned short>) return T((v * 263 + y) & 0xFFFF);
+    if constexpr (std::is_same_v<T, half>) return half(float(v % 89) / 8.0f - 4.0f);
+    if constexpr (std::is_same_v<T, float>) return float(v % 997) / 3.0f - 100.0f;
+}
+
+template <class T, int N>
+SharedPtr<GenImageData<T, N>> pattern(int w, int h) {
+    auto data = GenImageData<T, N>::create(w, h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < N; ++c) data->at(x, y, c) = sample<T>(x, y, c);
+    return data;
+}
+
+// The largest difference between `rect` of `whole` and the origin of `part`.
+template <class T, int N>
+double differenceFromRect(const GenImageData<T, N>& whole, const Recti& rect,
+                          const GenImageData<T, N>& part) {
+    double worst = 0;
+    for (int y = 0; y < rect.height(); ++y)
+        for (int x = 0; x < rect.width(); ++x)
+            for (int c = 0; c < N; ++c)
+                worst = std::max(
+                    worst, std::fabs(double(float(whole.at(rect.xmin() + x, rect.ymin() + y, c))) -
+                                     double(float(part.at(x, y, c)))));
+    return worst;
+}
+
+SharedPtr<TextureTarget> makeTarget(Renderer& r, const Vec2i& size, RawPixelFormat format) {
+    auto target = r.createTextureTarget(size, format);
+    EXPECT_TRUE(target);
+    return target;
+}
+
+void renderClear(TextureTarget& target, float r, float g, float b, float a) {
+    SharedPtr<Drawer> drawer = target.beginRender();
+    drawer->clear(r, g, b, a);
+    target.finishRender(drawer);
+}
+
+TEST_F(RenderTargetGLTest, SixteenConfigurationsEvictTheLeastRecentlyUsedFramebuffer) {
+    LogCapture log;
+    const GLenum rgba8 = glInternalFormat(PfRGBA8);
+    std::vector<SharedPtr<TextureTarget>> targets;
+    for (int i = 0; i < 15; ++i) {
+        targets.push_back(makeTarget(*_renderer, Vec2i(8 + i, 8), PfRGBA8));
+        renderClear(*targets.back(), 0, 0, 0, 1);
+    }
+    EXPECT_EQ(FramebufferObject::poolSize(), 15u);
+    const auto first = FramebufferObject::pooled(Vec2i(8, 8), rgba8, GL_TEXTURE_2D);
+    ASSERT_TRUE(first);
+
+    // Another texture of the first configuration reuses its object and makes it the most recent.
+    auto again = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA8);
+    renderClear(*again, 1, 1, 1, 1);
+    EXPECT_EQ(FramebufferObject::pooled(Vec2i(8, 8), rgba8, GL_TEXTURE_2D), first);
+    EXPECT_EQ(FramebufferObject::poolSize(), 15u);
+
+    // The sixteenth configuration evicts the least recently used one: the second.
+    auto sixteenth = makeTarget(*_renderer, Vec2i(40, 8), PfRGBA8);
+    renderClear(*sixteenth, 0, 1, 0, 1);
+    EXPECT_EQ(FramebufferObject::poolSize(), 15u);
+    EXPECT_FALSE(FramebufferObject::pooled(Vec2i(9, 8), rgba8, GL_TEXTURE_2D));
+    EXPECT_EQ(FramebufferObject::pooled(Vec2i(8, 8), rgba8, GL_TEXTURE_2D), first);
+    EXPECT_TRUE(FramebufferObject::pooled(Vec2i(40, 8), rgba8, GL_TEXTURE_2D));
+    // Another format is another configuration.
+    auto other = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA32F);
+    renderClear(*other, 0, 1, 0, 1);
+    EXPECT_FALSE(FramebufferObject::pooled(Vec2i(10, 8), rgba8, GL_TEXTURE_2D));
+    EXPECT_NE(FramebufferObject::pooled(Vec2i(8, 8), glInternalFormat(PfRGBA32F), GL_TEXTURE_2D),
+              first);
+
+    // Nothing stays attached or bound after a render, and each target still holds its pixels.
+    EXPECT_FALSE(FramebufferObject::getBoundFBO(FBO_Bind_Draw) &&
+                 FramebufferObject::getBoundFBO(FBO_Bind_Draw)->getAttachment());
+    auto pixel = GenImageData<unsigned char, 4>::create(1, 1);
+    targets[3]->readBackRGBA(pixel, Recti(2, 2, 1, 1));
+    EXPECT_EQ(pixel->at(0, 0, 0), 0);
+    EXPECT_EQ(pixel->at(0, 0, 3), 255);
+    sixteenth->readBackRGBA(pixel, Recti(2, 2, 1, 1));
+    EXPECT_EQ(pixel->at(0, 0, 1), 255);
+    EXPECT_EQ(log.assertions(), 0u);
+}
+
+TEST_F(RenderTargetGLTest, OneRenderAtATime) {
+    auto a = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA8);
+    auto b = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA8);
+    auto screen = _renderer->createFramebufferTarget();
+    ASSERT_TRUE(screen);
+    SharedPtr<Drawer> drawer = a->beginRender();
+    {
+        LogCapture log;
+        EXPECT_THROW(b->beginRender(), RenderTargetException);
+        EXPECT_THROW(a->beginRender(), RenderTargetException);
+        EXPECT_THROW(screen->beginRender(), RenderTargetException);
+        EXPECT_EQ(log.count("TextureTargetGL::beginRender() call during another render operation!"),
+                  2u);
+        EXPECT_EQ(log.assertions("!s_rendering && !_isRendering"), 2u);
+        EXPECT_EQ(log.assertions("!s_rendering"), 1u);
+    }
+    drawer->clear(1, 0, 0, 1);
+    a->finishRender(drawer);
+    // The refused renders changed nothing: b begins now, and a kept what was drawn.
+    renderClear(*b, 0, 0, 1, 1);
+    auto pixel = GenImageData<unsigned char, 4>::create(1, 1);
+    a->readBackRGBA(pixel, Recti(4, 4, 1, 1));
+    EXPECT_EQ(pixel->at(0, 0, 0), 255);
+    EXPECT_EQ(pixel->at(0, 0, 2), 0);
+    EXPECT_FALSE(TextureTargetGL::isRenderingAny());
+}
+
+// Uploads a pattern in the format's own element type, then reads a rectangle back through the
+// GPU and, with the GPU read failing, through the processor. Formats hold their element types
+// exactly, so both must equal the pattern.
+template <class T, int N>
+void checkReadBack(
+    Renderer& r, RawPixelFormat format,
+    std::function<void(Texture&, const ImageDataIn<T, N>&)> upload,
+    std::function<void(TextureTarget&, const ImageDataOut<T, N>&, const Recti&)> read) {
+    SCOPED_TRACE(pixelFormatString(format).c_str());
+    if (!r.isRenderable(format)) {
+        std::printf("the driver does not render %s\n", pixelFormatString(format).c_str());
+        return;
+    }
+    const Vec2i size(33, 21);
+    auto target = makeTarget(r, size, format);
+    ASSERT_EQ(target->texture()->pixelFormat(), format);
+    auto src = pattern<T, N>(size.x, size.y);
+    upload(*target->texture(), src);
+    const Recti rect(5, 3, 17, 12);
+    auto viaGPU = GenImageData<T, N>::create(rect.width() + 3, rect.height());  // wider rows
+    {
+        LogCapture log;
+        read(*target, viaGPU, rect);
+        EXPECT_FALSE(log.contains("Falling back")) << "the GPU path was not taken";
+        EXPECT_EQ(log.assertions(), 0u);
+    }
+    EXPECT_EQ(differenceFromRect(*src, rect, *viaGPU), 0.0);
+
+    auto viaCPU = GenImageData<T, N>::create(rect.width(), rect.height());
+    {
+        LogCapture log;
+        testing::simulateGLError(GLErrorCheck::Transfer, GL_INVALID_OPERATION, 1);
+        read(*target, viaCPU, rect);
+        EXPECT_EQ(log.count("Falling back to GPU -> CPU path. Failed reading back: "), 1u);
+        EXPECT_FALSE(FramebufferObject::getBoundFBO(FBO_Bind_Read));
+    }
+    EXPECT_EQ(differenceFromRect(*src, rect, *viaCPU), 0.0);
+}
+
+TEST_F(RenderTargetGLTest, ReadBackEqualsTheUploadInEveryRenderableFormat) {
+    using UC = unsigned char;
+    using US = unsigned short;
+    Renderer& r = *_renderer;
+    auto rgba = [](Texture& t, const auto& d) { t.setDataRGBA(d); };
+    auto rgb = [](Texture& t, const auto& d) { t.setDataRGB(d); };
+    auto red = [](Texture& t, const auto& d) { t.setDataRed(d); };
+    auto readRGBA = [](TextureTarget& t, const auto& d, const Recti& s) { t.readBackRGBA(d, s); };
+    auto readRGB = [](TextureTarget& t, const auto& d, const Recti& s) { t.readBackRGB(d, s); };
+    auto readRed = [](TextureTarget& t, const auto& d, const Recti& s) { t.readBackRed(d, s); };
+    checkReadBack<UC, 4>(r, PfRGBA8, rgba, readRGBA);
+    checkReadBack<UC, 4>(
+        r, PfBGRA8, [](Texture& t, const auto& d) { t.setDataBGRA(d); },
+        [](TextureTarget& t, const auto& d, const Recti& s) { t.readBackBGRA(d, s); });
+    checkReadBack<UC, 3>(r, PfRGB8, rgb, readRGB);
+    checkReadBack<US, 4>(r, PfRGBA16, rgba, readRGBA);
+    checkReadBack<US, 3>(r, PfRGB16, rgb, readRGB);
+    checkReadBack<half, 4>(r, PfRGBA16F, rgba, readRGBA);
+    checkReadBack<half, 3>(r, PfRGB16F, rgb, readRGB);
+    checkReadBack<float, 4>(r, PfRGBA32F, rgba, readRGBA);
+    checkReadBack<float, 3>(r, PfRGB32F, rgb, readRGB);
+    checkReadBack<UC, 1>(r, PfRed8, red, readRed);
+    checkReadBack<US, 1>(r, PfRed16, red, readRed);
+    checkReadBack<half, 1>(r, PfRed16F, red, readRed);
+    checkReadBack<float, 1>(r, PfRed32F, red, readRed);
+}
+
+TEST_F(RenderTargetGLTest, DrawnPixelsReadBackInEveryRenderableFormat) {
+    // A clear of the whole target and a clipped clear of a rectangle, read back as floats. 8-bit
+    // channels are the coarsest: values within a step of 1/255, 0.5 rounding either way.
+    const RawPixelFormat formats[] = {PfRGBA8,   PfBGRA8,  PfRGB8,    PfRGBA16, PfRGB16,
+                                      PfRGBA16F, PfRGB16F, PfRGBA32F, PfRGB32F, PfRed8,
+                                      PfRed16,   PfRed16F, PfRed32F};
+    const float outside[4] = {0.25f, 0.5f, 0.75f, 1.0f}, inside[4] = {1.0f, 0.0f, 0.5f, 1.0f};
+    const Recti clip(3, 2, 6, 5);
+    for (RawPixelFormat format : formats) {
+        if (!_renderer->isRenderable(format)) continue;
+        SCOPED_TRACE(pixelFormatString(format).c_str());
+        auto target = makeTarget(*_renderer, Vec2i(12, 9), format);
+        SharedPtr<Drawer> drawer = target->beginRender();
+        drawer->clear(outside[0], outside[1], outside[2], outside[3]);
+        drawer->setClipping(clip, true);
+        drawer->clear(inside[0], inside[1], inside[2], inside[3]);
+        target->finishRender(drawer);
+
+        auto back = GenImageData<float, 4>::create(12, 9);
+        target->readBackRGBA(back, Recti(Vec2i(12, 9)));
+        const unsigned channels = getChannelCount(format);
+        for (int y = 0; y < 9; ++y)
+            for (int x = 0; x < 12; ++x) {
+                const float* want = clip.contains(Vec2i(x, y)) ? inside : outside;
+                for (unsigned c = 0; c < channels && c < 3; ++c)
+                    ASSERT_NEAR(back->at(x, y, int(c)), want[c], 1.0 / 255) << x << "," << y;
+            }
+    }
+}
+
+TEST_F(RenderTargetGLTest, AnIncompleteFramebufferThrowsAndLeavesNothingBound) {
+    auto target = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA16F);
+    {
+        LogCapture log;
+        testing::failFramebufferChecks(1);
+        try {
+            target->beginRender();
+            ADD_FAILURE() << "no exception";
+        } catch (const RenderTargetException& e) {
+            EXPECT_STREQ(e.what(), "Could not bind texture {RGBA16f@(8,8)}!");
+        }
+        EXPECT_TRUE(log.contains("Check FBO status returned: "));
+        EXPECT_EQ(log.assertions("status == GL_FRAMEBUFFER_COMPLETE_EXT"), 1u);
+    }
+    EXPECT_FALSE(FramebufferObject::getBoundFBO(FBO_Bind_Draw));
+    GLint bound = -1;
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &bound);
+    EXPECT_EQ(bound, 0);
+    auto fbo = FramebufferObject::pooled(target->texture()->texSize(), glInternalFormat(PfRGBA16F),
+                                         GL_TEXTURE_2D);
+    ASSERT_TRUE(fbo);
+    EXPECT_FALSE(fbo->getAttachment());
+    EXPECT_FALSE(TextureTargetGL::isRenderingAny());
+    // The next attempt works.
+    renderClear(*target, 0.5f, 0.5f, 0.5f, 1);
+}
+
+TEST_F(RenderTargetGLTest, CopiesBetweenTexturesOnTheGPUAndThroughTheProcessorAgree) {
+    auto source = makeTarget(*_renderer, Vec2i(20, 16), PfRGBA16F);
+    auto src = pattern<half, 4>(20, 16);
+    source->texture()->setDataRGBA(src);
+    const Recti srcrect(2, 3, 9, 7), rect(6, 1, 9, 7);
+
+    // GPU: drawn through the destination's framebuffer object.
+    auto drawnInto = makeTarget(*_renderer, Vec2i(18, 12), PfRGBA16F);
+    drawnInto->copyFromTexture(source->texture(), rect, srcrect);
+    auto viaGPU = GenImageData<half, 4>::create(rect.width(), rect.height());
+    drawnInto->readBackRGBA(viaGPU, rect);
+    EXPECT_EQ(differenceFromRect(*src, srcrect, *viaGPU), 0.0);
+
+    // The mirror, from the source target into another texture.
+    auto mirrored = makeTarget(*_renderer, Vec2i(18, 12), PfRGBA16F);
+    source->copyToTexture(mirrored->texture(), rect, srcrect);
+    auto viaMirror = GenImageData<half, 4>::create(rect.width(), rect.height());
+    mirrored->readBackRGBA(viaMirror, rect);
+    EXPECT_EQ(differenceFromRect(*src, srcrect, *viaMirror), 0.0);
+
+    // Processor.
+    auto copied = makeTarget(*_renderer, Vec2i(18, 12), PfRGBA16F);
+    TextureTargetGL::textureCopyCPU(source->texture(), copied->texture(), rect, srcrect);
+    auto viaCPU = GenImageData<half, 4>::create(rect.width(), rect.height());
+    copied->readBackRGBA(viaCPU, rect);
+    EXPECT_EQ(differenceFromRect(*src, srcrect, *viaCPU), 0.0);
+
+    // A format with no processor path asserts and copies nothing.
+    LogCapture log;
+    auto redTexture = _renderer->createTexture(Vec2i(4, 4), PfRed8, DrawParameters());
+    TextureTargetGL::textureCopyCPU(redTexture, copied->texture(), Recti(0, 0, 2, 2),
+                                    Recti(0, 0, 2, 2));
+    EXPECT_EQ(log.assertions("false"), 1u);
+}
+
+TEST_F(RenderTargetGLTest, TheSelfCheckDrawsAndReadsBack) {
+    LogCapture log;
+    EXPECT_TRUE(_renderer->selfCheck());
+    EXPECT_EQ(log.assertions(), 0u);
+}
+
+}  // namespace
+}  // namespace qor::gpu
