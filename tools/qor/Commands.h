@@ -14,6 +14,7 @@ bool parseCount(const std::string& text, unsigned long& value);
 
 int runJobsDemo(const std::vector<std::string>& args);
 int runTilesDemo(const std::vector<std::string>& args);
+int runPipelineDemo(const std::vector<std::string>& args);
 int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
 

@@ -36,6 +36,10 @@ const Command kCommands[] = {
      "compute a generated image through the tile pipeline and check every pixel "
      "(--width N --height N --tile N)",
      qor::tool::runTilesDemo},
+    {"pipeline",
+     "scale a generated image through the tile pipeline and report tiles per second "
+     "(--size WxH --scale S [--cache-mb N] [--check])",
+     qor::tool::runPipelineDemo},
     {"info", "item type, checksum, size and metadata of image or video files (FILE...)",
      qor::tool::runInfo},
     {"thumb", "a JPEG thumbnail of an image or video file (IN OUT [--size N])",
