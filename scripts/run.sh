@@ -20,5 +20,33 @@ for bad in "--size 8000 --scale 0.25" "--size 8000x8000 --scale 0" "--size 8000x
     "$QOR" pipeline $bad 2>/dev/null || status=$?
     [ "$status" -eq 2 ] || { echo "qor pipeline $bad: exit status $status, not 2" >&2; exit 1; }
 done
-"$QOR" thumb "$SAMPLES/generated.jpg" "$SAMPLES/thumb.jpg" --size 256
-"$QOR" info "$SAMPLES/generated.jpg" "$SAMPLES/thumb.jpg"
+# Sample photos: pictures from our encoder, metadata written by the exiv2 tool (camera, time, GPS,
+# orientation, IPTC keyword and place, description), and an EXIF thumbnail in the first one.
+"$QOR" tiles --width 1600 --height 1200 --tile 256 --save "$SAMPLES/harbour.jpg" >/dev/null
+"$QOR" tiles --width 1200 --height 1600 --tile 256 --save "$SAMPLES/tower.jpg" >/dev/null
+exiv2 -M"set Exif.Image.Make Canon" -M"set Exif.Image.Model Canon EOS R6" \
+    -M"set Exif.Photo.DateTimeOriginal 2024:05:01 07:12:30" -M"set Exif.Image.Orientation 1" \
+    -M"set Exif.Photo.FNumber 28/10" -M"set Exif.Photo.ExposureTime 1/250" \
+    -M"set Exif.GPSInfo.GPSLatitude 53/1 32/1 45/1" -M"set Exif.GPSInfo.GPSLatitudeRef N" \
+    -M"set Exif.GPSInfo.GPSLongitude 9/1 58/1 12/1" -M"set Exif.GPSInfo.GPSLongitudeRef E" \
+    -M"set Iptc.Application2.Keywords harbour" -M"set Iptc.Application2.City Hamburg" \
+    -M"set Xmp.dc.description lang=x-default Boats at dawn" "$SAMPLES/harbour.jpg"
+exiv2 -M"set Exif.Image.Make NIKON CORPORATION" -M"set Exif.Image.Model NIKON Z 6" \
+    -M"set Exif.Photo.DateTimeOriginal 2023:10:14 16:40:02" -M"set Exif.Image.Orientation 6" \
+    -M"set Exif.GPSInfo.GPSLatitude 33/1 51/1 54/1" -M"set Exif.GPSInfo.GPSLatitudeRef S" \
+    -M"set Exif.GPSInfo.GPSLongitude 151/1 12/1 36/1" -M"set Exif.GPSInfo.GPSLongitudeRef E" \
+    -M"set Iptc.Application2.Keywords tower" -M"set Exif.Image.ImageDescription Tower at dusk" \
+    "$SAMPLES/tower.jpg"
+"$QOR" thumb "$SAMPLES/harbour.jpg" --size 160x160 -o "$SAMPLES/harbour-thumb.jpg"
+exiv2 -it "$SAMPLES/harbour.jpg"  # inserts harbour-thumb.jpg as the EXIF thumbnail
+"$QOR" info "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg"
+"$QOR" info --json "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" "$SAMPLES/generated.jpg"
+"$QOR" thumb "$SAMPLES/harbour.jpg" --size 120x120 -o "$SAMPLES/harbour-small.jpg"
+"$QOR" thumb "$SAMPLES/tower.jpg" --size 256x256 -o "$SAMPLES/tower.bmp"
+"$QOR" thumb "$SAMPLES/generated.jpg" --size 320x200 -o "$SAMPLES/thumb.jpg"
+"$QOR" checksum "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" "$SAMPLES/generated.jpg"
+# A bad file among good ones: one line on standard error, the others still done, exit status 1.
+head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMPLES/truncated.jpg"
+status=0
+"$QOR" info "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
+[ "$status" -eq 1 ] || { echo "qor info on a truncated file: exit status $status, not 1" >&2; exit 1; }

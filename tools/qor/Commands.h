@@ -17,5 +17,6 @@ int runTilesDemo(const std::vector<std::string>& args);
 int runPipelineDemo(const std::vector<std::string>& args);
 int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
+int runChecksum(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

@@ -1,18 +1,45 @@
-// qor info FILE...: what the library reads from image and video files: the item type, the item checksum,
-// the decoded size and the metadata keys.
-// qor thumb IN OUT [--size N]: a thumbnail of an image or video file, fitted inside N x N, as JPEG.
+// The file commands:
+//   qor info [--json] FILE...       item type, item checksum, typed metadata fields and raw metadata
+//                                   map of image and video files
+//   qor thumb FILE [--size WxH] -o OUT
+//                                   a thumbnail fitted inside W x H, written as JPEG or BMP by OUT's
+//                                   extension; from a JPEG's EXIF thumbnail when that is large
+//                                   enough
+//   qor checksum FILE...            the item checksum of each file
+//
+// A bad file (missing, empty, truncated, not an image) gives one line on standard error, and the
+// command goes on with the next; the exit status is 1 when any file was bad. The library's own log
+// lines are held back while a file is read: the first warning among them (or, when nothing came out,
+// the first line at all) is the reason given on that one line. A file counts as bad when nothing
+// could be read from it or the library warned while reading it (a truncated JPEG decodes to a
+// partial picture with a warning). Everything runs on the main thread.
 
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Commands.h"
+#include "base/Log.h"
 #include "imageio/ImageIO.h"
+#include "imageio/MetadataValue.h"
 #include "imageio/VideoThumbnail.h"
+#include "imageio/detail/PathExtension.h"
 
 namespace qor::tool {
 
 namespace {
+
+using imageio::Metadata;
+using imageio::MetadataField;
+using imageio::MetadataValue;
+using Json = nlohmann::ordered_json;
+using Vec2i = math::GenVec<int, 2>;
 
 const char* itemTypeName(imageio::ItemType type) {
     switch (type) {
@@ -23,82 +50,303 @@ const char* itemTypeName(imageio::ItemType type) {
     }
 }
 
+// Runs `read` with the library's log lines held back. Returns why the file is bad: the first line
+// at warning level or above, or, when `produced` says that nothing came out, the first line of any
+// level or `fallback`. Empty when the file is good.
+template <class Read, class Produced>
+std::string readQuietly(Read&& read, Produced&& produced, const char* fallback) {
+    LogCapture capture(true);
+    read();
+    const std::vector<LogCapture::Entry> lines = capture.entries();
+    for (const LogCapture::Entry& line : lines)
+        if (line.level >= LogWarning) return line.text;
+    if (produced()) return {};
+    for (const LogCapture::Entry& line : lines)
+        if (line.level >= LogInfo) return line.text;
+    return fallback;
+}
+
+// Why `file` cannot be read at all, before any library call: missing, not a plain file, empty.
+// Empty when it can be tried.
+std::string unreadable(const std::string& file) {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(file, error);
+    if (!std::filesystem::exists(status)) return "no such file";
+    if (!std::filesystem::is_regular_file(status)) return "not a file";
+    const auto size = std::filesystem::file_size(file, error);
+    if (error) return error.message();
+    return size == 0 ? "empty file" : "";
+}
+
+int reportBad(const char* command, const std::string& file, const std::string& reason) {
+    std::fprintf(stderr, "qor: %s: '%s': %s\n", command, file.c_str(), reason.c_str());
+    return 1;
+}
+
+// ---- info ----
+
+// Everything info shows of one file.
+struct ItemInfo {
+    imageio::ItemType type = imageio::ItemTypeUnknown;
+    Digest checksum;
+    SharedPtr<Metadata> metadata;
+    std::string problem;  // why the file is bad; empty when it is good
+};
+
+// Reads the metadata and decodes a small picture, which proves that the pixels are all there (a
+// JPEG is decoded at an eighth, so this reads every byte at a fraction of the full cost).
+ItemInfo readItem(const std::string& file) {
+    const FastString<char> path(file);
+    ItemInfo item;
+    item.type = imageio::getItemType(path);
+    if (!(item.problem = unreadable(file)).empty()) return item;
+    imageio::ImagePtr image;
+    item.problem = readQuietly(
+        [&] {
+            const Vec2i box(256, 256);
+            if (item.type == imageio::ItemTypeVideo) {
+                item.metadata = std::make_shared<Metadata>();
+                if (!imageio::loadVideoThumbnail(path, box, &image, &item.metadata))
+                    item.metadata.reset();
+            } else {
+                imageio::loadImage(path, box, imageio::ImageQualityFast, &image, &item.metadata);
+            }
+            if (image) item.checksum = imageio::imageChecksum(path);
+        },
+        [&] { return image && item.metadata; }, "no picture in the file");
+    return item;
+}
+
+// The typed field as a value of its type; empty when the metadata lacks it.
+MetadataValue fieldValue(const Metadata& metadata, MetadataField field) {
+    auto read = [&]<class T>(T value) {
+        return metadata.get(field, value) ? MetadataValue(value) : MetadataValue();
+    };
+    switch (imageio::fieldDataType(field)) {
+        case imageio::MdtInt: return read(0);
+        case imageio::MdtVec2i: return read(imageio::Vec2i());
+        case imageio::MdtDouble: return read(0.0);
+        case imageio::MdtVec3d: return read(imageio::Vec3d());
+        case imageio::MdtString: return read(FastString<char>());
+        case imageio::MdtTime: return read(Timestamp());
+        case imageio::MdtDigest: return read(Digest());
+        case imageio::MdtUnknown: break;
+    }
+    return MetadataValue();
+}
+
+// Calls f(field, value) for each typed field the metadata holds, in field table order.
+template <class Fn>
+void forEachField(const Metadata& metadata, Fn f) {
+    for (int number = 0; number < imageio::MetadataFieldEnd; ++number) {
+        const auto field = static_cast<MetadataField>(number);
+        if (field == MetadataField::RecordConsistent) continue;  // a database column, no type
+        const MetadataValue value = fieldValue(metadata, field);
+        if (!value.empty()) f(field, value);
+    }
+}
+
+// Raw values as one readable line: control bytes (the GPS separators 0x01 among them) as \xNN, and
+// long values (binary blobs in text form) cut short with their length.
+std::string readable(std::string_view value) {
+    constexpr size_t Longest = 160;
+    std::string out;
+    for (size_t i = 0; i < value.size() && i < Longest; ++i) {
+        const auto byte = static_cast<unsigned char>(value[i]);
+        if (byte < 0x20 || byte == 0x7F) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            out += escaped;
+        } else {
+            out += char(byte);
+        }
+    }
+    if (value.size() > Longest) out += " ... (" + std::to_string(value.size()) + " bytes)";
+    return out;
+}
+
+std::string valueText(const MetadataValue& value) {
+    std::ostringstream text;
+    text << value;
+    return text.str();
+}
+
+void printItem(const std::string& file, const ItemInfo& item) {
+    std::printf("%s\n", file.c_str());
+    std::printf("  type      %s\n", itemTypeName(item.type));
+    std::printf("  checksum  %s\n", item.checksum.toHex().c_str());
+    std::printf("  fields\n");
+    forEachField(*item.metadata, [](MetadataField field, const MetadataValue& value) {
+        std::printf("    %-24s %s\n", imageio::fieldName(field).c_str(),
+                    readable(valueText(value)).c_str());
+    });
+    std::printf("  raw\n");
+    for (const auto& [key, value] : item.metadata->rawMap())
+        std::printf("    %-32s %s\n", key.c_str(), readable(value.view()).c_str());
+}
+
+Json jsonValue(const MetadataValue& value) {
+    switch (value.type()) {
+        case imageio::MdtInt: return value.getInt();
+        case imageio::MdtVec2i: return Json::array({value.getVec2i().x, value.getVec2i().y});
+        case imageio::MdtDouble: return value.getDouble();
+        case imageio::MdtVec3d: {
+            const imageio::Vec3d v = value.getVec3d();
+            return Json::array({v.x, v.y, v.z});
+        }
+        default: return valueText(value);  // strings, times in ISO form, digests in hex
+    }
+}
+
+Json itemJson(const std::string& file, const ItemInfo& item) {
+    Json out;
+    out["file"] = file;
+    if (!item.problem.empty()) {
+        out["error"] = item.problem;
+        return out;
+    }
+    out["type"] = itemTypeName(item.type);
+    out["checksum"] = item.checksum.toHex();
+    Json& fields = out["fields"] = Json::object();
+    forEachField(*item.metadata, [&](MetadataField field, const MetadataValue& value) {
+        fields[imageio::fieldName(field).str()] = jsonValue(value);
+    });
+    Json& raw = out["raw"] = Json::object();
+    for (const auto& [key, value] : item.metadata->rawMap()) raw[key.str()] = value.str();
+    return out;
+}
+
+// ---- thumb ----
+
+// "WxH" with both sides from 1 to 16384.
+bool parseBox(const std::string& text, Vec2i& box) {
+    const size_t x = text.find('x');
+    unsigned long w = 0, h = 0;
+    if (x == std::string::npos || !parseCount(text.substr(0, x), w) ||
+        !parseCount(text.substr(x + 1), h))
+        return false;
+    if (w == 0 || h == 0 || w > 16384 || h > 16384) return false;
+    box = Vec2i(int(w), int(h));
+    return true;
+}
+
+enum class ThumbFormat { None, Jpeg, Bmp };
+
+ThumbFormat thumbFormatOf(const std::string& path) {
+    const FastString<char> extension = imageio::detail::upperExtension(FastString<char>(path));
+    if (extension == ".JPG" || extension == ".JPEG") return ThumbFormat::Jpeg;
+    if (extension == ".BMP") return ThumbFormat::Bmp;
+    return ThumbFormat::None;
+}
+
 }  // namespace
 
 int runInfo(const std::vector<std::string>& args) {
-    if (args.empty()) return usageError("info: give one or more files");
+    bool json = false;
+    std::vector<std::string> files;
+    for (const std::string& arg : args) {
+        if (arg == "--json")
+            json = true;
+        else
+            files.push_back(arg);
+    }
+    if (files.empty()) return usageError("info: give one or more files");
     imageio::initSupportedItemsList();
     int status = 0;
-    for (const std::string& file : args) {
-        const FastString<char> path(file);
-        imageio::ImagePtr image;
-        SharedPtr<imageio::Metadata> metadata;
-        const imageio::ItemType type = imageio::getItemType(path);
-        if (type == imageio::ItemTypeVideo) {
-            metadata = std::make_shared<imageio::Metadata>();
-            if (!imageio::loadVideoThumbnail(path, math::GenVec<int, 2>(256, 256), &image,
-                                             &metadata))
-                metadata.reset();
-        } else {
-            imageio::loadImage(path, math::GenVec<int, 2>(0, 0), imageio::ImageQualityFast, &image,
-                               &metadata, math::Recti());
-        }
-        if (!image && !metadata) {
-            std::fprintf(stderr, "qor: info: cannot read '%s'\n", file.c_str());
-            status = 1;
-            continue;
-        }
-        std::printf("%s\n", file.c_str());
-        std::printf("  type      %s\n", itemTypeName(type));
-        std::printf("  checksum  %s\n", imageio::imageChecksum(path).toHex().c_str());
-        if (image) std::printf("  decoded   %d x %d\n", image->width(), image->height());
-        if (metadata) {
-            math::GenVec<int, 2> size;
-            if (metadata->get(imageio::MetadataField::Imagesize, size))
-                std::printf("  size      %d x %d\n", size.x, size.y);
-            for (const auto& [key, value] : metadata->rawMap())
-                std::printf("  %-24s %s\n", std::string(key).c_str(), std::string(value).c_str());
-        }
+    Json document = Json::array();
+    for (const std::string& file : files) {
+        const ItemInfo item = readItem(file);
+        if (!item.problem.empty()) status = reportBad("info", file, item.problem);
+        if (json)
+            document.push_back(itemJson(file, item));
+        else if (item.problem.empty())
+            printItem(file, item);
     }
+    if (json)  // metadata text that is not UTF-8 comes out with replacement characters
+        std::printf("%s\n", document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     return status;
 }
 
 int runThumb(const std::vector<std::string>& args) {
     std::vector<std::string> files;
-    unsigned long side = 256;
+    std::string out;
+    Vec2i box(256, 256);
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--size") {
-            if (i + 1 >= args.size() || !parseCount(args[i + 1], side) || side == 0 || side > 16384)
-                return usageError("thumb: --size must be a number from 1 to 16384");
+            if (i + 1 >= args.size() || !parseBox(args[i + 1], box))
+                return usageError("thumb: --size must be WxH, each side from 1 to 16384");
             ++i;
+        } else if (args[i] == "-o") {
+            if (i + 1 >= args.size()) return usageError("thumb: -o needs an output file");
+            out = args[++i];
         } else {
             files.push_back(args[i]);
         }
     }
-    if (files.size() != 2) return usageError("thumb: give an input file and an output .jpg");
+    if (files.size() != 1 || out.empty())
+        return usageError("thumb: give one input file and -o OUT.jpg or OUT.bmp");
+    const ThumbFormat format = thumbFormatOf(out);
+    if (format == ThumbFormat::None)
+        return usageError("thumb: the output must end in .jpg, .jpeg or .bmp");
     imageio::initSupportedItemsList();
-    const FastString<char> in(files[0]), out(files[1]);
-    const math::GenVec<int, 2> box{int(side), int(side)};
+    const FastString<char> in(files[0]);
     imageio::ImagePtr image;
-    if (imageio::getItemType(in) == imageio::ItemTypeVideo) {
-        imageio::loadVideoThumbnail(in, box, &image, nullptr);
-    } else {
-        SharedPtr<imageio::Metadata> metadata;  // asked for, so that an EXIF thumbnail can serve
-        imageio::loadImage(in, box, imageio::ImageQualityThumbnail, &image, &metadata,
-                           math::Recti());
-    }
-    if (!image) {
-        std::fprintf(stderr, "qor: thumb: cannot read '%s'\n", files[0].c_str());
-        return 1;
-    }
+    if (const std::string problem = unreadable(files[0]); !problem.empty())
+        return reportBad("thumb", files[0], problem);
+    const std::string problem = readQuietly(
+        [&] {
+            if (imageio::getItemType(in) == imageio::ItemTypeVideo) {
+                imageio::loadVideoThumbnail(in, box, &image, nullptr);
+            } else {
+                SharedPtr<Metadata> metadata;  // asked for, so that an EXIF thumbnail can serve
+                imageio::loadImage(in, box, imageio::ImageQualityThumbnail, &image, &metadata);
+                // An EXIF thumbnail smaller than the box on both sides gives way to the picture.
+                Vec2i full;
+                if (image && metadata && metadata->get(MetadataField::Imagesize, full) &&
+                    image->width() < std::min(box.x, full.x) &&
+                    image->height() < std::min(box.y, full.y)) {
+                    image.reset();
+                    imageio::loadImage(in, box, imageio::ImageQualityFast, &image, &metadata);
+                }
+            }
+        },
+        [&] { return image != nullptr; }, "no picture in the file");
+    if (!problem.empty()) return reportBad("thumb", files[0], problem);
     // Decoders fit what they can; the rest (a preview larger than asked, say) is reduced here.
     image = imageio::scaleTrilinear_destructive(image, box.x, box.y, imageio::ScaleFitInside);
-    if (!imageio::saveJpeg(out, image, 90)) {
-        std::fprintf(stderr, "qor: thumb: cannot write '%s'\n", files[1].c_str());
+    const FastString<char> target(out);
+    const bool saved = format == ThumbFormat::Jpeg ? imageio::saveJpeg(target, image, 90)
+                                                   : imageio::saveBmp(target, image);
+    if (!saved) {
+        std::fprintf(stderr, "qor: thumb: cannot write '%s'\n", out.c_str());
         return 1;
     }
-    std::printf("%s: %d x %d\n", files[1].c_str(), image->width(), image->height());
+    std::printf("%s: %d x %d\n", out.c_str(), image->width(), image->height());
     return 0;
+}
+
+int runChecksum(const std::vector<std::string>& args) {
+    if (args.empty()) return usageError("checksum: give one or more files");
+    imageio::initSupportedItemsList();
+    int status = 0;
+    for (const std::string& file : args) {
+        // The checksum covers the first bytes only; the file is not decoded, so a truncated one
+        // is not found out here (qor info does that).
+        const FastString<char> path(file);
+        std::string problem = unreadable(file);
+        if (problem.empty() && imageio::getItemType(path) == imageio::ItemTypeUnknown)
+            problem = "not an image or video file";
+        Digest digest;
+        if (problem.empty())
+            problem = readQuietly([&] { digest = imageio::imageChecksum(path); },
+                                  [&] { return !digest.isNull(); }, "cannot be read");
+        if (!problem.empty()) {
+            status = reportBad("checksum", file, problem);
+            continue;
+        }
+        std::printf("%s  %s\n", digest.toHex().c_str(), file.c_str());
+    }
+    return status;
 }
 
 }  // namespace qor::tool

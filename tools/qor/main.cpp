@@ -40,10 +40,13 @@ const Command kCommands[] = {
      "scale a generated image through the tile pipeline and report tiles per second "
      "(--size WxH --scale S [--cache-mb N] [--check])",
      qor::tool::runPipelineDemo},
-    {"info", "item type, checksum, size and metadata of image or video files (FILE...)",
+    {"info",
+     "item type, checksum, metadata fields and raw metadata of image or video files "
+     "([--json] FILE...)",
      qor::tool::runInfo},
-    {"thumb", "a JPEG thumbnail of an image or video file (IN OUT [--size N])",
+    {"thumb", "a JPEG or BMP thumbnail of an image or video file (FILE [--size WxH] -o OUT)",
      qor::tool::runThumb},
+    {"checksum", "the item checksum of each file (FILE...)", qor::tool::runChecksum},
 };
 
 int runHelp(const std::vector<std::string>&) {
