@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Builds the release preset and runs, in the same run and alternating, `qor pipeline` and libvips
+# reducing the same generated RGBA8 image by the same integer factor, each as its own process with
+# two threads. Prints the wall time and the peak RSS of each run, the medians and the ratios
+# ours/vips (below 1: we are faster or smaller).
+# Usage: bench/run_pipeline_bench.sh [SIDE [FACTOR [RUNS [CACHE_MB]]]]  (default 16000 4 3 256)
+# BUILD_DIR picks the build folder (default build/release).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+SIDE=${1:-16000}
+FACTOR=${2:-4}
+RUNS=${3:-3}
+CACHE_MB=${4:-256}
+BUILD=${BUILD_DIR:-build/release}
+
+cmake --preset release -B "$BUILD" >/dev/null
+cmake --build "$BUILD" --target qor >/dev/null
+
+# The peer, built against the installed libvips runtime (see the file's comment).
+LIBDIR=/usr/lib/x86_64-linux-gnu
+PEER=$(mktemp /tmp/qor_vips_reduce.XXXXXX)
+trap 'rm -f "$PEER"' EXIT
+cc -O2 -o "$PEER" bench/vips_reduce.c "$LIBDIR/libvips.so.42" "$LIBDIR/libgobject-2.0.so.0"
+
+SCALE=$(python3 -c "print(1 / $FACTOR)")
+export VIPS_CONCURRENCY=2
+
+python3 - "$BUILD/qor" "$PEER" "$SIDE" "$FACTOR" "$SCALE" "$RUNS" "$CACHE_MB" <<'PY'
+import os, re, resource, statistics, subprocess, sys, time
+
+qor, peer, side, factor, scale, runs, cache_mb = sys.argv[1:]
+ours_cmd = [qor, "pipeline", "--size", f"{side}x{side}", "--scale", scale, "--cache-mb", cache_mb]
+vips_cmd = [peer, side, side, factor]
+
+def measure(cmd):
+    """Wall seconds, peak RSS in MB and stdout of one run, as its own child process."""
+    pid = os.fork()
+    if pid == 0:
+        fd = os.open("/tmp/qor_pipeline_bench.out", os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
+        os.dup2(fd, 1)
+        os.execv(cmd[0], cmd)
+    start = time.monotonic()
+    _, status, usage = os.wait4(pid, 0)
+    wall = time.monotonic() - start
+    out = open("/tmp/qor_pipeline_bench.out").read()
+    if status != 0:
+        sys.exit(f"{' '.join(cmd)} failed ({status}):\n{out}")
+    return wall, usage.ru_maxrss / 1024, out
+
+def mean_of(out):
+    m = re.search(r"mean ([0-9.]+)", out)
+    return float(m.group(1)) if m else float("nan")
+
+rows = {"ours": [], "vips": []}
+for i in range(int(runs)):
+    for name, cmd in (("ours", ours_cmd), ("vips", vips_cmd)):
+        wall, rss, out = measure(cmd)
+        rows[name].append((wall, rss, mean_of(out)))
+        print(f"run {i + 1} {name:<4}: wall {wall:7.3f} s, peak RSS {rss:7.1f} MB, mean {mean_of(out):.4f}")
+        if name == "ours" and i == 0:
+            print("  " + out.strip().replace("\n", "\n  "))
+
+load = os.getloadavg()
+med = {k: (statistics.median(w for w, _, _ in v), statistics.median(r for _, r, _ in v))
+       for k, v in rows.items()}
+print()
+print(f"{side}x{side} RGBA8 reduced by {factor}, {runs} runs each, 2 threads, cache limit {cache_mb} MB")
+print(f"{'':<6}{'wall (median)':>15}{'peak RSS (median)':>20}")
+for k in ("ours", "vips"):
+    print(f"{k:<6}{med[k][0]:>13.3f} s{med[k][1]:>17.1f} MB")
+print(f"ratio ours/vips: wall {med['ours'][0] / med['vips'][0]:.2f}, "
+      f"peak RSS {med['ours'][1] / med['vips'][1]:.2f}")
+print(f"load average after the run: {load[0]:.2f} {load[1]:.2f} {load[2]:.2f}")
+PY
