@@ -4,9 +4,10 @@
 // The input is a procedural RGBA8 source whose pixel (x, y) is (x & 255, y & 255, (x + y) & 255,
 // 255), cut into tiles of the CPU preferred size; a ScaledImageSource reduces it by the factor S
 // (area averaging) and every tile of the scaled image is fetched through requests. The input's
-// pixels are never held whole: tiles are asked for in batches of consecutive tile rows, at most
-// two batches at a time (one running, one waiting), each batch small enough that the input tiles
-// its job graph holds stay within half the tile cache limit. The cache itself holds at most its
+// pixels are never held whole: tiles are asked for in batches of consecutive tiles in row order,
+// at most two batches at a time (one running, one waiting), each batch small enough that the input
+// tiles its job graph holds stay within half the tile cache limit (but at least two tiles, one for
+// each worker). The cache itself holds at most its
 // limit, so the peak memory is about one and a half times the limit whatever the image's size.
 //
 // Output (standard output): the geometry, the tile count, the wall time, the tiles per second, the
@@ -277,13 +278,14 @@ int runPipelineDemo(const std::vector<std::string>& args) {
     const TileLayout layout = scaled->tileLayout();
     const GenVec<int, 2> count = layout.tileCount;
     const unsigned long total = (unsigned long)count.x * (unsigned long)count.y;
-    const unsigned long long perRow = bytesPerOutputTile(*scaled) * (unsigned long long)count.x;
-    const int rowsPerBatch = int(std::clamp<unsigned long long>(limit / 2 / perRow, 1, count.y));
-    std::printf("input %lux%lu RGBA8 in tiles of %dx%d, scaled by %g to %dx%d: %lu tiles in %d "
-                "batches of up to %d tile rows, tile cache limit %lu MB\n",
+    const unsigned long perBatch = (unsigned long)std::min<unsigned long long>(
+        total, std::max<unsigned long long>(limit / 2 / bytesPerOutputTile(*scaled), 2));
+    const unsigned long batches = (total + perBatch - 1) / perBatch;
+    std::printf("input %lux%lu RGBA8 in tiles of %dx%d, scaled by %g to %dx%d: %lu tiles in %lu "
+                "batches of up to %lu tiles, tile cache limit %lu MB\n",
                 o.width, o.height, input->tileLayout().tileSize.x, input->tileLayout().tileSize.y,
-                o.scale, outSize.x, outSize.y, total, (count.y + rowsPerBatch - 1) / rowsPerBatch,
-                rowsPerBatch, o.cacheMb);
+                o.scale, outSize.x, outSize.y, total, batches, perBatch,
+                o.cacheMb);
 
     Progress progress;
     auto onTile = [&](const ComputedTileInfo& info) {
@@ -312,7 +314,6 @@ int runPipelineDemo(const std::vector<std::string>& args) {
     const bool bar = isatty(STDERR_FILENO) != 0;
     void (*previous)(int) = std::signal(SIGINT, onInterrupt);
     auto score = std::make_shared<imaging::LineOrderScoreFunction>();
-    const unsigned long batches = (unsigned long)((count.y + rowsPerBatch - 1) / rowsPerBatch);
     std::deque<SharedPtr<RequestHandle>> running;  // the batches not yet ended, oldest first
     unsigned long submitted = 0, drawn = ~0ul;
     bool interrupted = false;
@@ -320,9 +321,8 @@ int runPipelineDemo(const std::vector<std::string>& args) {
     for (;;) {
         while (running.size() < 2 && submitted < batches) {
             ImageSource::TileSet tiles;
-            const int y0 = int(submitted) * rowsPerBatch;
-            for (int y = y0; y < std::min(count.y, y0 + rowsPerBatch); ++y)
-                for (int x = 0; x < count.x; ++x) tiles.insert(GenVec<int, 2>(x, y));
+            for (unsigned long i = submitted * perBatch; i < std::min(total, (submitted + 1) * perBatch); ++i)
+                tiles.insert(GenVec<int, 2>(int(i % unsigned(count.x)), int(i / unsigned(count.x))));
             running.push_back(scaled->requestTiles(tiles, score, onTile, true, {}));
             ++submitted;
         }
