@@ -161,6 +161,7 @@ bool ResourceManager::rename(ResourceID id, const ResourceName& newName) {
                 return false;
             }
             if (entry->name.localPath() == newPath) return true;
+            if (_byPath.contains(newPath)) break;
             oldPath = entry->name.localPath();
         }
         {
@@ -173,11 +174,7 @@ bool ResourceManager::rename(ResourceID id, const ResourceName& newName) {
             }
             // Renamed while this thread waited for the paths: lock the present one.
             if (entry->name.localPath() != oldPath) continue;
-            if (_byPath.contains(newPath)) {
-                QOR_LOG(LogWarning, "ResourceManager::rename: '%*' is another resource's name",
-                        newPath);
-                return false;
-            }
+            if (_byPath.contains(newPath)) break;
             _byPath.erase(oldPath);
             _byPath.emplace(newPath, id.id());
             entry->name = newName;
@@ -192,6 +189,8 @@ bool ResourceManager::rename(ResourceID id, const ResourceName& newName) {
         resourceRenamed.emit(ResourceID(id.id(), this), newName);
         return true;
     }
+    QOR_LOG(LogWarning, "ResourceManager::rename: '%*' is another resource's name", newPath);
+    return false;
 }
 
 ResourceID ResourceManager::find(const ResourceName& name) const {

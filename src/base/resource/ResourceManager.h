@@ -10,7 +10,9 @@
 //
 // Files: rename and remove take exclusive path locks (FilesystemScopedLock) on the paths they
 // change, so they wait until no other thread holds a ResourceFSScopedLock on the resource; a
-// ResourceFSScopedLock taken by the renaming thread itself moves to the new path.
+// ResourceFSScopedLock taken by the renaming thread itself moves to the new path. A thread that
+// holds path locks and renames or removes a resource takes part in the path lock order: two
+// threads that each hold one resource's lock and rename the other's deadlock.
 //
 // Thread contract: every member may be called from any thread at once. One mutex, _mutex, guards
 // the tables; it is a leaf: nothing else is locked, no file touched and no callback run while it
