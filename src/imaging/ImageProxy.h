@@ -14,11 +14,6 @@
 // Thread contract: every member from any thread. The current image changes only with both the
 // proxy's _mutex (part of every full lock through the proxy) and _imageMutex held; code outside the
 // full lock reads it under _imageMutex alone, which nests inside _mutex and is a leaf.
-// Known gap: a graph built for a dependent of the proxy while the proxy is being pointed elsewhere
-// can find the proxy already on the new image although the full lock it holds covers the old
-// image's source (the full lock walks the dependencies before it takes the locks); that graph then
-// reads the new image without its source's lock, for the dependent's old version. Requests to the
-// proxy itself are safe: the proxy's version changes together with its image.
 
 #include "imaging/Image.h"
 #include "imaging/ImageSource.h"

@@ -126,14 +126,15 @@ ImageSource::Debug_OnStartProcessingSource() {
 
 // ---- locking and versions ----
 
-void ImageSource::executeFullLocked(const Function0<void>& f) const QOR_NO_THREAD_SAFETY_ANALYSIS {
-    // Breadth first from this source, each source once; the graph has no cycles, so every walk
-    // from a given source locks in the same order, from dependent to dependency.
-    std::vector<const ImageSource*> order{this};
-    std::unordered_set<const ImageSource*> seen{this};
-    std::vector<SharedPtr<ImageSource>> keep;  // holds the dependencies while they are locked
+namespace {
+
+// This source and its dependencies, breadth by breadth, each once. `keep` holds the dependencies.
+std::vector<const ImageSource*> dependencyWalk(const ImageSource* root,
+                                               std::vector<SharedPtr<ImageSource>>& keep) {
+    std::vector<const ImageSource*> order{root};
+    std::unordered_set<const ImageSource*> seen{root};
     for (size_t i = 0; i < order.size(); ++i) {
-        SourceList deps;
+        ImageSource::SourceList deps;
         order[i]->insertDependencies(deps);
         for (const SharedPtr<ImageSource>& dep : deps) {
             if (!dep || !seen.insert(dep.get()).second) continue;
@@ -141,14 +142,32 @@ void ImageSource::executeFullLocked(const Function0<void>& f) const QOR_NO_THREA
             order.push_back(dep.get());
         }
     }
-    for (const ImageSource* source : order) source->_mutex.lock();
-    struct Unlock {
-        std::vector<const ImageSource*>& order;
-        ~Unlock() {
-            for (auto it = order.rbegin(); it != order.rend(); ++it) (*it)->_mutex.unlock();
-        }
-    } unlock{order};
-    f();
+    return order;
+}
+
+}  // namespace
+
+void ImageSource::executeFullLocked(const Function0<void>& f) const QOR_NO_THREAD_SAFETY_ANALYSIS {
+    // Every walk from a given source locks in the same order, and the graph has no cycles, so the
+    // order is always from dependent to dependency. A source that changes its dependencies (a
+    // proxy pointed elsewhere) does so under its own mutex: a walk repeated with the locks held
+    // is stable, and when it differs from the one that was locked, the locks are given back and
+    // the walk starts again.
+    for (;;) {
+        std::vector<SharedPtr<ImageSource>> keep;
+        std::vector<const ImageSource*> order = dependencyWalk(this, keep);
+        for (const ImageSource* source : order) source->_mutex.lock();
+        struct Unlock {
+            std::vector<const ImageSource*>& order;
+            ~Unlock() {
+                for (auto it = order.rbegin(); it != order.rend(); ++it) (*it)->_mutex.unlock();
+            }
+        } unlock{order};
+        std::vector<SharedPtr<ImageSource>> keepAgain;
+        if (dependencyWalk(this, keepAgain) != order) continue;
+        f();
+        return;
+    }
 }
 
 void ImageSource::incrementVersionUnlocked() {
@@ -240,13 +259,17 @@ void ImageSource::getTiles(TileArray& out, const TileSet& tiles, bool cachedOnly
     if (cachedOnly || request->positions.empty()) return;
 
     request->out.assign(out.columns(), out.rows(), nullptr);
-    SharedPtr<RequestHandle> handle = requestTiles(
-        request->positions, std::make_shared<thread::DFSOrderScoreFunction>(),
+    // The fetched tiles are reported with the version they are requested at, which may be newer
+    // than the one the cache was asked for. A change after this point ends the request as
+    // outdated and leaves its tiles null.
+    const unsigned int requestVersion = version();
+    SharedPtr<RequestHandle> handle = requestTilesAtVersion(
+        request->positions, requestVersion, std::make_shared<thread::DFSOrderScoreFunction>(),
         [this, request](const ComputedTileInfo& cti) {
             tileNotify(&request->out, &request->positions, &request->finished, &request->error,
                        cti);
         },
-        true, ProgressCallback());
+        ProgressCallback());
     if (onRequest) onRequest(handle);
 
     thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
@@ -285,7 +308,7 @@ void ImageSource::getTiles(TileArray& out, const TileSet& tiles, bool cachedOnly
             const SharedPtr<const ImageTile>& tile = request->out(idx.x, idx.y);
             if (!tile) continue;
             out(idx.x, idx.y) = tile;
-            if (versions) (*versions)(idx.x, idx.y) = currentVersion;
+            if (versions) (*versions)(idx.x, idx.y) = requestVersion;
         }
     }
     if (error.errorOccurred)
@@ -341,7 +364,13 @@ SharedPtr<RequestHandle> ImageSource::requestTiles(const TileSet& tiles,
                                                    const SharedPtr<thread::JobScoreFunction>& score,
                                                    const TileCallback& tileCallback, bool,
                                                    const ProgressCallback& progress) {
-    return _merger->execute(selfRef(), tiles, version(), score, tileCallback, progress);
+    return requestTilesAtVersion(tiles, version(), score, tileCallback, progress);
+}
+
+SharedPtr<RequestHandle> ImageSource::requestTilesAtVersion(
+    const TileSet& tiles, unsigned int version, const SharedPtr<thread::JobScoreFunction>& score,
+    const TileCallback& tileCallback, const ProgressCallback& progress) {
+    return _merger->execute(selfRef(), tiles, version, score, tileCallback, progress);
 }
 
 void ImageSource::terminateAllTasks() { _merger->terminateAllTasks(); }

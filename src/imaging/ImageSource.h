@@ -211,6 +211,12 @@ protected:
 private:
     friend class TileComputationJob;
 
+    // requestTiles for a given version; a version that has passed ends the request as outdated.
+    SharedPtr<RequestHandle> requestTilesAtVersion(const TileSet& tiles, unsigned int version,
+                                                   const SharedPtr<thread::JobScoreFunction>& score,
+                                                   const TileCallback& tileCallback,
+                                                   const ProgressCallback& progress);
+
     // Copies `rect` (inside the image) out of `tiles` into `dst` at `offset`, mirrored as asked.
     static void assemblePiece(const TileLayout& layout, const Recti& rect, const TileArray& tiles,
                               TileIndex startTile, const SharedPtr<ImageTile>& dst, Vec2i offset,

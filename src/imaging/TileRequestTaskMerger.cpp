@@ -179,6 +179,7 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
                                   [this, &finalJobs](const SharedPtr<DependentJob>& job) {
                                       jobFinished(job, finalJobs);
                                   });
+                collectJoblessTiles(working, getters, cachedRecords);
             }
         }
     } catch (const ImagingException& e) {
@@ -244,6 +245,33 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
     merger->notifyTaskFinish(self);
 }
 
+void TileRequestTaskMerger::Task::collectJoblessTiles(
+    const std::vector<GenVec<int, 2>>& working, const std::vector<ImageSource::TileGetter>& getters,
+    std::vector<ComputedTileInfo>& records) {
+    // A tile that reached the cache between the look-up above and the full lock, or that a source
+    // answers from memory, comes back as a getter with no job behind it: no job delivers it, so
+    // it joins the tiles found in the cache. Tiles the jobs delivered are not sent twice.
+    if (getters.size() != working.size()) return;
+    TileSet delivered;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        if (_cancelled) return;
+        delivered.swap(_deliveredTiles);
+    }
+    for (size_t i = 0; i < working.size(); ++i) {
+        if (!getters[i] || delivered.count(working[i])) continue;
+        SharedPtr<const ImageTile> tile = getters[i]();
+        if (!tile) continue;
+        ComputedTileInfo info;
+        info.type = ComputedTileInfo::TileReady;
+        info.status = ComputedTileInfo::Success;
+        info.source = _source;
+        info.tile = tile;
+        info.pos = working[i];
+        records.push_back(info);
+    }
+}
+
 void TileRequestTaskMerger::Task::jobFinished(const SharedPtr<DependentJob>& job,
                                               const std::set<SharedPtr<DependentJob>>& finalJobs) {
     auto* isj = dynamic_cast<ImageSourceJob*>(job.get());
@@ -278,6 +306,8 @@ void TileRequestTaskMerger::Task::jobFinished(const SharedPtr<DependentJob>& job
         ScopedLock<Mutex> lock(_mutex);
         if (_cancelled) return;
         ++_delivering;
+        for (const ComputedTileInfo& record : records)
+            if (record.source == _source) _deliveredTiles.insert(record.pos);
     }
     deliver(records, progress, true);
     endDelivery();

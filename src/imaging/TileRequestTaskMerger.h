@@ -14,6 +14,7 @@
 // a task's mutex is never held while the merger's is taken, and the other way round.
 
 #include <set>
+#include <vector>
 
 #include "base/thread/DependentJobExecutor.h"
 #include "base/thread/JobScoreFunction.h"
@@ -28,6 +29,7 @@
 namespace qor::imaging {
 
 class ImageSource;
+class ImageTile;
 
 class TileRequestTaskMerger {
 public:
@@ -97,6 +99,10 @@ public:
         // Calls every wanted handle with each record, the lock open around each callback.
         void deliver(const std::vector<ComputedTileInfo>& records, double progress,
                      bool withProgress);
+        // Adds to `records` the tiles of `working` whose getters give a tile no job delivered.
+        void collectJoblessTiles(const std::vector<GenVec<int, 2>>& working,
+                                 const std::vector<Function0<SharedPtr<const ImageTile>>>& getters,
+                                 std::vector<ComputedTileInfo>& records);
         void runDeferredCancels();
         // Ends one delivery; the last one running carries out the deferred cancellations.
         void endDelivery();
@@ -118,6 +124,8 @@ public:
         thread::DependentJobExecutor _executor;
         HandleSet _taskHandles QOR_GUARDED_BY(_mutex);
         HandleSet _cancelWhileDelivering QOR_GUARDED_BY(_mutex);
+        // Positions of this source that the jobs have delivered.
+        TileSet _deliveredTiles QOR_GUARDED_BY(_mutex);
         // Deliveries running outside the lock (jobs of one task finish on several threads).
         int _delivering QOR_GUARDED_BY(_mutex) = 0;
     };

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <future>
 #include <limits>
@@ -210,6 +212,47 @@ TEST(ImageProxy, RetargetServesTheNewImageUnderTheProxy) {
     EXPECT_THROW(proxy->setImage(Image::create(a)->getSubImage(Recti(0, 0, 50, 40))), Exception);
     EXPECT_THROW(proxy->setImage(nullptr), Exception);
     EXPECT_EQ(proxy->image(), b);
+}
+
+// A graph built for a reader of the proxy while the proxy is pointed back and forth must hold the
+// lock of whichever image it reads: the builders read each input's caching flag, which the third
+// thread writes under that input's lock (a race the thread sanitizer reports).
+TEST(ImageProxyThreads, RetargetingWhileDependentsBuildGraphsKeepsTheirLocks) {
+    auto a = ProceduralSource::create({64, 64}, {32, 32}, PfRGBA8);
+    auto b = ProceduralSource::create({64, 64}, {32, 32}, PfRGBA8);
+    auto proxy = ImageProxy::create(Image::create(a));
+    auto scaled = ScaledImageSource::create(Image::create(proxy), 0.5);
+    const TileSet tiles = allTiles(scaled->tileLayout());
+
+    std::atomic<bool> done{false};
+    std::atomic<int> served{0}, badTiles{0};
+    auto reader = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 300; ++i) {
+            // A retarget during the request may leave it outdated: its tiles stay null.
+            const ImageSource::TileArray out = scaled->getTiles(tiles, false, nullptr, {});
+            for (const auto& idx : tiles) {
+                const SharedPtr<const ImageTile>& tile = out(idx.x, idx.y);
+                if (!tile) continue;
+                ++served;
+                if (tile->size() != scaled->getTileRect(idx.x, idx.y).size()) ++badTiles;
+            }
+        }
+        done = true;
+    });
+    auto flipper = std::async(std::launch::async, [&] {
+        for (bool toA = false; !done; toA = !toA) proxy->setImage(Image::create(toA ? a : b));
+    });
+    auto toggler = std::async(std::launch::async, [&] {
+        for (bool on = false; !done; on = !on) {
+            a->enableCaching(on);
+            b->enableCaching(on);
+        }
+    });
+    ASSERT_EQ(reader.wait_for(std::chrono::seconds(120)), std::future_status::ready);
+    flipper.get();
+    toggler.get();
+    EXPECT_GT(served.load(), 0);
+    EXPECT_EQ(badTiles.load(), 0);
 }
 
 TEST(ImagePyramid, HalvesDownToOneTileAndPicksTheSmallestSufficientLevel) {

@@ -172,6 +172,38 @@ TEST_F(MergerTest, SameRequestAfterTheFirstStartedRunsAgainFromTheCache) {
     for (const ComputedTileInfo& r : second.tiles()) EXPECT_EQ(r.tile, firstTiles[r.pos]);
 }
 
+// Answers the tiles of column 0 from memory while the graph is built: a getter with no job.
+class MemoryColumnSource : public GradientSource {
+public:
+    static SharedPtr<MemoryColumnSource> create() {
+        auto* source = new MemoryColumnSource();
+        return std::static_pointer_cast<MemoryColumnSource>(source->setupSelfRef());
+    }
+    TileGetter computeJobsUnlocked(unsigned int x, unsigned int y, JobSet& jobs,
+                                   thread::DependentJobMerger& merger) override {
+        if (x != 0) return GradientSource::computeJobsUnlocked(x, y, jobs, merger);
+        SharedPtr<const ImageTile> tile = computeTileData(x, y);
+        return [tile] { return tile; };
+    }
+
+private:
+    MemoryColumnSource() : GradientSource({128, 128}, {32, 32}, true) {}
+};
+
+TEST(TileRequestTaskMerger, TilesAnsweredWithoutAJobAreDeliveredOnceWithTheOthers) {
+    CacheGuard cache;
+    SharedPtr<MemoryColumnSource> source = MemoryColumnSource::create();
+    Recorder recorder;
+    source->requestTiles(kSquare, dfsOrder(), recorder.callback(), true, {});
+    ASSERT_TRUE(recorder.waitEnded());
+    EXPECT_EQ(recorder.tileCounts(), eachOnce(kSquare));
+    expectEnd(recorder, ComputedTileInfo::Success);
+    for (const ComputedTileInfo& r : recorder.tiles()) {
+        ASSERT_TRUE(r.tile);
+        EXPECT_EQ(gradientMismatches(*r.tile, source->getTileRect(r.pos.x, r.pos.y)), 0);
+    }
+}
+
 // ---- cancelling ----
 
 TEST_F(MergerTest, CancellingOneOfTwoMergedHandlesLeavesTheOther) {
