@@ -94,7 +94,8 @@ public:
     virtual bool selfCheck() = 0;
     // 17
     virtual GPUMemoryInfo memoryInfo() const = 0;
-    // 18-19: shader programs. Null while the shader layer is not part of the build.
+    // 18-19: shader programs. The file form finds "vertexFile.glsl" and "fragmentFile.glsl"
+    // through the search paths and throws Exception when it cannot build the program.
     virtual SharedPtr<Shader> createShader(const std::string& vertexFile,
                                            const std::string& fragmentFile,
                                            const std::string& defines) = 0;
@@ -118,6 +119,11 @@ public:
     virtual bool isRenderable(RawPixelFormat format) const = 0;
     // 28: the largest texture the driver makes.
     virtual Vec2i maxTextureSize() const = 0;
+
+    // The program of one file holding both stages, as createShader(name, name, defines).
+    SharedPtr<Shader> createShader(const std::string& name, const std::string& defines) {
+        return createShader(name, name, defines);
+    }
 
     // Whether shader files are read in their enciphered form.
     void setUseEncodedShaders(bool on) { _useEncodedShaders = on; }

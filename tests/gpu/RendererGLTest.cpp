@@ -189,12 +189,6 @@ TEST_F(RendererGLTest, ChoosesFormatsTheDriverRenders) {
     }
 }
 
-TEST_F(RendererGLTest, SlotsOfLaterLayersSayTheyAreNotThere) {
-    LogCapture log;
-    EXPECT_FALSE(_renderer->createShader("filters/a", "filters/b", ""));
-    EXPECT_EQ(log.count("not available yet"), 1u);
-}
-
 TEST_F(RendererGLTest, TellsTheImageLayerTheLargestTexture) {
     const Vec2i saved = ImageSource::getGPUPreferredTileSize();
     const int beyond = _renderer->maxTextureSize().x * 2;

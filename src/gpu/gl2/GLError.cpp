@@ -12,7 +12,7 @@ struct SimulatedError {
     GLenum error = GL_NO_ERROR;
     int times = 0;
 };
-SimulatedError g_simulated[2];  // by GLErrorCheck; GL thread only
+SimulatedError g_simulated[3];  // by GLErrorCheck; GL thread only
 }  // namespace
 
 namespace testing {

@@ -10,6 +10,7 @@ namespace qor::gpu {
 enum class GLErrorCheck {
     TextureAllocation,
     Transfer,
+    ShaderLink,
 };
 
 // The text GLU gives for an error code ("invalid enumerant", "out of memory" ...); null for a

@@ -12,7 +12,7 @@ namespace qor::gpu::testing {
 
 // The next `times` error checks at `site` report `error`, whatever GL says: TextureAllocation
 // is the check after glTexImage2D in the texture cache, Transfer the one after an upload or a
-// read-back of texture data.
+// read-back of texture data, ShaderLink the one after a shader program is linked.
 void simulateGLError(GLErrorCheck site, GLenum error, int times);
 // Drops every pending simulated error.
 void clearSimulatedGLErrors();

@@ -11,6 +11,7 @@
 #include "gpu/detail/SystemQueries.h"
 #include "gpu/gl2/FramebufferObject.h"
 #include "gpu/gl2/RenderTargetGL.h"
+#include "gpu/gl2/ShaderGL.h"
 #include "gpu/gl2/TextureGL.h"
 #include "gpu/gl2/glw.h"
 #include "imaging/RawImageStorage.h"
@@ -40,10 +41,6 @@ std::string extensionString() {
         all += reinterpret_cast<const char*>(name);
     }
     return all;
-}
-
-void logNotAvailable(const char* what) {
-    QOR_LOG(LogWarning, "RendererGL: %* not available yet", what);
 }
 
 }  // namespace
@@ -113,6 +110,7 @@ RendererGL::RendererGL(GLContextType) {
 }
 
 RendererGL::~RendererGL() {
+    _shaders.clear();
     FramebufferObject::releasePool();
     QOR_LOG(LogInfo, "glwShutdown()");
     glwShutdown();
@@ -384,18 +382,6 @@ bool RendererGL::selfCheck() {
         return false;
     }
     return true;
-}
-
-SharedPtr<Shader> RendererGL::createShader(const std::string&, const std::string&,
-                                           const std::string&) {
-    logNotAvailable("createShader: shaders are");
-    return nullptr;
-}
-
-SharedPtr<Shader> RendererGL::createShaderFromSource(const std::string&, const std::string&,
-                                                     const std::string&) {
-    logNotAvailable("createShaderFromSource: shaders are");
-    return nullptr;
 }
 
 void RendererGL::collectGarbage() {

@@ -11,6 +11,7 @@
 #include <epoxy/gl.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,7 @@
 
 namespace qor::gpu {
 
+class ShaderGL;
 class TextureGL;
 
 class RendererGL : public Renderer {
@@ -61,8 +63,14 @@ public:
                      const SharedPtr<Texture>& destination) override;
     bool selfCheck() override;
     GPUMemoryInfo memoryInfo() const override;
+    using Renderer::createShader;
+    // Returns the program kept under the key vertexFile "$$$$" fragmentFile defines, or builds
+    // it from the files (see ShaderGL.h). Throws Exception when a file is missing or unreadable
+    // or the program does not compile; after ten GL_OUT_OF_MEMORY attempts "FAILED TO CREATE
+    // SHADER: " and the name.
     SharedPtr<Shader> createShader(const std::string& vertexFile, const std::string& fragmentFile,
                                    const std::string& defines) override;
+    // Compiles the two sources as they are; not kept.
     SharedPtr<Shader> createShaderFromSource(const std::string& vertexSource,
                                              const std::string& fragmentSource,
                                              const std::string& name) override;
@@ -108,6 +116,14 @@ private:
     void computeTextureCapabilities();
     void checkRenderTargetCapabilities();
     bool renderTestColour(GLuint fbo, GLenum internalFormat);
+    // Compiles and links, retrying after GL_OUT_OF_MEMORY (see createShader).
+    SharedPtr<ShaderGL> compileShader(const std::string& name, const std::string& vertexSource,
+                                      const std::string& fragmentSource);
+    // The source of a shader file as compiled: header, common part and the file.
+    std::string assembleSource(const std::string& file, const std::string& defines,
+                               bool isFragment) const;
+    // Reads a file found through the search paths, decoded when encoded shaders are in use.
+    std::string readShaderFile(const std::string& name) const;
     // Asserts "size.x <= _maxTextureSize.x && size.y <= _maxTextureSize.y".
     bool checkSize(const Vec2i& size) const;
     SharedPtr<TextureGL> makeTexture(const Vec2i& size, RawPixelFormat format,
@@ -133,6 +149,8 @@ private:
     unsigned _systemInfoBits = 0;
     unsigned _textureCapabilities = 0;
     std::uint64_t _memoryUsage = 0;
+    // Programs made from files, by key.
+    std::map<std::string, SharedPtr<ShaderGL>> _shaders;
 };
 
 }  // namespace qor::gpu

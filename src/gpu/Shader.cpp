@@ -1,0 +1,7 @@
+#include "gpu/Shader.h"
+
+namespace qor::gpu {
+
+Shader::~Shader() = default;
+
+}  // namespace qor::gpu
