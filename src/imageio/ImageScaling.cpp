@@ -84,9 +84,11 @@ SharedPtr<Image4ub> areaAverage(const Image4ub& src, int tw, int th) {
                 for (int c = 0; c < 4; ++c) acc[4 * ox + c] += wy * sum[c];
             }
         }
+        // A mean of samples from 0 to 255 with weights that sum to 1: never negative, so adding
+        // a half and truncating rounds it (and, unlike lround, vectorises).
         unsigned char* d = out->row(oy);
         for (size_t i = 0; i < acc.size(); ++i)
-            d[i] = static_cast<unsigned char>(std::clamp(std::lround(acc[i]), 0L, 255L));
+            d[i] = static_cast<unsigned char>(int(std::min(acc[i] + 0.5f, 255.0f)));
     }
     return out;
 }

@@ -113,6 +113,91 @@ TEST(JpegCodec, TruncatedFileGivesAFullSizePartialImage) {
     EXPECT_EQ(maxDifference(*fromMemory, *partial), 0);
 }
 
+// The picture as plain libjpeg gives it in RGB, one scanline a call, with the decoder's settings
+// for `quality` and the reduction 1/`denominator`.
+ImagePtr libjpegRgb(const Bytes& jpeg, ImageQuality quality, unsigned denominator) {
+    jpeg_decompress_struct c;
+    jpeg_error_mgr err;
+    c.err = jpeg_std_error(&err);
+    jpeg_create_decompress(&c);
+    jpeg_mem_src(&c, jpeg.data(), static_cast<unsigned long>(jpeg.size()));
+    jpeg_read_header(&c, TRUE);
+    c.scale_num = 1;
+    c.scale_denom = denominator;
+    c.out_color_space = JCS_RGB;
+    c.dct_method = quality == ImageQualityBest ? JDCT_FLOAT : JDCT_IFAST;
+    c.do_fancy_upsampling = FALSE;
+    c.do_block_smoothing = FALSE;
+    jpeg_start_decompress(&c);
+    ImagePtr image = Image4ub::create(int(c.output_width), int(c.output_height));
+    std::vector<unsigned char> line(size_t(c.output_width) * 3);
+    while (c.output_scanline < c.output_height) {
+        unsigned char* out = image->row(int(c.output_scanline));
+        JSAMPROW row = line.data();
+        jpeg_read_scanlines(&c, &row, 1);
+        for (size_t x = 0; x < c.output_width; ++x) {
+            std::memcpy(out + 4 * x, &line[3 * x], 3);
+            out[4 * x + 3] = 255;
+        }
+    }
+    jpeg_finish_decompress(&c);
+    jpeg_destroy_decompress(&c);
+    return image;
+}
+
+TEST(JpegCodec, DecodesTheSamePixelsAsLibjpegInRgb) {
+    // Odd sizes, so that the chroma of 4:2:0 and 4:2:2 ends in half blocks; the decoder writes
+    // RGBA rows straight from libjpeg, several at a time.
+    auto textured = [](int width, int height, int hSampling, int vSampling) {
+        jpeg_compress_struct c;
+        jpeg_error_mgr err;
+        c.err = jpeg_std_error(&err);
+        jpeg_create_compress(&c);
+        unsigned char* buffer = nullptr;
+        unsigned long size = 0;
+        jpeg_mem_dest(&c, &buffer, &size);
+        c.image_width = JDIMENSION(width);
+        c.image_height = JDIMENSION(height);
+        c.input_components = 3;
+        c.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&c);
+        c.comp_info[0].h_samp_factor = hSampling;
+        c.comp_info[0].v_samp_factor = vSampling;
+        jpeg_start_compress(&c, TRUE);
+        std::vector<unsigned char> row(size_t(width) * 3);
+        while (c.next_scanline < c.image_height) {
+            const int y = int(c.next_scanline);
+            for (int x = 0; x < width; ++x) {
+                row[3 * x] = static_cast<unsigned char>(x * 7 + y * 3);
+                row[3 * x + 1] = static_cast<unsigned char>((x ^ y) * 5);
+                row[3 * x + 2] = static_cast<unsigned char>(y * 11 - x);
+            }
+            JSAMPROW rows[1] = {row.data()};
+            jpeg_write_scanlines(&c, rows, 1);
+        }
+        jpeg_finish_compress(&c);
+        jpeg_destroy_compress(&c);
+        Bytes out(buffer, buffer + size);
+        std::free(buffer);
+        return out;
+    };
+    for (const auto& [h, v] : {std::pair(2, 2), std::pair(2, 1), std::pair(1, 1)}) {
+        const Bytes jpeg = textured(203, 77, h, v);
+        for (const ImageQuality quality : {ImageQualityFast, ImageQualityBest}) {
+            ImagePtr ours = decodeBytes(jpeg, Vec2i(0, 0), quality);
+            ASSERT_TRUE(ours);
+            EXPECT_EQ(maxDifference(*ours, *libjpegRgb(jpeg, quality, 1)), 0)
+                << h << "x" << v << " quality " << quality;
+        }
+        // A width of 100, below half of 203: libjpeg's 1/2 reduction, then our final reduction.
+        ImagePtr half = decodeBytes(jpeg, Vec2i(100, 1000), ImageQualityFast);
+        ASSERT_TRUE(half);
+        ImagePtr expected = scaleTrilinear_destructive(libjpegRgb(jpeg, ImageQualityFast, 2), 100,
+                                                       1000, ScaleFitInside);
+        EXPECT_EQ(maxDifference(*half, *expected), 0) << h << "x" << v;
+    }
+}
+
 TEST(JpegCodec, NonJpegDataFailsWithOneLogLine) {
     const Bytes junk(500, 0x42);
     LogCapture log;
