@@ -1,0 +1,79 @@
+#pragma once
+// BatchDrawer: collects geometry in front of another drawer, so that many small shapes with the
+// same ShadingState reach it as one draw. There are two batches, for 2- and 4-component texture
+// coordinates; each holds points, texture coordinates, colours and indices of one state and one
+// kind of primitive (triangles, or lines: line strips become line pairs).
+//
+// Order: a draw into one batch first flushes the other; a draw with another state or kind
+// flushes its own batch first; every other operation (end, clipping, clear, viewport, ortho,
+// readPixels) flushes both and then forwards. So what is drawn keeps its order.
+//
+// Ownership: holds the wrapped drawer by SharedPtr (setDrawer). Thread contract: that of the
+// wrapped drawer, the GL thread.
+
+#include "gpu/Drawer.h"
+
+namespace qor::gpu {
+
+class BatchDrawer : public Drawer {
+public:
+    BatchDrawer() = default;
+    explicit BatchDrawer(const SharedPtr<Drawer>& drawer) : _drawer(drawer) {}
+
+    void setDrawer(const SharedPtr<Drawer>& drawer);
+    const SharedPtr<Drawer>& drawer() const { return _drawer; }
+
+    // Asserts that both batches are empty and flushed.
+    void begin() override;
+    void end() override;
+    void setClipping(const Recti& rect, bool enabled) override;
+    void clear(float r, float g, float b, float a) override;
+    void setViewport(const Recti& rect) override;
+    void setOrtho(const Rectf& area, float zNear, float zFar) override;
+    void readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) override;
+
+    void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
+                   const Colors& colors, const ShadingState& state) override;
+    void drawArray(Primitive primitive, const Points& points, const TexCoords4& texCoords,
+                   const Colors& colors, const ShadingState& state) override;
+    void drawIndices(Primitive primitive, const Points& points, const TexCoords2& texCoords,
+                     const Colors& colors, const Indices& indices,
+                     const ShadingState& state) override;
+    void drawIndices(Primitive primitive, const Points& points, const TexCoords4& texCoords,
+                     const Colors& colors, const Indices& indices,
+                     const ShadingState& state) override;
+
+    // Hands both batches to the wrapped drawer: the 2-component one, then the 4-component one.
+    void flushAll();
+
+    // Points waiting in the batches.
+    std::size_t pendingPoints() const {
+        return _tex2dBatch._points.size() + _tex4dBatch._points.size();
+    }
+
+private:
+    template <class TexCoord>
+    struct Batch {
+        Points _points;
+        std::vector<TexCoord> _texCoords;  // parallel to _points, zero where a shape had none
+        Colors _colors;                    // parallel to _points
+        Indices _indices;
+        ShadingState _state;
+        Primitive _primitive = PrimTriangles;
+        bool _hasTexCoords = false;
+        bool _flushed = true;
+    };
+
+    template <class TexCoord, class Other>
+    void append(Batch<TexCoord>& batch, Batch<Other>& other, Primitive primitive,
+                const Points& points, const std::vector<TexCoord>& texCoords, const Colors& colors,
+                const Indices* indices, const ShadingState& state);
+    template <class TexCoord>
+    void flush(Batch<TexCoord>& batch);
+
+    SharedPtr<Drawer> _drawer;
+    Batch<Vec2f> _tex2dBatch;
+    Batch<Vec4f> _tex4dBatch;
+};
+
+}  // namespace qor::gpu
