@@ -149,37 +149,16 @@ TEST(JpegCodec, DecodesTheSamePixelsAsLibjpegInRgb) {
     // Odd sizes, so that the chroma of 4:2:0 and 4:2:2 ends in half blocks; the decoder writes
     // RGBA rows straight from libjpeg, several at a time.
     auto textured = [](int width, int height, int hSampling, int vSampling) {
-        jpeg_compress_struct c;
-        jpeg_error_mgr err;
-        c.err = jpeg_std_error(&err);
-        jpeg_create_compress(&c);
-        unsigned char* buffer = nullptr;
-        unsigned long size = 0;
-        jpeg_mem_dest(&c, &buffer, &size);
-        c.image_width = JDIMENSION(width);
-        c.image_height = JDIMENSION(height);
-        c.input_components = 3;
-        c.in_color_space = JCS_RGB;
-        jpeg_set_defaults(&c);
-        c.comp_info[0].h_samp_factor = hSampling;
-        c.comp_info[0].v_samp_factor = vSampling;
-        jpeg_start_compress(&c, TRUE);
-        std::vector<unsigned char> row(size_t(width) * 3);
-        while (c.next_scanline < c.image_height) {
-            const int y = int(c.next_scanline);
-            for (int x = 0; x < width; ++x) {
-                row[3 * x] = static_cast<unsigned char>(x * 7 + y * 3);
-                row[3 * x + 1] = static_cast<unsigned char>((x ^ y) * 5);
-                row[3 * x + 2] = static_cast<unsigned char>(y * 11 - x);
-            }
-            JSAMPROW rows[1] = {row.data()};
-            jpeg_write_scanlines(&c, rows, 1);
-        }
-        jpeg_finish_compress(&c);
-        jpeg_destroy_compress(&c);
-        Bytes out(buffer, buffer + size);
-        std::free(buffer);
-        return out;
+        return encodeJpeg(
+            width, height, 3, JCS_RGB, 75,
+            [&](int y, unsigned char* row) {
+                for (int x = 0; x < width; ++x) {
+                    row[3 * x] = static_cast<unsigned char>(x * 7 + y * 3);
+                    row[3 * x + 1] = static_cast<unsigned char>((x ^ y) * 5);
+                    row[3 * x + 2] = static_cast<unsigned char>(y * 11 - x);
+                }
+            },
+            false, false, {hSampling, vSampling});
     };
     for (const auto& [h, v] : {std::pair(2, 2), std::pair(2, 1), std::pair(1, 1)}) {
         const Bytes jpeg = textured(203, 77, h, v);

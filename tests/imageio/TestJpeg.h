@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 // jpeglib.h needs size_t and FILE declared before it.
@@ -24,11 +25,13 @@ namespace qor::imageio::testing {
 using Bytes = std::vector<uint8_t>;
 
 // A JPEG of `components` samples a pixel in colour space `space` (grey, RGB, CMYK ...), optionally
-// progressive or with a restart marker every row; `fill(y, row)` gives the samples of each row.
-// libjpeg's defaults otherwise (CMYK is stored as Adobe writes it).
+// progressive or with a restart marker every row, and with the first component sampled at
+// `lumaSampling` (horizontal, vertical; 0 keeps libjpeg's 2 x 2); `fill(y, row)` gives the samples
+// of each row. libjpeg's defaults otherwise (CMYK is stored as Adobe writes it).
 inline Bytes encodeJpeg(int width, int height, int components, J_COLOR_SPACE space, int quality,
                         const std::function<void(int, unsigned char*)>& fill,
-                        bool progressive = false, bool restarts = false) {
+                        bool progressive = false, bool restarts = false,
+                        std::pair<int, int> lumaSampling = {0, 0}) {
     jpeg_compress_struct c;
     jpeg_error_mgr err;
     c.err = jpeg_std_error(&err);
@@ -44,6 +47,10 @@ inline Bytes encodeJpeg(int width, int height, int components, J_COLOR_SPACE spa
     jpeg_set_quality(&c, quality, TRUE);
     if (progressive) jpeg_simple_progression(&c);
     if (restarts) c.restart_in_rows = 1;
+    if (lumaSampling.first > 0) {
+        c.comp_info[0].h_samp_factor = lumaSampling.first;
+        c.comp_info[0].v_samp_factor = lumaSampling.second;
+    }
     jpeg_start_compress(&c, TRUE);
     std::vector<unsigned char> row(static_cast<size_t>(width) * components);
     while (c.next_scanline < c.image_height) {

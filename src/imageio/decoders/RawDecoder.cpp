@@ -59,7 +59,7 @@ SharedPtr<Rgba8Image> fromBitmap(const libraw_processed_image_t& bitmap,
     for (int y = 0; y < bitmap.height; ++y) {
         unsigned char* out = image->row(y);
         for (int x = 0; x < bitmap.width; ++x) {
-            unsigned char sample[3];
+            unsigned char sample[3] = {0, 0, 0};
             for (int c = 0; c < colors; ++c, in += bytes) {
                 // 16-bit samples are in the machine's byte order; keep the high byte.
                 sample[c] = bytes == 2 ? uint8_t(*reinterpret_cast<const uint16_t*>(in) >> 8) : *in;
