@@ -197,7 +197,7 @@ void ShaderGL::setUniform(int index, const SharedPtr<Texture>& texture) {
 void ShaderGL::bindTextures() const {
     for (const Uniform& u : _uniforms) {
         if (u.type != Uniform::Texture2d) continue;
-        if (auto gl = dynamic_ptr_cast<TextureGL>(u.texture))
+        if (auto gl = dynamic_ptr_cast<TextureGL>(u.texture.lock()))
             glwBindTexture(u.unit, gl->target(), gl->id());
     }
 }

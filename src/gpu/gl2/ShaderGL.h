@@ -34,7 +34,8 @@ public:
         bool known = false;
         float floats[4] = {0, 0, 0, 0};
         int ints[4] = {0, 0, 0, 0};
-        SharedPtr<Texture> texture;
+        // Not owned: a program kept by the renderer must not keep textures alive.
+        WeakSharedPtr<Texture> texture;
         unsigned unit = 0;  // Texture2d: the unit it samples
     };
 
@@ -58,7 +59,7 @@ public:
     GLuint program() const { return _program; }
     const std::vector<Uniform>& uniforms() const { return _uniforms; }
     // Binds the textures set on the program's sampler uniforms to their units again (after a
-    // drawer cleared the units).
+    // drawer cleared the units); textures that have gone are skipped.
     void bindTextures() const;
 
 private:
