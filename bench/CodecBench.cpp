@@ -13,7 +13,6 @@
 // folder under $TMPDIR, and read from the page cache.
 
 #include <benchmark/benchmark.h>
-#include <exiv2/exiv2.hpp>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -22,9 +21,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <exiv2/exiv2.hpp>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -257,7 +257,9 @@ BENCHMARK(metadataOurs)->Name("Metadata/Ours")->UseRealTime();
 BENCHMARK_CAPTURE(metadataPeer, Exiftool, {"exiftool", "-fast", "-q"})
     ->Name("Metadata/Exiftool")
     ->UseRealTime();
-BENCHMARK_CAPTURE(metadataPeer, Exiv2, {"exiv2", "-pa", "pr"})->Name("Metadata/Exiv2")->UseRealTime();
+BENCHMARK_CAPTURE(metadataPeer, Exiv2, {"exiv2", "-pa", "pr"})
+    ->Name("Metadata/Exiv2")
+    ->UseRealTime();
 
 // ---- checksum ----
 

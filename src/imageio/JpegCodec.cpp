@@ -122,8 +122,7 @@ bool allocateTarget(DecodeState& s, const math::Recti& roi, const std::string& n
             return false;
         }
     }
-    if (!s.roi.empty() || s.cmyk)
-        s.line.resize(size_t(width) * size_t(s.cinfo.output_components));
+    if (!s.roi.empty() || s.cmyk) s.line.resize(size_t(width) * size_t(s.cinfo.output_components));
     s.image = s.roi.empty() ? Image4ub::create(width, height)
                             : Image4ub::create(s.roi.width(), s.roi.height());
     adviseHugePages(*s.image);

@@ -149,16 +149,15 @@ TEST(JpegCodec, DecodesTheSamePixelsAsLibjpegInRgb) {
     // Odd sizes, so that the chroma of 4:2:0 and 4:2:2 ends in half blocks; the decoder writes
     // RGBA rows straight from libjpeg, several at a time.
     auto textured = [](int width, int height, int hSampling, int vSampling) {
-        return encodeJpeg(
-            width, height, 3, JCS_RGB, 75,
-            [&](int y, unsigned char* row) {
-                for (int x = 0; x < width; ++x) {
-                    row[3 * x] = static_cast<unsigned char>(x * 7 + y * 3);
-                    row[3 * x + 1] = static_cast<unsigned char>((x ^ y) * 5);
-                    row[3 * x + 2] = static_cast<unsigned char>(y * 11 - x);
-                }
-            },
-            false, false, {hSampling, vSampling});
+        return encodeJpeg(width, height, 3, JCS_RGB, 75,
+                          [&](int y, unsigned char* row) {
+                              for (int x = 0; x < width; ++x) {
+                                  row[3 * x] = static_cast<unsigned char>(x * 7 + y * 3);
+                                  row[3 * x + 1] = static_cast<unsigned char>((x ^ y) * 5);
+                                  row[3 * x + 2] = static_cast<unsigned char>(y * 11 - x);
+                              }
+                          },
+                          false, false, {hSampling, vSampling});
     };
     for (const auto& [h, v] : {std::pair(2, 2), std::pair(2, 1), std::pair(1, 1)}) {
         const Bytes jpeg = textured(203, 77, h, v);

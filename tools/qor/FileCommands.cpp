@@ -1,24 +1,22 @@
 // The file commands:
-//   qor info [--json] FILE...       item type, item checksum, typed metadata fields and raw metadata
-//                                   map of image and video files
+//   qor info [--json] FILE...   item type, item checksum, typed metadata fields and raw metadata
+//                               map of image and video files
 //   qor thumb FILE [--size WxH] -o OUT
-//                                   a thumbnail fitted inside W x H, written as JPEG or BMP by OUT's
-//                                   extension; from a JPEG's EXIF thumbnail when that is large
-//                                   enough
-//   qor checksum FILE...            the item checksum of each file
+//                               a thumbnail fitted inside W x H, written as JPEG or BMP by OUT's
+//                               extension; from a JPEG's EXIF thumbnail when that fills the box
+//   qor checksum FILE...        the item checksum of each file
 //
 // A bad file (missing, empty, truncated, not an image) gives one line on standard error, and the
 // command goes on with the next; the exit status is 1 when any file was bad. The library's own log
-// lines are held back while a file is read: the first warning among them (or, when nothing came out,
-// the first line at all) is the reason given on that one line. A file counts as bad when nothing
-// could be read from it or the library warned while reading it (a truncated JPEG decodes to a
-// partial picture with a warning). Everything runs on the main thread.
-
-#include <nlohmann/json.hpp>
+// lines are held back while a file is read: the first warning among them (or, when nothing came
+// out, the first line at all) is the reason given on that one line. A file counts as bad when
+// nothing could be read from it or the library warned while reading it (a truncated JPEG decodes to
+// a partial picture with a warning). Everything runs on the main thread.
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -43,10 +41,14 @@ using Vec2i = math::GenVec<int, 2>;
 
 const char* itemTypeName(imageio::ItemType type) {
     switch (type) {
-        case imageio::ItemTypeImage: return "image";
-        case imageio::ItemTypeVideo: return "video";
-        case imageio::ItemTypeRaw: return "raw";
-        default: return "unknown";
+        case imageio::ItemTypeImage:
+            return "image";
+        case imageio::ItemTypeVideo:
+            return "video";
+        case imageio::ItemTypeRaw:
+            return "raw";
+        default:
+            return "unknown";
     }
 }
 
@@ -123,14 +125,22 @@ MetadataValue fieldValue(const Metadata& metadata, MetadataField field) {
         return metadata.get(field, value) ? MetadataValue(value) : MetadataValue();
     };
     switch (imageio::fieldDataType(field)) {
-        case imageio::MdtInt: return read(0);
-        case imageio::MdtVec2i: return read(imageio::Vec2i());
-        case imageio::MdtDouble: return read(0.0);
-        case imageio::MdtVec3d: return read(imageio::Vec3d());
-        case imageio::MdtString: return read(FastString<char>());
-        case imageio::MdtTime: return read(Timestamp());
-        case imageio::MdtDigest: return read(Digest());
-        case imageio::MdtUnknown: break;
+        case imageio::MdtInt:
+            return read(0);
+        case imageio::MdtVec2i:
+            return read(imageio::Vec2i());
+        case imageio::MdtDouble:
+            return read(0.0);
+        case imageio::MdtVec3d:
+            return read(imageio::Vec3d());
+        case imageio::MdtString:
+            return read(FastString<char>());
+        case imageio::MdtTime:
+            return read(Timestamp());
+        case imageio::MdtDigest:
+            return read(Digest());
+        case imageio::MdtUnknown:
+            break;
     }
     return MetadataValue();
 }
@@ -187,14 +197,18 @@ void printItem(const std::string& file, const ItemInfo& item) {
 
 Json jsonValue(const MetadataValue& value) {
     switch (value.type()) {
-        case imageio::MdtInt: return value.getInt();
-        case imageio::MdtVec2i: return Json::array({value.getVec2i().x, value.getVec2i().y});
-        case imageio::MdtDouble: return value.getDouble();
+        case imageio::MdtInt:
+            return value.getInt();
+        case imageio::MdtVec2i:
+            return Json::array({value.getVec2i().x, value.getVec2i().y});
+        case imageio::MdtDouble:
+            return value.getDouble();
         case imageio::MdtVec3d: {
             const imageio::Vec3d v = value.getVec3d();
             return Json::array({v.x, v.y, v.z});
         }
-        default: return valueText(value);  // strings, times in ISO form, digests in hex
+        default:
+            return valueText(value);  // strings, times in ISO form, digests in hex
     }
 }
 

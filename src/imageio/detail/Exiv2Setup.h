@@ -1,6 +1,6 @@
 #pragma once
-// One-time set-up of Exiv2 for the whole process, and the opening of images, shared by every imageio
-// user of Exiv2.
+// One-time set-up of Exiv2 for the whole process, and the opening of images, shared by every
+// imageio user of Exiv2.
 
 #include <cstddef>
 #include <cstdint>
