@@ -105,6 +105,79 @@ T toElement(double m) {
     }
 }
 
+// True when every tap weighs exactly 1: each output pixel covers whole input pixels only, as for
+// every integer reduction factor (halving included).
+bool unitWeights(const AxisMap& map) {
+    return std::all_of(map.taps.begin(), map.taps.end(), [](const Tap& t) { return t.weight == 1.0; });
+}
+
+// A stretch of x taps that read consecutive pixels of one tile: taps [tap, tap + count) read
+// local columns [local, local + count) of tile column `tile`.
+struct TapRun {
+    int tile;
+    int local;
+    size_t tap;
+    size_t count;
+};
+
+std::vector<TapRun> tapRuns(const AxisMap& xs) {
+    std::vector<TapRun> runs;
+    for (size_t t = 0; t < xs.taps.size(); ++t) {
+        const Tap& tap = xs.taps[t];
+        if (!runs.empty()) {
+            TapRun& last = runs.back();
+            if (last.tile == tap.tile && last.local + int(last.count) == tap.local) {
+                ++last.count;
+                continue;
+            }
+        }
+        runs.push_back(TapRun{tap.tile, tap.local, t, 1});
+    }
+    return runs;
+}
+
+// The output rows of an unsigned format under unit weights, summed in integers of type A: the sums
+// are the same whole numbers that the double path adds up, and floor(sum / area + 1/2) is taken
+// exactly, so the pixels equal the double path's bit for bit. Columns first: each input row under
+// an output row is added, run by run, into one sum per x tap (contiguous, so the compiler
+// vectorises it); then each output pixel adds up its taps' sums.
+template <class A, class T, int N, class View>
+void sumUnitTaps(const AxisMap& xs, const AxisMap& ys,
+                 const container::Array2D<SharedPtr<const View>>& views, View& dst, int width,
+                 int height) {
+    const std::vector<TapRun> runs = tapRuns(xs);
+    std::vector<A> columns(xs.taps.size() * N);
+    for (int oy = 0; oy < height; ++oy) {
+        std::fill(columns.begin(), columns.end(), A(0));
+        for (size_t yt = ys.begin[size_t(oy)]; yt < ys.begin[size_t(oy) + 1]; ++yt) {
+            const Tap& ty = ys.taps[yt];
+            for (const TapRun& run : runs) {
+                const T* src = views(uint32_t(run.tile), uint32_t(ty.tile))->row(ty.local) +
+                               size_t(run.local) * N;
+                A* sum = columns.data() + run.tap * N;
+                const size_t n = run.count * N;
+                for (size_t k = 0; k < n; ++k) sum[k] += A(src[k]);
+            }
+        }
+        T* out = dst.row(oy);
+        const A tapsY = A(ys.begin[size_t(oy) + 1] - ys.begin[size_t(oy)]);
+        for (int ox = 0; ox < width; ++ox) {
+            A acc[N] = {};
+            for (size_t xt = xs.begin[size_t(ox)]; xt < xs.begin[size_t(ox) + 1]; ++xt)
+                for (int c = 0; c < N; ++c) acc[c] += columns[xt * N + c];
+            const A area = A(xs.begin[size_t(ox) + 1] - xs.begin[size_t(ox)]) * tapsY;
+            for (int c = 0; c < N; ++c) out[size_t(ox) * N + c] = T((2 * acc[c] + area) / (2 * area));
+        }
+    }
+}
+
+// The most taps of one output pixel along an axis.
+size_t maxTaps(const AxisMap& map) {
+    size_t most = 0;
+    for (size_t i = 0; i + 1 < map.begin.size(); ++i) most = std::max(most, map.begin[i + 1] - map.begin[i]);
+    return most;
+}
+
 // The geometry of one output tile: the output rectangle and where its input lies.
 struct ScaleGeometry {
     Recti rect;  // output pixels
@@ -156,6 +229,21 @@ SharedPtr<const ImageTile> scaleTile(const ScaleGeometry& g,
     SharedPtr<ImageTile> result = ImageTile::create(g.rect.size(), F, params);
     SharedPtr<View> dst = result->getRawDataTarget<F>();
     if (!dst) throw Exception("TileScaleJob: no processor storage for the result");
+
+    if constexpr (std::is_unsigned_v<T>) {
+        // 2 * sum + area must fit the integer: 32 bits while the largest sum stays below 2^31,
+        // else 64 bits below 2^62; beyond that the double path below.
+        const double largest =
+            double(std::numeric_limits<T>::max()) * double(maxTaps(xs)) * double(maxTaps(ys));
+        if (largest < 0x1p62 && unitWeights(xs) && unitWeights(ys)) {
+            if (largest < 0x1p31)
+                sumUnitTaps<std::uint32_t, T, N>(xs, ys, views, *dst, width, height);
+            else
+                sumUnitTaps<std::uint64_t, T, N>(xs, ys, views, *dst, width, height);
+            dst.reset();
+            return result;
+        }
+    }
 
     std::vector<double> acc(size_t(width) * N);
     std::vector<const T*> rows(size_t(tiles.columns()), nullptr);
