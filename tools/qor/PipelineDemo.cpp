@@ -1,4 +1,4 @@
-// qor pipeline --size WxH --scale S [--cache-mb N] [--check]: scales a generated image through the
+// qor pipeline --size WxH --scale S [--cache-mb N] [--batch N] [--check]: scales a generated image through the
 // tile pipeline and reports the throughput.
 //
 // The input is a procedural RGBA8 source whose pixel (x, y) is (x & 255, y & 255, (x + y) & 255,
@@ -9,6 +9,8 @@
 // tiles its job graph holds stay within half the tile cache limit (but at least two tiles, one for
 // each worker). The cache itself holds at most its
 // limit, so the peak memory is about one and a half times the limit whatever the image's size.
+// --batch sets the tiles per request instead (the memory then grows with it: a request's job graph
+// holds every tile it computed until the request ends).
 //
 // Output (standard output): the geometry, the tile count, the wall time, the tiles per second, the
 // mean of every channel of the scaled image (the same figure `vips avg` gives of the same
@@ -214,6 +216,7 @@ struct Options {
     unsigned long width = 0, height = 0;
     double scale = 0;
     unsigned long cacheMb = 256;
+    unsigned long batch = 0;  // tiles per request; 0: from the cache limit
     bool check = false;
 };
 
@@ -226,7 +229,8 @@ int parseOptions(const std::vector<std::string>& args, Options& o) {
             o.check = true;
             continue;
         }
-        if (option != "--size" && option != "--scale" && option != "--cache-mb")
+        if (option != "--size" && option != "--scale" && option != "--cache-mb" &&
+            option != "--batch")
             return usageError("pipeline: unknown option '" + option + "'");
         if (i + 1 >= args.size()) return usageError("pipeline: " + option + " needs a value");
         const std::string& value = args[++i];
@@ -239,6 +243,9 @@ int parseOptions(const std::vector<std::string>& args, Options& o) {
             if (!parseScale(value, o.scale))
                 return usageError("pipeline: --scale must be a number above 0 and at most 16");
             haveScale = true;
+        } else if (option == "--batch") {
+            if (!parseCount(value, o.batch) || o.batch < 1 || o.batch > (1ul << 32))
+                return usageError("pipeline: --batch must be a number from 1 to 2^32");
         } else if (!parseCount(value, o.cacheMb) || o.cacheMb < 16 || o.cacheMb > 65536) {
             return usageError("pipeline: --cache-mb must be a number from 16 to 65536");
         }
@@ -272,9 +279,10 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         return usageError("pipeline: the scaled image would exceed 2^32 pixels");
 
     // Pixel memory stays resident up to twice the cache limit (the cache and the job graphs of
-    // the batches); only beyond that would tiles be written to the swap file.
+    // the batches) and the manager's step (it swaps down to the limit less one step once it has
+    // allocated); only beyond that would tiles be written to the swap file.
     const unsigned long long limit = (unsigned long long)o.cacheMb << 20;
-    imaging::ImageMemoryManager::setPhysicalMemoryLimit(unsigned(2 * o.cacheMb));
+    imaging::ImageMemoryManager::setPhysicalMemoryLimit(unsigned(2 * o.cacheMb + 32));
     imaging::TileCache::setMemoryLimit(limit);
     imaging::TileCache::enable();
 
@@ -284,7 +292,8 @@ int runPipelineDemo(const std::vector<std::string>& args) {
     const GenVec<int, 2> count = layout.tileCount;
     const unsigned long total = (unsigned long)count.x * (unsigned long)count.y;
     const unsigned long perBatch = (unsigned long)std::min<unsigned long long>(
-        total, std::max<unsigned long long>(limit / 2 / bytesPerOutputTile(*scaled), 2));
+        total, o.batch ? o.batch
+                       : std::max<unsigned long long>(limit / 2 / bytesPerOutputTile(*scaled), 2));
     const unsigned long batches = (total + perBatch - 1) / perBatch;
     std::printf("input %lux%lu RGBA8 in tiles of %dx%d, scaled by %g to %dx%d: %lu tiles in %lu "
                 "batches of up to %lu tiles, tile cache limit %lu MB\n",
