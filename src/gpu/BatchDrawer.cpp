@@ -6,7 +6,7 @@ namespace qor::gpu {
 
 void BatchDrawer::setDrawer(const SharedPtr<Drawer>& drawer) {
     flushAll();
-    _drawer = drawer;
+    ForwardingDrawer::setDrawer(drawer);
 }
 
 void BatchDrawer::begin() {
@@ -16,36 +16,6 @@ void BatchDrawer::begin() {
                     "_tex2dBatch._indices.empty() && _tex4dBatch._indices.empty()");
     QOR_ASSERT_TEXT(_tex2dBatch._points.empty() && _tex4dBatch._points.empty(),
                     "_tex2dBatch._points.empty() && _tex4dBatch._points.empty()");
-}
-
-void BatchDrawer::end() {
-    flushAll();
-    if (_drawer) _drawer->end();
-}
-
-void BatchDrawer::setClipping(const Recti& rect, bool enabled) {
-    flushAll();
-    if (_drawer) _drawer->setClipping(rect, enabled);
-}
-
-void BatchDrawer::clear(float r, float g, float b, float a) {
-    flushAll();
-    if (_drawer) _drawer->clear(r, g, b, a);
-}
-
-void BatchDrawer::setViewport(const Recti& rect) {
-    flushAll();
-    if (_drawer) _drawer->setViewport(rect);
-}
-
-void BatchDrawer::setOrtho(const Rectf& area, float zNear, float zFar) {
-    flushAll();
-    if (_drawer) _drawer->setOrtho(area, zNear, zFar);
-}
-
-void BatchDrawer::readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) {
-    flushAll();
-    if (_drawer) _drawer->readPixels(rect, data);
 }
 
 void BatchDrawer::drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,

@@ -11,26 +11,20 @@
 // Ownership: holds the wrapped drawer by SharedPtr (setDrawer). Thread contract: that of the
 // wrapped drawer, the GL thread.
 
-#include "gpu/Drawer.h"
+#include "gpu/ForwardingDrawer.h"
 
 namespace qor::gpu {
 
-class BatchDrawer : public Drawer {
+class BatchDrawer : public ForwardingDrawer {
 public:
     BatchDrawer() = default;
-    explicit BatchDrawer(const SharedPtr<Drawer>& drawer) : _drawer(drawer) {}
+    explicit BatchDrawer(const SharedPtr<Drawer>& drawer) : ForwardingDrawer(drawer) {}
 
-    void setDrawer(const SharedPtr<Drawer>& drawer);
-    const SharedPtr<Drawer>& drawer() const { return _drawer; }
+    // Flushes what was collected for the drawer before.
+    void setDrawer(const SharedPtr<Drawer>& drawer) override;
 
-    // Asserts that both batches are empty and flushed.
+    // Asserts that both batches are empty and flushed; the wrapped drawer has begun already.
     void begin() override;
-    void end() override;
-    void setClipping(const Recti& rect, bool enabled) override;
-    void clear(float r, float g, float b, float a) override;
-    void setViewport(const Recti& rect) override;
-    void setOrtho(const Rectf& area, float zNear, float zFar) override;
-    void readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) override;
 
     void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
                    const Colors& colors, const ShadingState& state) override;
@@ -52,6 +46,8 @@ public:
     }
 
 private:
+    void beforeForward() override { flushAll(); }
+
     template <class TexCoord>
     struct Batch {
         Points _points;
@@ -71,7 +67,6 @@ private:
     template <class TexCoord>
     void flush(Batch<TexCoord>& batch);
 
-    SharedPtr<Drawer> _drawer;
     Batch<Vec2f> _tex2dBatch;
     Batch<Vec4f> _tex4dBatch;
 };

@@ -116,32 +116,7 @@ ShadingState ColorManagementDrawer::withShader(const ShadingState& state) const 
 
 void ColorManagementDrawer::begin() {
     QOR_ASSERT_TEXT(_shader, "_shader");
-    if (_drawer) _drawer->begin();
-}
-
-void ColorManagementDrawer::end() {
-    if (_drawer) _drawer->end();
-}
-
-void ColorManagementDrawer::setClipping(const Recti& rect, bool enabled) {
-    if (_drawer) _drawer->setClipping(rect, enabled);
-}
-
-void ColorManagementDrawer::clear(float r, float g, float b, float a) {
-    if (_drawer) _drawer->clear(r, g, b, a);
-}
-
-void ColorManagementDrawer::setViewport(const Recti& rect) {
-    if (_drawer) _drawer->setViewport(rect);
-}
-
-void ColorManagementDrawer::setOrtho(const Rectf& area, float zNear, float zFar) {
-    if (_drawer) _drawer->setOrtho(area, zNear, zFar);
-}
-
-void ColorManagementDrawer::readPixels(const Recti& rect,
-                                       const ImageDataOut<unsigned char, 4>& data) {
-    if (_drawer) _drawer->readPixels(rect, data);
+    ForwardingDrawer::begin();
 }
 
 #define QOR_CM_CHECK()                            \

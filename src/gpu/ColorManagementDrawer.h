@@ -12,7 +12,7 @@
 // Ownership: holds the wrapped drawer, the program, the sources and the table texture by
 // SharedPtr. Thread contract: GL thread only (it makes the program and the table texture).
 
-#include "gpu/Drawer.h"
+#include "gpu/ForwardingDrawer.h"
 
 namespace qor::imaging {
 class ColorTransform;
@@ -20,15 +20,13 @@ class ColorTransform;
 
 namespace qor::gpu {
 
-class ColorManagementDrawer : public Drawer {
+class ColorManagementDrawer : public ForwardingDrawer {
 public:
     static constexpr int MaxSources = 4;
     static constexpr int DefaultCubeSize = 33;
 
     ColorManagementDrawer() = default;
 
-    void setDrawer(const SharedPtr<Drawer>& drawer) { _drawer = drawer; }
-    const SharedPtr<Drawer>& drawer() const { return _drawer; }
     // The transform the table is made from, with `cubeSize` grid points an axis; null for none.
     // Takes effect at the next reloadShader.
     void setTransform(const SharedPtr<const imaging::ColorTransform>& transform,
@@ -48,12 +46,6 @@ public:
 
     // Asserts "_shader".
     void begin() override;
-    void end() override;
-    void setClipping(const Recti& rect, bool enabled) override;
-    void clear(float r, float g, float b, float a) override;
-    void setViewport(const Recti& rect) override;
-    void setOrtho(const Rectf& area, float zNear, float zFar) override;
-    void readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) override;
     // Each asserts "_drawer && _shader", and draws with the program in the state.
     void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
                    const Colors& colors, const ShadingState& state) override;
@@ -79,7 +71,6 @@ private:
     void setUniformIfActive(const std::string& name, const Vec2f& value);
     void uploadTable();
 
-    SharedPtr<Drawer> _drawer;
     SharedPtr<Shader> _shader;
     std::vector<Source> _sources = std::vector<Source>(1);
     SharedPtr<const imaging::ColorTransform> _transform;

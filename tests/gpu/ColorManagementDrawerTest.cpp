@@ -16,12 +16,10 @@ class ColorManagementDrawerTest : public test::RendererTest {
 protected:
     void SetUp() override {
         test::RendererTest::SetUp();
-        if (!_renderer) return;
-        _savedPaths = Renderer::searchPaths();
-        Renderer::setSearchPaths({QOR_SHADER_DIR});
+        if (_renderer) _paths.emplace(std::vector<std::string>{QOR_SHADER_DIR});
     }
     void TearDown() override {
-        if (_renderer) Renderer::setSearchPaths(_savedPaths);
+        _paths.reset();
         test::RendererTest::TearDown();
     }
 
@@ -70,7 +68,7 @@ protected:
     }
 
     static constexpr int Width = 24, Height = 12;
-    std::vector<std::string> _savedPaths;
+    std::optional<test::SearchPathsScope> _paths;
 };
 
 TEST_F(ColorManagementDrawerTest, WithoutATransformTheImageIsDrawnAsItIs) {

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "GLTestContext.h"
 #include "base/Log.h"
 #include "gpu/Renderer.h"
@@ -12,6 +16,21 @@
 #include "gpu/gl2/TextureGLCache.h"
 
 namespace qor::gpu::test {
+
+// Sets the shader search paths while it lives, and puts back those that were there.
+class SearchPathsScope {
+public:
+    explicit SearchPathsScope(const std::vector<std::string>& paths)
+        : _saved(Renderer::searchPaths()) {
+        Renderer::setSearchPaths(paths);
+    }
+    ~SearchPathsScope() { Renderer::setSearchPaths(_saved); }
+    SearchPathsScope(const SearchPathsScope&) = delete;
+    SearchPathsScope& operator=(const SearchPathsScope&) = delete;
+
+private:
+    std::vector<std::string> _saved;
+};
 
 class RendererTest : public ::testing::Test {
 protected:

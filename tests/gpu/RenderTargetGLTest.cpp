@@ -11,6 +11,7 @@
 #include "gpu/gl2/GLFormats.h"
 #include "gpu/gl2/RenderTargetGL.h"
 #include "gpu/gl2/TextureGL.h"
+#include "gpu/gl2/glw.h"
 
 namespace qor::gpu {
 namespace {
@@ -290,6 +291,19 @@ TEST_F(RenderTargetGLTest, CopiesBetweenTexturesOnTheGPUAndThroughTheProcessorAg
     TextureTargetGL::textureCopyCPU(redTexture, copied->texture(), Recti(0, 0, 2, 2),
                                     Recti(0, 0, 2, 2));
     EXPECT_EQ(log.assertions("false"), 1u);
+}
+
+TEST_F(RenderTargetGLTest, AMipmappedTargetGetsItsLevelsWhenTheRenderEnds) {
+    auto target = _renderer->createTextureTarget(Vec2i(8, 8), PfRGBA8,
+                                                 DrawParameters(MM_LINEAR, IM_LINEAR, IM_LINEAR));
+    renderClear(*target, 0, 1, 0, 1);
+    auto texture = dynamic_ptr_cast<TextureGL>(target->texture());
+    ASSERT_TRUE(texture);
+    unsigned char level1[4 * 4 * 4] = {};
+    glwBindTexture(0, GL_TEXTURE_2D, texture->id());
+    glGetTexImage(GL_TEXTURE_2D, 1, GL_RGBA, GL_UNSIGNED_BYTE, level1);
+    EXPECT_EQ(level1[1], 255);
+    EXPECT_EQ(level1[0], 0);
 }
 
 TEST_F(RenderTargetGLTest, TheSelfCheckDrawsAndReadsBack) {

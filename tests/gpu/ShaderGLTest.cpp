@@ -45,16 +45,15 @@ protected:
     void SetUp() override {
         test::RendererTest::SetUp();
         if (!_renderer) return;
-        _savedPaths = Renderer::searchPaths();
         _dir = fs::temp_directory_path() / ("qor-shaders-" + std::to_string(::getpid()));
         fs::create_directories(_dir / "tests");
         write("tests/tint.glsl", TintShader);
-        Renderer::setSearchPaths({_dir.string(), QOR_SHADER_DIR});
+        _paths.emplace(std::vector<std::string>{_dir.string(), QOR_SHADER_DIR});
     }
     void TearDown() override {
         if (_renderer) {
             _renderer->setUseEncodedShaders(false);
-            Renderer::setSearchPaths(_savedPaths);
+            _paths.reset();
             fs::remove_all(_dir);
         }
         test::RendererTest::TearDown();
@@ -64,7 +63,7 @@ protected:
     }
 
     fs::path _dir;
-    std::vector<std::string> _savedPaths;
+    std::optional<test::SearchPathsScope> _paths;
 };
 
 float uniformValue(const ShaderGL& shader, const char* name) {

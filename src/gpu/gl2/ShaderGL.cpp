@@ -1,7 +1,9 @@
 #include "gpu/gl2/ShaderGL.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <type_traits>
 
 #include "base/Log.h"
 #include "gpu/gl2/TextureGL.h"
@@ -133,52 +135,31 @@ ShaderGL::Uniform* ShaderGL::checked(int index, Uniform::Type type, const char* 
     return &uniform;
 }
 
-void ShaderGL::setFloats(int index, Uniform::Type type, const char* typeCondition, const float* v,
+template <class T>
+void ShaderGL::setValues(int index, Uniform::Type type, const char* typeCondition, const T* v,
                          int count) {
     Uniform* u = checked(index, type, typeCondition);
     if (!u) return;
-    if (u->known && std::equal(v, v + count, u->floats)) return;
-    std::copy(v, v + count, u->floats);
+    T* held = nullptr;
+    if constexpr (std::is_same_v<T, float>)
+        held = u->floats;
+    else
+        held = u->ints;
+    if (u->known && std::equal(v, v + count, held)) return;
+    std::copy(v, v + count, held);
     u->known = true;
     glwUseProgramObject(_program);
-    switch (count) {
-        case 1:
-            glUniform1fv(u->location, 1, v);
-            break;
-        case 2:
-            glUniform2fv(u->location, 1, v);
-            break;
-        case 3:
-            glUniform3fv(u->location, 1, v);
-            break;
-        default:
-            glUniform4fv(u->location, 1, v);
-            break;
-    }
-}
-
-void ShaderGL::setInts(int index, Uniform::Type type, const char* typeCondition, const int* v,
-                       int count) {
-    Uniform* u = checked(index, type, typeCondition);
-    if (!u) return;
-    if (u->known && std::equal(v, v + count, u->ints)) return;
-    std::copy(v, v + count, u->ints);
-    u->known = true;
-    glwUseProgramObject(_program);
-    switch (count) {
-        case 1:
-            glUniform1iv(u->location, 1, v);
-            break;
-        case 2:
-            glUniform2iv(u->location, 1, v);
-            break;
-        case 3:
-            glUniform3iv(u->location, 1, v);
-            break;
-        default:
-            glUniform4iv(u->location, 1, v);
-            break;
-    }
+    using Upload = void (*)(GLint, GLsizei, const T*);
+    // GL's entry points by count; the copies call through libepoxy's dispatch like the names.
+    static const std::array<Upload, 4> uploads = [] {
+        if constexpr (std::is_same_v<T, float>)
+            return std::array<Upload, 4>{epoxy_glUniform1fv, epoxy_glUniform2fv, epoxy_glUniform3fv,
+                                         epoxy_glUniform4fv};
+        else
+            return std::array<Upload, 4>{epoxy_glUniform1iv, epoxy_glUniform2iv, epoxy_glUniform3iv,
+                                         epoxy_glUniform4iv};
+    }();
+    uploads[count - 1](u->location, 1, v);
 }
 
 void ShaderGL::setUniform(int index, const SharedPtr<Texture>& texture) {
@@ -204,40 +185,40 @@ void ShaderGL::bindTextures() const {
 
 void ShaderGL::setUniform(int index, const Vec4i& value) {
     const int v[4] = {value.x, value.y, value.z, value.w};
-    setInts(index, Uniform::Int4, "uniform.type == Uniform::Int4", v, 4);
+    setValues<int>(index, Uniform::Int4, "uniform.type == Uniform::Int4", v, 4);
 }
 
 void ShaderGL::setUniform(int index, const Vec3i& value) {
     const int v[3] = {value.x, value.y, value.z};
-    setInts(index, Uniform::Int3, "uniform.type == Uniform::Int3", v, 3);
+    setValues<int>(index, Uniform::Int3, "uniform.type == Uniform::Int3", v, 3);
 }
 
 void ShaderGL::setUniform(int index, const Vec2i& value) {
     const int v[2] = {value.x, value.y};
-    setInts(index, Uniform::Int2, "uniform.type == Uniform::Int2", v, 2);
+    setValues<int>(index, Uniform::Int2, "uniform.type == Uniform::Int2", v, 2);
 }
 
 void ShaderGL::setUniform(int index, int value) {
-    setInts(index, Uniform::Int1, "uniform.type == Uniform::Int1", &value, 1);
+    setValues<int>(index, Uniform::Int1, "uniform.type == Uniform::Int1", &value, 1);
 }
 
 void ShaderGL::setUniform(int index, const Vec4f& value) {
     const float v[4] = {value.x, value.y, value.z, value.w};
-    setFloats(index, Uniform::Float4, "uniform.type == Uniform::Float4", v, 4);
+    setValues<float>(index, Uniform::Float4, "uniform.type == Uniform::Float4", v, 4);
 }
 
 void ShaderGL::setUniform(int index, const Vec3f& value) {
     const float v[3] = {value.x, value.y, value.z};
-    setFloats(index, Uniform::Float3, "uniform.type == Uniform::Float3", v, 3);
+    setValues<float>(index, Uniform::Float3, "uniform.type == Uniform::Float3", v, 3);
 }
 
 void ShaderGL::setUniform(int index, const Vec2f& value) {
     const float v[2] = {value.x, value.y};
-    setFloats(index, Uniform::Float2, "uniform.type == Uniform::Float2", v, 2);
+    setValues<float>(index, Uniform::Float2, "uniform.type == Uniform::Float2", v, 2);
 }
 
 void ShaderGL::setUniform(int index, float value) {
-    setFloats(index, Uniform::Float1, "uniform.type == Uniform::Float1", &value, 1);
+    setValues<float>(index, Uniform::Float1, "uniform.type == Uniform::Float1", &value, 1);
 }
 
 }  // namespace qor::gpu

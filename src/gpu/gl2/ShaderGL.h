@@ -66,9 +66,9 @@ private:
     void reflect();
     // The uniform at `index` if it exists and has `type` (asserted), else null.
     Uniform* checked(int index, Uniform::Type type, const char* typeCondition);
-    void setFloats(int index, Uniform::Type type, const char* typeCondition, const float* v,
-                   int count);
-    void setInts(int index, Uniform::Type type, const char* typeCondition, const int* v, int count);
+    // Sends `count` values (1 to 4) of T (float or int) unless the uniform holds them already.
+    template <class T>
+    void setValues(int index, Uniform::Type type, const char* typeCondition, const T* v, int count);
 
     std::string _name;
     GLuint _program = 0;
