@@ -35,6 +35,7 @@
 #include <deque>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -117,21 +118,27 @@ private:
     TileLayout _layout;
 };
 
+// The input pixels under output pixel `o` along one axis, each with the length it shares with
+// [o / scale, (o + 1) / scale) clipped to [0, n).
+std::vector<std::pair<int, double>> axisCover(int o, double scale, int n) {
+    const double from = o / scale, to = std::min((o + 1) / scale, double(n));
+    std::vector<std::pair<int, double>> cover;
+    for (int i = int(std::floor(from)); i < int(std::ceil(to)); ++i) {
+        const double share = std::min(i + 1.0, to) - std::max(double(i), from);
+        if (share > 0) cover.emplace_back(i, share);
+    }
+    return cover;
+}
+
 // The scaled pixel (ox, oy), channel c, computed directly: the area-weighted mean of the input
-// pixels under [ox / scale, (ox + 1) / scale) x [oy / scale, (oy + 1) / scale), rounded.
+// pixels under it, rounded.
 unsigned directScaled(int ox, int oy, int c, double scale, GenVec<int, 2> inSize) {
-    const double x0 = ox / scale, x1 = std::min((ox + 1) / scale, double(inSize.x));
-    const double y0 = oy / scale, y1 = std::min((oy + 1) / scale, double(inSize.y));
     double sum = 0, area = 0;
-    for (int iy = int(std::floor(y0)); iy < int(std::ceil(y1)); ++iy) {
-        const double wy = std::min(iy + 1.0, y1) - std::max(double(iy), y0);
-        for (int ix = int(std::floor(x0)); ix < int(std::ceil(x1)); ++ix) {
-            const double wx = std::min(ix + 1.0, x1) - std::max(double(ix), x0);
-            if (wx <= 0 || wy <= 0) continue;
+    for (const auto& [iy, wy] : axisCover(oy, scale, inSize.y))
+        for (const auto& [ix, wx] : axisCover(ox, scale, inSize.x)) {
             sum += wx * wy * inputValue(ix, iy, c);
             area += wx * wy;
         }
-    }
     return area > 0 ? unsigned(std::min(255.0, sum / area + 0.5)) : 0u;
 }
 
