@@ -26,16 +26,7 @@ public:
     // Asserts that both batches are empty and flushed; the wrapped drawer has begun already.
     void begin() override;
 
-    void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawArray(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
+    QOR_DRAWER_DRAW_OVERRIDES
 
     // Hands both batches to the wrapped drawer: the 2-component one, then the 4-component one.
     void flushAll();

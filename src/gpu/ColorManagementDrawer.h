@@ -47,16 +47,7 @@ public:
     // Asserts "_shader".
     void begin() override;
     // Each asserts "_drawer && _shader", and draws with the program in the state.
-    void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawArray(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
+    QOR_DRAWER_DRAW_OVERRIDES
 
 private:
     struct Source {

@@ -94,3 +94,20 @@ protected:
 };
 
 }  // namespace qor::gpu
+
+// Declares the four draw operations in a drawer that implements them.
+#define QOR_DRAWER_DRAW_OVERRIDES                                                               \
+    void drawArray(::qor::gpu::Primitive primitive, const ::qor::gpu::Points& points,           \
+                   const ::qor::gpu::TexCoords2& texCoords, const ::qor::gpu::Colors& colors,   \
+                   const ::qor::gpu::ShadingState& state) override;                             \
+    void drawArray(::qor::gpu::Primitive primitive, const ::qor::gpu::Points& points,           \
+                   const ::qor::gpu::TexCoords4& texCoords, const ::qor::gpu::Colors& colors,   \
+                   const ::qor::gpu::ShadingState& state) override;                             \
+    void drawIndices(::qor::gpu::Primitive primitive, const ::qor::gpu::Points& points,         \
+                     const ::qor::gpu::TexCoords2& texCoords, const ::qor::gpu::Colors& colors, \
+                     const ::qor::gpu::Indices& indices, const ::qor::gpu::ShadingState& state) \
+        override;                                                                               \
+    void drawIndices(::qor::gpu::Primitive primitive, const ::qor::gpu::Points& points,         \
+                     const ::qor::gpu::TexCoords4& texCoords, const ::qor::gpu::Colors& colors, \
+                     const ::qor::gpu::Indices& indices, const ::qor::gpu::ShadingState& state) \
+        override;

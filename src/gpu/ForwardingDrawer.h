@@ -21,16 +21,7 @@ public:
     void setViewport(const Recti& rect) override;
     void setOrtho(const Rectf& area, float zNear, float zFar) override;
     void readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) override;
-    void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawArray(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
+    QOR_DRAWER_DRAW_OVERRIDES
 
 protected:
     explicit ForwardingDrawer(const SharedPtr<Drawer>& drawer = nullptr) : _drawer(drawer) {}

@@ -27,16 +27,7 @@ public:
     // Asserts "imageData->width()>=rect.width() && imageData->height()>=rect.height()".
     void readPixels(const Recti& rect, const ImageDataOut<unsigned char, 4>& data) override;
     // Each asserts "_isRendering", and that the arrays run in parallel.
-    void drawArray(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawArray(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                   const Colors& colors, const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords2& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
-    void drawIndices(Primitive primitive, const Points& points, const TexCoords4& texCoords,
-                     const Colors& colors, const Indices& indices,
-                     const ShadingState& state) override;
+    QOR_DRAWER_DRAW_OVERRIDES
 
     // Sets GL up for `state`; false when the state cannot be drawn (asserted).
     static bool applyShadingState(const ShadingState& state);
