@@ -306,6 +306,24 @@ TEST_F(RenderTargetGLTest, AMipmappedTargetGetsItsLevelsWhenTheRenderEnds) {
     EXPECT_EQ(level1[0], 0);
 }
 
+TEST_F(RenderTargetGLTest, FinishingLeavesTheFramebufferBoundUnlessAskedToUnbind) {
+    auto target = makeTarget(*_renderer, Vec2i(8, 8), PfRGBA8);
+    GLint bound = -1;
+    renderClear(*target, 0, 0, 0, 1);
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &bound);
+    auto fbo = FramebufferObject::getBoundFBO(FBO_Bind_Draw);
+    ASSERT_TRUE(fbo);
+    EXPECT_EQ(GLuint(bound), fbo->id());  // the fast path: only attach and detach change
+    EXPECT_FALSE(fbo->getAttachment());
+
+    TextureTargetGL::unbindFBOOnFinish(true);
+    renderClear(*target, 0, 0, 0, 1);
+    TextureTargetGL::unbindFBOOnFinish(false);
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &bound);
+    EXPECT_EQ(bound, 0);
+    EXPECT_FALSE(FramebufferObject::getBoundFBO(FBO_Bind_Draw));
+}
+
 TEST_F(RenderTargetGLTest, TheSelfCheckDrawsAndReadsBack) {
     LogCapture log;
     EXPECT_TRUE(_renderer->selfCheck());
