@@ -28,7 +28,7 @@ SCALE=$(python3 -c "print(1 / $FACTOR)")
 export VIPS_CONCURRENCY=2
 
 python3 - "$BUILD/qor" "$PEER" "$SIDE" "$FACTOR" "$SCALE" "$RUNS" "$CACHE_MB" <<'PY'
-import os, re, resource, statistics, subprocess, sys, time
+import os, re, statistics, sys, tempfile, time
 
 qor, peer, side, factor, scale, runs, cache_mb = sys.argv[1:]
 ours_cmd = [qor, "pipeline", "--size", f"{side}x{side}", "--scale", scale, "--cache-mb", cache_mb]
@@ -37,15 +37,16 @@ black_cmd = [peer, side, side, factor, "black"]
 
 def measure(cmd):
     """Wall seconds, CPU seconds, peak RSS in MB and stdout of one run, as its own child process."""
-    pid = os.fork()
-    if pid == 0:
-        fd = os.open("/tmp/qor_pipeline_bench.out", os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
-        os.dup2(fd, 1)
-        os.execv(cmd[0], cmd)
-    start = time.monotonic()
-    _, status, usage = os.wait4(pid, 0)
-    wall = time.monotonic() - start
-    out = open("/tmp/qor_pipeline_bench.out").read()
+    with tempfile.TemporaryFile(mode="w+") as capture:
+        start = time.monotonic()
+        pid = os.fork()
+        if pid == 0:
+            os.dup2(capture.fileno(), 1)
+            os.execv(cmd[0], cmd)
+        _, status, usage = os.wait4(pid, 0)
+        wall = time.monotonic() - start
+        capture.seek(0)
+        out = capture.read()
     if status != 0:
         sys.exit(f"{' '.join(cmd)} failed ({status}):\n{out}")
     return wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024, out
