@@ -309,6 +309,8 @@ struct EncodeState {
     jpeg_compress_struct cinfo;
     std::vector<JSAMPLE> row;
     bool stopped = false;  // the row source ran dry
+    int inputChannels = 4;
+    const detail::JpegExtras* extras = nullptr;
 };
 
 // Feeds the rows, alpha dropped. Holds no object with a destructor while libjpeg runs.
@@ -319,6 +321,11 @@ void writeRows(EncodeState& s, const RowSource& nextRow) {
         if (!pixels) {
             s.stopped = true;
             return;
+        }
+        if (s.inputChannels == 3) {
+            JSAMPROW rows[1] = {const_cast<JSAMPLE*>(pixels)};
+            jpeg_write_scanlines(c, rows, 1);
+            continue;
         }
         JSAMPLE* out = s.row.data();
         for (JDIMENSION x = 0; x < c->image_width; ++x, pixels += 4, out += 3) {
@@ -338,8 +345,19 @@ bool encodeFailed(EncodeState& s, const std::string& name) {
     return false;
 }
 
+// Writes the APP1 blocks and the ICC profile of the extras after the start of compression.
+void writeExtras(EncodeState& s) {
+    if (!s.extras) return;
+    for (const std::string& block : s.extras->app1)
+        jpeg_write_marker(&s.cinfo, JPEG_APP0 + 1, reinterpret_cast<const JOCTET*>(block.data()),
+                          unsigned(block.size()));
+    if (s.extras->icc && !s.extras->icc->empty())
+        jpeg_write_icc_profile(&s.cinfo, s.extras->icc->data(), unsigned(s.extras->icc->size()));
+}
+
 bool encodeJpegCore(const JpegOutput& output, Vec2i size, const RowSource& nextRow, bool floatDct,
-                    int quality) {
+                    int quality, const detail::JpegExtras* extras = nullptr,
+                    bool* stopped = nullptr) {
     QOR_ASSERT_TEXT(0 <= quality && quality <= 100, "0 <= quality && quality <= 100");
     const std::string name = output.name();
     if (size.x <= 0 || size.y <= 0) {
@@ -349,6 +367,10 @@ bool encodeJpegCore(const JpegOutput& output, Vec2i size, const RowSource& nextR
     }
     const std::unique_ptr<EncodeState> state = std::make_unique<EncodeState>();
     EncodeState& s = *state;
+    if (extras) {
+        s.extras = extras;
+        s.inputChannels = extras->inputChannels;
+    }
     s.cinfo.err = detail::initJpegErrorManager(s.err);
     if (setjmp(s.err.jump)) return encodeFailed(s, name);
 
@@ -361,7 +383,9 @@ bool encodeJpegCore(const JpegOutput& output, Vec2i size, const RowSource& nextR
     jpeg_set_defaults(&s.cinfo);
     jpeg_set_quality(&s.cinfo, quality, FALSE);
     if (floatDct) s.cinfo.dct_method = JDCT_FLOAT;
+    if (extras) s.cinfo.optimize_coding = extras->optimizeCoding ? TRUE : FALSE;
     jpeg_start_compress(&s.cinfo, TRUE);
+    writeExtras(s);
     try {
         s.row.resize(size_t(size.x) * 3);
     } catch (...) {
@@ -374,6 +398,14 @@ bool encodeJpegCore(const JpegOutput& output, Vec2i size, const RowSource& nextR
         QOR_LOG(LogError, "encodeJpegCore: the row source failed with: %* ('%*')", e.what(), name);
         jpeg_destroy_compress(&s.cinfo);
         return false;
+    }
+    if (stopped) {
+        // The caller takes a stop as an answer of its own (a cancel), not as a failure.
+        *stopped = s.stopped;
+        if (s.stopped) {
+            jpeg_destroy_compress(&s.cinfo);
+            return false;
+        }
     }
     jpeg_finish_compress(&s.cinfo);
     jpeg_destroy_compress(&s.cinfo);
@@ -429,6 +461,14 @@ bool loadJpegFrom(const JpegInput& input, Vec2i size, ImageQuality quality, Imag
 }  // namespace
 
 namespace detail {
+
+bool encodeJpeg(RandomAccessFile& file, math::GenVec<int, 2> size,
+                const Function0<const unsigned char*>& nextRow, int quality,
+                const JpegExtras& extras, bool* stopped) {
+    JpegOutput output;
+    output.file = &file;
+    return encodeJpegCore(output, size, nextRow, false, quality, &extras, stopped);
+}
 
 int jpegScaleDenominator(Vec2i full, Vec2i wanted) {
     const int w = wanted.x, h = wanted.y;

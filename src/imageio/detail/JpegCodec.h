@@ -4,6 +4,9 @@
 // Thread contract: every call has its own libjpeg object; calls run on any threads at once.
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 #include "base/filesystem/RandomAccessFile.h"
 #include "imageio/ImageIO.h"
@@ -29,6 +32,22 @@ ImagePtr decodeJpeg(const void* data, size_t byteCount, math::GenVec<int, 2> siz
 // request with a zero side, else the largest of 8, 4, 2 whose reduction the request is below in
 // width or in height (integer division), else 1.
 int jpegScaleDenominator(math::GenVec<int, 2> full, math::GenVec<int, 2> wanted);
+
+// What an encoding adds to the picture, and the kind of rows it reads.
+struct JpegExtras {
+    int inputChannels = 4;            // rows of RGBA (alpha dropped) or RGB
+    std::vector<std::string> app1;    // whole APP1 blocks (EXIF, XMP) with their headers
+    const std::vector<uint8_t>* icc = nullptr;  // an ICC profile, written in APP2 markers
+    bool optimizeCoding = false;      // optimal Huffman tables (smaller files, slower)
+};
+
+// Encodes a JPEG of `size` into `file` from its current position, pulling rows from `nextRow`
+// (top to bottom; a null row stops the encoding), with libjpeg's default DCT. Returns true for
+// a complete picture. A stopped encoding returns false with *stopped set; a libjpeg failure
+// returns false with one log line "encodeJpegCore: libjpeg failed with: ...".
+bool encodeJpeg(RandomAccessFile& file, math::GenVec<int, 2> size,
+                const Function0<const unsigned char*>& nextRow, int quality,
+                const JpegExtras& extras, bool* stopped);
 
 // The metadata of the JPEG in `file`: its EXIF, IPTC and XMP through readMetadata, with Imagesize
 // from the JPEG header. Null when the metadata cannot be read. Never throws.
