@@ -148,11 +148,19 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
     try {
         const GenVec<int, 2> count = _source->tileLayout().tileCount;
         std::vector<GenVec<int, 2>> working;
-        for (const GenVec<int, 2>& idx : _tiles) {
-            if (idx.x < 0 || idx.y < 0 || idx.x >= count.x || idx.y >= count.y) continue;
-            unsigned int cachedVersion = 0;
-            SharedPtr<const ImageTile> tile =
-                _source->getTile(idx.x, idx.y, true, &cachedVersion, ImageSource::OnRequest());
+        // One cache look-up for all tiles: asking tile by tile would build a layout-sized array
+        // for each of them.
+        ImageSource::TileSet inside;
+        for (const GenVec<int, 2>& idx : _tiles)
+            if (idx.x >= 0 && idx.y >= 0 && idx.x < count.x && idx.y < count.y) inside.insert(idx);
+        ImageSource::TileArray cached;
+        ImageSource::VersionArray cachedVersions;
+        if (!inside.empty())
+            _source->getTiles(cached, inside, true, &cachedVersions, ImageSource::OnRequest());
+        for (const GenVec<int, 2>& idx : inside) {
+            const bool present = idx.x < cached.columns() && idx.y < cached.rows();
+            SharedPtr<const ImageTile> tile = present ? cached(idx.x, idx.y) : nullptr;
+            const unsigned int cachedVersion = present ? cachedVersions(idx.x, idx.y) : 0;
             if (tile && cachedVersion == _version) {
                 ComputedTileInfo info;
                 info.type = ComputedTileInfo::TileReady;

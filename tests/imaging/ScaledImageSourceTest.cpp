@@ -227,7 +227,7 @@ TEST(ImageProxyThreads, RetargetingWhileDependentsBuildGraphsKeepsTheirLocks) {
     std::atomic<bool> done{false};
     std::atomic<int> served{0}, badTiles{0};
     auto reader = std::async(std::launch::async, [&] {
-        for (int i = 0; i < 300; ++i) {
+        for (int i = 0; i < 1000; ++i) {
             // A retarget during the request may leave it outdated: its tiles stay null.
             const ImageSource::TileArray out = scaled->getTiles(tiles, false, nullptr, {});
             for (const auto& idx : tiles) {
