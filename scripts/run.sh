@@ -12,9 +12,12 @@ SAMPLES=$(mktemp -d)
 trap 'rm -rf "$SAMPLES"' EXIT
 "$QOR" tiles --width 3000 --height 2000 --tile 256 --save "$SAMPLES/generated.jpg"
 "$QOR" pipeline --size 8000x8000 --scale 0.25 --check
+"$QOR" pipeline --size 6000x4000 --scale 0.5 --save "$SAMPLES/scaled.tif"
+"$QOR" pipeline --size 3000x2000 --scale 1 --save "$SAMPLES/generated.exr"
 # Bad arguments must give exit status 2.
 for bad in "--size 8000 --scale 0.25" "--size 8000x8000 --scale 0" "--size 8000x8000" \
-    "--size 8000x8000 --scale 0.5 --cache-mb 1" "--size 0x10 --scale 1" "--scale 0.5 --frob"; do
+    "--size 8000x8000 --scale 0.5 --cache-mb 1" "--size 0x10 --scale 1" "--scale 0.5 --frob" \
+    "--size 10x10 --scale 1 --save out.png"; do
     status=0
     # shellcheck disable=SC2086
     "$QOR" pipeline $bad 2>/dev/null || status=$?

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 #include "base/Log.h"
 #include "base/thread/JobDispatcher.h"
@@ -297,8 +298,16 @@ void ImageSaver::endSave(bool exception) {
         if (exception) _cancelled = true;
     }
     // The request ends before the waiters learn that the save has: a late tile finds the
-    // generation passed.
-    if (handle && !handle->finished()) handle->cancel();
+    // generation passed. A cancelled request still has jobs in flight; the save returns once
+    // they have stopped, so that nothing of it runs or holds pixels afterwards.
+    if (handle && !handle->finished()) {
+        handle->cancel();
+        thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+        while (!handle->finished()) {
+            if (dispatcher.isGLThread()) dispatcher.processGLJobs();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
     ScopedLock<Mutex> lock(_mutex);
     ++_generation;
     _done = true;

@@ -38,7 +38,7 @@ const Command kCommands[] = {
      qor::tool::runTilesDemo},
     {"pipeline",
      "scale a generated image through the tile pipeline and report tiles per second "
-     "(--size WxH --scale S [--cache-mb N] [--batch N] [--check])",
+     "(--size WxH --scale S [--cache-mb N] [--batch N] [--check] [--save FILE.jpg|.tif|.exr])",
      qor::tool::runPipelineDemo},
     {"info",
      "item type, checksum, metadata fields and raw metadata of image or video files "
