@@ -199,15 +199,6 @@ struct Progress {
 volatile std::sig_atomic_t g_interrupted = 0;
 extern "C" void onInterrupt(int) { g_interrupted = 1; }
 
-void drawBar(unsigned long done, unsigned long total, bool final) {
-    constexpr int kWidth = 40;
-    const double fraction = total ? double(done) / double(total) : 1.0;
-    const int filled = int(fraction * kWidth);
-    std::fprintf(stderr, "\r[%s%s] %3d%% %lu/%lu tiles%s", std::string(size_t(filled), '#').c_str(),
-                 std::string(size_t(kWidth - filled), '.').c_str(), int(fraction * 100.0), done,
-                 total, final ? "\n" : "");
-    std::fflush(stderr);
-}
 
 // Parses "WxH" into sides from 1 to kMaxSide.
 bool parseSize(const std::string& text, unsigned long& w, unsigned long& h) {
@@ -390,7 +381,7 @@ int runPipelineDemo(const std::vector<std::string>& args) {
             failed = progress.failed;
         }
         while (!running.empty() && running.front()->finished()) running.pop_front();
-        if (bar && tiles != drawn) drawBar(drawn = tiles, total, false);
+        if (bar && tiles != drawn) drawProgressBar(drawn = tiles, total, "tiles", false);
         interrupted = g_interrupted != 0;
         if (interrupted || failed) {
             for (const auto& handle : running) handle->cancel();
@@ -410,7 +401,7 @@ int runPipelineDemo(const std::vector<std::string>& args) {
 
     // Every worker is done with `progress` now (see above).
     const int status = [&] {
-        if (bar) drawBar(progress.tiles, total, true);
+        if (bar) drawProgressBar(progress.tiles, total, "tiles", true);
         if (interrupted) {
             std::fprintf(stderr, "qor: pipeline: interrupted after %lu of %lu tiles\n",
                          progress.tiles, total);

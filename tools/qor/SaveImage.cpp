@@ -1,5 +1,7 @@
 #include "SaveImage.h"
 
+#include "Commands.h"
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -30,15 +32,6 @@ std::string lowerExtension(const std::string& path) {
     return ext;
 }
 
-void drawBar(unsigned done, unsigned total, bool final) {
-    constexpr int kWidth = 40;
-    const double fraction = total ? double(done) / double(total) : 1.0;
-    const int filled = int(fraction * kWidth);
-    std::fprintf(stderr, "\r[%s%s] %3d%% %u/%u rows%s", std::string(size_t(filled), '#').c_str(),
-                 std::string(size_t(kWidth - filled), '.').c_str(), int(fraction * 100.0), done,
-                 total, final ? "\n" : "");
-    std::fflush(stderr);
-}
 
 }  // namespace
 
@@ -82,7 +75,7 @@ int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
     const unsigned total = unsigned(image->height());
     bool interrupted = false;
     while (saving.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-        if (bar) drawBar(imageSaver.rowsWritten(), total, false);
+        if (bar) drawProgressBar(imageSaver.rowsWritten(), total, "rows", false);
         if (gSaveInterrupted && !interrupted) {
             interrupted = true;
             imageSaver.cancel();
@@ -97,7 +90,7 @@ int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
                      e.what());
         return 1;
     }
-    if (bar) drawBar(imageSaver.rowsWritten(), total, true);
+    if (bar) drawProgressBar(imageSaver.rowsWritten(), total, "rows", true);
     if (imageSaver.status() == imageio::ImageSaver::SaveCancelled) {
         std::fprintf(stderr, "qor: %s: interrupted after %u of %u rows; nothing written\n",
                      options.command, imageSaver.rowsWritten(), total);

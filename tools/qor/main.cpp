@@ -69,6 +69,16 @@ bool parseCount(const std::string& text, unsigned long& value) {
     auto [ptr, ec] = std::from_chars(text.data(), end, value);
     return ec == std::errc() && ptr == end && !text.empty();
 }
+
+void drawProgressBar(unsigned long done, unsigned long total, const char* unit, bool final) {
+    constexpr int kWidth = 40;
+    const double fraction = total ? double(done) / double(total) : 1.0;
+    const int filled = int(fraction * kWidth);
+    std::fprintf(stderr, "\r[%s%s] %3d%% %lu/%lu %s%s", std::string(size_t(filled), '#').c_str(),
+                 std::string(size_t(kWidth - filled), '.').c_str(), int(fraction * 100.0), done,
+                 total, unit, final ? "\n" : "");
+    std::fflush(stderr);
+}
 }  // namespace qor::tool
 
 int main(int argc, char** argv) {
