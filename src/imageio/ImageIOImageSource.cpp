@@ -1,0 +1,347 @@
+// ImageIOImageSource and ResourceImageIOImageSource: sizes at creation, the two roads of tile
+// computation, and the file locks of the two ends.
+
+#include "imageio/ImageIOImageSource.h"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <string>
+
+#include "base/Log.h"
+#include "base/resource/ResourceManager.h"
+#include "imageio/DecoderRegistry.h"
+#include "imageio/ImageLoader.h"
+#include "imageio/detail/LoaderImageSource.h"
+#include "imaging/ColorTransform.h"
+#include "imaging/ImageTile.h"
+#include "imaging/ImagingException.h"
+#include "imaging/TileCache.h"
+
+namespace qor::imageio {
+
+using imaging::ColorProfile;
+using imaging::ColorTransform;
+using imaging::ImageSource;
+using imaging::ImageTile;
+using imaging::RawPixelFormat;
+using Vec2i = math::GenVec<int, 2>;
+
+namespace {
+
+imaging::TileLayout layoutFor(const ImageIOImageSourceBase::ConstructionParam& param) {
+    if (param.underlyingSource) return param.underlyingSource->tileLayout();
+    const Vec2i tile = param.tileSize != Vec2i(0, 0) ? param.tileSize
+                                                     : ImageSource::getGPUPreferredTileSize();
+    return imaging::TileLayout(param.size, tile, Vec2i(0, 0), param.size);
+}
+
+// The colour conversion of each tile from the file's profile to the common one, in the tiles'
+// own format; empty when there is nothing to convert.
+ImageLoader::PostProcess colourPostProcess(const SharedPtr<ColorProfile>& imageProfile,
+                                           const SharedPtr<ColorProfile>& commonProfile,
+                                           RawPixelFormat format) {
+    if (!imageProfile || !commonProfile) return {};
+    const SharedPtr<ColorTransform> transform =
+        ColorTransform::create(imageProfile, commonProfile, 0.0, -1, format);
+    if (transform->isIdentity()) return {};
+    return [transform, format](const SharedPtr<ImageTile>& tile) {
+        switch (format) {
+            case imaging::PfRGBA8:
+                if (auto d = tile->getRawDataTarget<imaging::PfRGBA8>()) transform->apply(*d);
+                break;
+            case imaging::PfRGBA16:
+                if (auto d = tile->getRawDataTarget<imaging::PfRGBA16>()) transform->apply(*d);
+                break;
+            case imaging::PfRGBA32F:
+                if (auto d = tile->getRawDataTarget<imaging::PfRGBA32F>()) transform->apply(*d);
+                break;
+            default: break;
+        }
+    };
+}
+
+bool vanished(const FastString<char>& path) {
+    std::error_code ec;
+    return !std::filesystem::exists(std::string(path.view()), ec);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- base
+
+ImageIOImageSourceBase::ImageIOImageSourceBase(const ConstructionParam& param)
+    : ImageSource(param.size, param.format),
+      _param(param),
+      _layout(layoutFor(param)),
+      _regionRead(param.regionRead),
+      _imageType(param.imageType),
+      _commonProfile(param.commonProfile) {
+    QOR_ASSERT_TEXT(param.size != Vec2i(0, 0), "param.size != Vec2i(0,0)");
+}
+
+ImageIOImageSourceBase::~ImageIOImageSourceBase() = default;
+
+Vec2i ImageIOImageSourceBase::readSize(const String& path) {
+    try {
+        ImageLoader loader(path, false);
+        return ImageLoader::orientedSize(loader.getMetadata()->size(), loader.orientation());
+    } catch (const ResourceDeletedException&) {
+        QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", path);
+    } catch (const ImageLoaderException& e) {
+        if (vanished(path)) {
+            QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", path);
+        } else {
+            QOR_LOG(LogError, "unknown uncaught exception '%*'", e.what());
+            QOR_ASSERT_TEXT(false, "false");
+        }
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "unknown uncaught exception '%*'", e.what());
+        QOR_ASSERT_TEXT(false, "false");
+    }
+    return Vec2i(0, 0);
+}
+
+SharedPtr<ColorProfile> ImageIOImageSourceBase::getCommonProfile() const { return _commonProfile; }
+
+SharedPtr<ColorProfile> ImageIOImageSourceBase::getImageProfile() const {
+    ScopedLock<thread::Mutex> lock(_mutex);
+    return _param.imageProfile;
+}
+
+SharedPtr<ImageSource> ImageIOImageSourceBase::getUnderlyingSource() const {
+    ScopedLock<thread::Mutex> lock(_mutex);
+    return _param.underlyingSource;
+}
+
+void ImageIOImageSourceBase::getTiles(TileArray& out, const TileSet& tiles, bool cachedOnly,
+                                      VersionArray* versions, const OnRequest& onRequest) {
+    if (SharedPtr<ImageSource> underlying = getUnderlyingSource()) {
+        underlying->getTiles(out, tiles, cachedOnly, versions, onRequest);
+        return;
+    }
+    ImageSource::getTiles(out, tiles, cachedOnly, versions, onRequest);
+}
+
+SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int column,
+                                                                    unsigned int row) {
+    return _regionRead ? computeRegion(column, row) : computeThroughUnderlying(column, row);
+}
+
+SharedPtr<const ImageTile> ImageIOImageSourceBase::computeThroughUnderlying(unsigned int column,
+                                                                            unsigned int row) {
+    ScopedLock<thread::Mutex> lock(_mutex);
+    if (!_param.underlyingSource) {
+        String path;
+        bool locked = false;
+        try {
+            path = lockFile();
+            locked = true;
+            ImageLoader loader(path, false);
+            if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
+            const ImageLoader::PostProcess post =
+                colourPostProcess(_param.imageProfile, _commonProfile, _param.format);
+            SharedPtr<ImageSource> source =
+                loader.getImageSource(_param.format, ImageLoader::ImageTypeFull, _layout.tileSize,
+                                      post, _layout.imageSize);
+            if (!source) throw std::bad_alloc();
+            QOR_ASSERT_TEXT(_layout == source->tileLayout(),
+                            "_layout == _underlyingSource->tileLayout()");
+            _param.underlyingSource = source;
+            locked = false;
+            unlockFile();
+        } catch (const std::exception& e) {
+            if (locked) unlockFile();
+            QOR_ASSERT_TEXT(false, "false");
+            QOR_LOG(LogError, "ImageIOImageSource: failed to read file '%*': %*", path, e.what());
+            throw;
+        }
+    }
+    // A loader's source reads the tile here, on this job's worker; any other source is asked
+    // for it (and may wait for jobs of its own).
+    if (auto* reader = dynamic_cast<detail::LoaderSourceBase*>(_param.underlyingSource.get()))
+        return reader->readTileNow(column, row);
+    return _param.underlyingSource->getTile(int(column), int(row), false, nullptr, {});
+}
+
+SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int column,
+                                                                  unsigned int row) {
+    QOR_ASSERT_TEXT(column < (size_t)_layout.tileCount.x, "column < (size_t) _layout.tileCount.x");
+    QOR_ASSERT_TEXT(row < (size_t)_layout.tileCount.y, "row < (size_t) _layout.tileCount.y");
+    const math::Recti rect = _layout.getTileRect(int(column), int(row));
+    unsigned int atVersion = version();
+    if (SharedPtr<const ImageTile> alive = imaging::TileCache::getLifeTile(this, rect, atVersion))
+        return alive;
+
+    ImagePtr tiledata;
+    SharedPtr<ColorProfile> imageProfile;
+    {
+        ScopedLock<thread::Mutex> lock(_mutex);
+        String path;
+        bool locked = false;
+        try {
+            path = lockFile();
+            locked = true;
+            {
+                ImageLoader loader(path, false);
+                if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
+                if (loader.size() == _layout.imageSize) {
+                    tiledata = loader.getImage4ub(_imageType, rect);
+                } else {
+                    // A resource source smaller than its file: the pixels under the tile, reduced.
+                    const Vec2i full = loader.size();
+                    const double sx = double(full.x) / _layout.imageSize.x;
+                    const double sy = double(full.y) / _layout.imageSize.y;
+                    const math::Recti under(
+                        Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
+                        Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
+                              std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
+                    tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
+                                                          rect.width(), rect.height(), ScaleExact);
+                }
+            }
+            imageProfile = _param.imageProfile;
+            locked = false;
+            unlockFile();
+        } catch (const std::exception& e) {
+            if (locked) unlockFile();
+            QOR_ASSERT_TEXT(false, "false");
+            QOR_LOG(LogError, "ImageIOImageSource: failed to read image data for '%*': %*", path,
+                    e.what());
+            throw;
+        }
+    }
+    // The colour work runs without the mutex, so that several tiles convert side by side.
+    if (tiledata && _commonProfile && imageProfile) {
+        const SharedPtr<ColorTransform> transform =
+            ColorTransform::create(imageProfile, _commonProfile, 0.0, -1, imaging::PfRGBA8);
+        transform->apply(*tiledata, math::Recti(0, 0, tiledata->width(), tiledata->height()));
+    }
+    QOR_ASSERT_TEXT(tiledata, "tiledata");
+    if (!tiledata) {
+        tiledata = Image4ub::create(rect.width(), rect.height());
+        for (int y = 0; y < tiledata->height(); ++y)
+            std::fill_n(tiledata->row(y), size_t(tiledata->width()) * 4, 0);
+    }
+    SharedPtr<ImageTile> tile =
+        ImageTile::create(rect.size(), imaging::PfRGBA8, getDrawParameters());
+    tile->setDataRGBA8(tiledata);
+
+    SharedPtr<const ImageTile> ret = imaging::TileCache::getLifeTile(this, rect, atVersion);
+    if (!ret) {
+        imaging::TileCache::cacheLifeTile(tile, this, rect, atVersion);
+        ret = tile;
+    }
+    QOR_ASSERT_TEXT(ret && ret->valid(), "ret && ret->valid()");
+    return ret;
+}
+
+// ---------------------------------------------------------------- file path
+
+ImageIOImageSource::ImageIOImageSource(const String& path, const ConstructionParam& param)
+    : ImageIOImageSourceBase(param), _path(path) {}
+
+SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, ConstructionParam param) {
+    if (param.size == Vec2i(0, 0)) {
+        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+        param.size = readSize(path);
+    }
+    if (param.size == Vec2i(0, 0)) {
+        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
+        return nullptr;
+    }
+    return (new ImageIOImageSource(path, param))->setupSelfRef();
+}
+
+SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, RawPixelFormat format,
+                                                  SharedPtr<ColorProfile> profile,
+                                                  bool regionRead) {
+    ConstructionParam param;
+    {
+        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+        param.size = readSize(path);
+    }
+    param.format = format;
+    param.commonProfile = std::move(profile);
+    param.regionRead = regionRead;
+    param.imageType = ImageLoader::ImageTypeFull;
+    return create(path, param);
+}
+
+ImageIOImageSource::String ImageIOImageSource::lockFile() {
+    QOR_ASSERT_TEXT(!_fsLock, "!_fsLock");
+    _fsLock = std::make_unique<filesystem::FilesystemScopedLock>(
+        _path.view(), filesystem::FilesystemScopedLock::Shared);
+    return _path;
+}
+
+void ImageIOImageSource::unlockFile() {
+    QOR_ASSERT_TEXT(_fsLock, "_fsLock");
+    _fsLock.reset();
+}
+
+// ---------------------------------------------------------------- resource
+
+ResourceImageIOImageSource::ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,
+                                                       const ConstructionParam& param)
+    : ImageIOImageSourceBase(param), _manager(manager), _id(id) {}
+
+SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
+                                                          ConstructionParam param) {
+    Vec2i trueSize(0, 0);
+    try {
+        ResourceFSScopedLock lock(manager, id, 0);
+        trueSize = readSize(String(lock.path()));
+    } catch (const ResourceDeletedException& e) {
+        QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", e.what());
+    } catch (const std::exception& e) {
+        QOR_LOG(LogError, "unknown uncaught exception '%*'", e.what());
+        QOR_ASSERT_TEXT(false, "false");
+    }
+    if (param.size == Vec2i(0, 0)) {
+        param.size = trueSize;
+    } else if (trueSize != Vec2i(0, 0)) {
+        const Vec2i clamped(std::clamp(param.size.x, 0, trueSize.x),
+                            std::clamp(param.size.y, 0, trueSize.y));
+        param.size = fitInside(trueSize, clamped);
+    }
+    if (param.size == Vec2i(0, 0)) {
+        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
+        return nullptr;
+    }
+    return (new ResourceImageIOImageSource(manager, id, param))->setupSelfRef();
+}
+
+SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
+                                                          RawPixelFormat format,
+                                                          SharedPtr<ColorProfile> profile,
+                                                          bool regionRead, int imageType) {
+    return create(manager, id, format, std::move(profile), nullptr, nullptr, regionRead, imageType);
+}
+
+SharedPtr<ImageSource> ResourceImageIOImageSource::create(
+    ResourceManager* manager, ResourceID id, RawPixelFormat format,
+    SharedPtr<ColorProfile> commonProfile, SharedPtr<ColorProfile> imageProfile,
+    SharedPtr<ImageSource> underlyingSource, bool regionRead, int imageType) {
+    ConstructionParam param;
+    param.format = format;
+    param.commonProfile = std::move(commonProfile);
+    param.imageProfile = std::move(imageProfile);
+    param.underlyingSource = std::move(underlyingSource);
+    param.regionRead = regionRead;
+    param.imageType = imageType;
+    return create(manager, id, param);
+}
+
+ResourceImageIOImageSource::String ResourceImageIOImageSource::lockFile() {
+    QOR_ASSERT_TEXT(!_fileLock, "!_fileLock");
+    _fileLock = std::make_unique<ResourceFSScopedLock>(_manager, _id, 0);
+    return String(_fileLock->path());
+}
+
+void ResourceImageIOImageSource::unlockFile() {
+    QOR_ASSERT_TEXT(_fileLock, "_fileLock");
+    _fileLock.reset();
+}
+
+}  // namespace qor::imageio

@@ -1,0 +1,245 @@
+// ImageLoader: the format roads of region reads, orientation, metadata and the embedded profile.
+
+#include "imageio/ImageLoader.h"
+
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "base/Log.h"
+#include "base/filesystem/RandomAccessFile.h"
+#include "imageio/DecoderRegistry.h"
+#include "imageio/MetadataReader.h"
+#include "imageio/detail/Exiv2Setup.h"
+#include "imageio/detail/JpegCodec.h"
+#include "imageio/detail/LoaderImageSource.h"
+#include "imageio/detail/LoaderPixels.h"
+#include "imageio/detail/PathExtension.h"
+#include "imageio/detail/RandomAccessFileIo.h"
+#include "imageio/detail/RegionReaders.h"
+#include "imaging/ImagingException.h"
+
+namespace qor::imageio {
+
+namespace {
+
+using Vec2i = math::GenVec<int, 2>;
+
+[[noreturn]] void fail(const FastString<char>& path, const std::string& what) {
+    throw ImageLoaderException("ImageLoader: cannot read '" + std::string(path.view()) +
+                               "': " + what);
+}
+
+ImageLoader::Format formatOf(const unsigned char* head, size_t length,
+                             const FastString<char>& path) {
+    auto starts = [&](const char* magic, size_t n) {
+        return length >= n && std::memcmp(head, magic, n) == 0;
+    };
+    if (starts("\xFF\xD8\xFF", 3)) return ImageLoader::FormatJpeg;
+    if (starts("\x89PNG\r\n\x1A\n", 8)) return ImageLoader::FormatPng;
+    if (starts("\x76\x2F\x31\x01", 4)) return ImageLoader::FormatExr;
+    if (starts("II*\0", 4) || starts("MM\0*", 4) || starts("II+\0", 4) || starts("MM\0+", 4)) {
+        // Camera raw files are TIFF inside; their decoder is in the registry.
+        const FastString<char> extension = detail::upperExtension(path);
+        if (extension == ".TIF" || extension == ".TIFF" || extension.view().empty())
+            return ImageLoader::FormatTiff;
+    }
+    return ImageLoader::FormatRegistry;
+}
+
+ImageQuality qualityOf(const FastString<char>& path, int imageType) {
+    if (imageType == ImageLoader::ImageTypeFull) return ImageQualityBest;
+    if (imageType == ImageLoader::ImageTypeDraft) return ImageQualityFast;
+    fail(path, "unknown image type " + std::to_string(imageType));
+}
+
+// The whole picture through ImageIO's load roads (PNG and the registry).
+ImagePtr loadWhole(const FastString<char>& path, ImageQuality quality, const math::Recti& rect) {
+    ImagePtr image;
+    loadImageUnlocked(path, Vec2i(0, 0), quality, &image, nullptr, rect);
+    if (!image) fail(path, "the picture does not decode");
+    return image;
+}
+
+}  // namespace
+
+ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
+    unsigned char head[16] = {};
+    size_t length = 0;
+    try {
+        RandomAccessFileStd file(path.view());
+        length = file.readAt(0, head, sizeof head);
+        _format = formatOf(head, length, path);
+        if (_format == FormatJpeg)
+            _metadata = detail::readJpegMetadata(file);
+        else if (_format != FormatExr)
+            _metadata = readMetadata(file);
+    } catch (const ImageLoaderException&) {
+        throw;
+    } catch (const std::exception& e) {
+        fail(path, e.what());
+    }
+    if (!_metadata) _metadata = std::make_shared<Metadata>();
+
+    switch (_format) {
+        case FormatTiff: {
+            const detail::TiffInfo info = detail::readTiffInfo(std::string(path.view()));
+            _storedSize = info.size;
+            _fileOrientation = info.orientation;
+            break;
+        }
+        case FormatExr: _storedSize = detail::readExrSize(std::string(path.view())); break;
+        case FormatRegistry: {
+            // What the decoder gives (a camera raw file's preview, for one) is the picture.
+            SharedPtr<Metadata> decoded;
+            if (!decodeWithRegistry(path, Vec2i(0, 0), ImageQualityBest, nullptr, &decoded, {}) ||
+                !decoded)
+                fail(path, "no decoder reads it");
+            _storedSize = decoded->size();
+            break;
+        }
+        default: _storedSize = _metadata->size(); break;
+    }
+    if (_storedSize.x <= 0 || _storedSize.y <= 0) {
+        // A header that the metadata reader did not understand: decode to know the size.
+        _storedSize = Vec2i(0, 0);
+        if (_format == FormatJpeg || _format == FormatPng) {
+            const ImagePtr whole = loadWhole(path, ImageQualityFast, {});
+            _storedSize = Vec2i(whole->width(), whole->height());
+        }
+        if (_storedSize.x <= 0 || _storedSize.y <= 0) fail(path, "no picture size");
+    }
+    _metadata->set(MetadataField::Imagesize, _storedSize);
+
+    // Registry decoders give their pictures as they should be shown (libheif applies the
+    // container's rotation); the orientation is applied only to the roads read here.
+    int orientation = 1;
+    if (_metadata->get(MetadataField::Orientation, orientation) && orientation >= 1 &&
+        orientation <= 8)
+        _fileOrientation = orientation;
+    if (_fileOrientation < 1 || _fileOrientation > 8) _fileOrientation = 1;
+    _orientation = asStored || _format == FormatRegistry || _format == FormatExr ? 1 : _fileOrientation;
+    _size = orientedSize(_storedSize, _orientation);
+}
+
+Vec2i ImageLoader::orientedSize(Vec2i size, int orientation) {
+    return detail::uprightSize(size, orientation);
+}
+
+SharedPtr<imaging::ColorProfile> ImageLoader::getColorProfile() const {
+    if (_format == FormatExr) return nullptr;  // linear light, no ICC profile
+    detail::ensureExiv2Initialized();
+    try {
+        RandomAccessFileStd file(_path.view());
+        const std::unique_ptr<Exiv2::Image> image =
+            detail::openExiv2Image(std::make_unique<detail::RandomAccessFileIo>(file));
+        if (!image) return nullptr;
+        image->readMetadata();
+        if (!image->iccProfileDefined()) return nullptr;
+        const Exiv2::DataBuf* icc = image->iccProfile();
+        if (!icc || icc->size_ <= 0) return nullptr;
+        return imaging::ColorProfile::fromMemory(icc->pData_, size_t(icc->size_));
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "ImageLoader: no usable ICC profile in '%*': %*", _path, e.what());
+    } catch (...) {
+        QOR_LOG(LogWarning, "ImageLoader: no usable ICC profile in '%*'", _path);
+    }
+    return nullptr;
+}
+
+ImagePtr ImageLoader::readStored8(int imageType, const math::Recti& rect) const {
+    const ImageQuality quality = qualityOf(_path, imageType);
+    switch (_format) {
+        case FormatJpeg: {
+            ImagePtr image;
+            try {
+                RandomAccessFileStd file(_path.view());
+                image = detail::decodeJpeg(file, Vec2i(0, 0), quality, rect);
+            } catch (const std::bad_alloc&) {
+                throw;
+            } catch (const std::exception& e) {
+                fail(_path, e.what());
+            }
+            if (!image) fail(_path, "the JPEG does not decode");
+            return image;
+        }
+        case FormatTiff: return detail::readTiffRegion<unsigned char>(std::string(_path.view()), rect);
+        case FormatExr: return detail::readExrRegion<unsigned char>(std::string(_path.view()), rect);
+        default: return loadWhole(_path, quality, rect);
+    }
+}
+
+template <class T>
+SharedPtr<imaging::GenImageData<T, 4>> ImageLoader::readStored(int imageType,
+                                                               const math::Recti& rect) const {
+    if constexpr (std::is_same_v<T, unsigned char>) {
+        return readStored8(imageType, rect);
+    } else {
+        if (_format == FormatTiff)
+            return detail::readTiffRegion<T>(std::string(_path.view()), rect);
+        if (_format == FormatExr) return detail::readExrRegion<T>(std::string(_path.view()), rect);
+        return detail::convertImage<T>(*readStored8(imageType, rect));
+    }
+}
+
+template <class T>
+SharedPtr<imaging::GenImageData<T, 4>> ImageLoader::read(int imageType,
+                                                         const math::Recti& asked) const {
+    const math::Recti whole(0, 0, _size.x, _size.y);
+    const math::Recti rect = asked.empty() ? whole : asked;
+    if (!whole.contains(rect))
+        fail(_path, "rectangle (" + std::to_string(rect.mins.x) + ", " + std::to_string(rect.mins.y) +
+                        ", " + std::to_string(rect.maxs.x) + ", " + std::to_string(rect.maxs.y) +
+                        ") is not inside the " + std::to_string(_size.x) + "x" +
+                        std::to_string(_size.y) + " picture");
+    if (_orientation == 1) return readStored<T>(imageType, rect);
+    const math::Recti stored = detail::storedRect(_orientation, _storedSize, rect);
+    const auto region = readStored<T>(imageType, stored);
+    return detail::orientRegion(*region, stored, _orientation, _storedSize, rect);
+}
+
+ImagePtr ImageLoader::getImage4ub(int imageType, const math::Recti& rect) const {
+    return read<unsigned char>(imageType, rect);
+}
+
+SharedPtr<imaging::GenImageData<unsigned short, 4>> ImageLoader::getImage4us(
+    int imageType, const math::Recti& rect) const {
+    return read<unsigned short>(imageType, rect);
+}
+
+SharedPtr<imaging::GenImageData<float, 4>> ImageLoader::getImage4f(int imageType,
+                                                                   const math::Recti& rect) const {
+    return read<float>(imageType, rect);
+}
+
+SharedPtr<imaging::ImageSource> ImageLoader::getImageSource(imaging::RawPixelFormat format,
+                                                            int scaleType, Vec2i tileSize,
+                                                            const PostProcess& postProcess,
+                                                            Vec2i size) const {
+    qualityOf(_path, scaleType);
+    if (tileSize.x <= 0 || tileSize.y <= 0) fail(_path, "empty tile size");
+    if (size == Vec2i(0, 0)) size = _size;
+    if (size.x <= 0 || size.y <= 0 || size.x > _size.x || size.y > _size.y)
+        fail(_path, "a source can only reduce the picture");
+    if (size != _size && format != imaging::PfRGBA8)
+        fail(_path, "reduced sources are 8-bit RGBA only");
+    const bool bands = _format != FormatTiff && _format != FormatExr;
+    switch (format) {
+        case imaging::PfRGBA8:
+            return detail::LoaderImageSource<imaging::PfRGBA8>::create(*this, scaleType, tileSize,
+                                                                       postProcess, bands, size);
+        case imaging::PfRGBA16:
+            return detail::LoaderImageSource<imaging::PfRGBA16>::create(*this, scaleType, tileSize,
+                                                                        postProcess, bands, size);
+        case imaging::PfRGBA32F:
+            return detail::LoaderImageSource<imaging::PfRGBA32F>::create(*this, scaleType, tileSize,
+                                                                         postProcess, bands, size);
+        default: fail(_path, "no tiled source in pixel format " + std::to_string(int(format)));
+    }
+}
+
+template SharedPtr<imaging::GenImageData<unsigned char, 4>> ImageLoader::read(int, const math::Recti&) const;
+template SharedPtr<imaging::GenImageData<unsigned short, 4>> ImageLoader::read(int, const math::Recti&) const;
+template SharedPtr<imaging::GenImageData<float, 4>> ImageLoader::read(int, const math::Recti&) const;
+
+}  // namespace qor::imageio
