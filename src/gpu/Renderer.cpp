@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "base/thread/Mutex.h"
+#include "gpu/TextureImageStorage.h"
 #include "gpu/gl2/RendererGL.h"
 #include "gpu/gl2/TextureGL.h"
 #include "imaging/ImageSource.h"
@@ -139,9 +140,7 @@ bool loadRenderer() {
         s_rendererSlot() = made;
     }
     QOR_LOG(LogInfo, "Calling 'qor::gpu::loadRenderer():registerTextureImageFormat'");
-    // The graphics-memory tile storage is not part of this build yet; tiles stay in processor
-    // memory.
-    QOR_LOG(LogInfo, "registerTextureImageFormat: TextureImageStorage not available yet");
+    registerTextureImageFormat();
     connectImageLayer(*made);
     return true;
 }
@@ -172,9 +171,7 @@ SharedPtr<Renderer> renderer() {
 }
 
 void freeUnusedStorage() {
-    // GPU tile storages, whose last reference may die on any thread, are collected here once
-    // they exist; until then there is nothing that waits for the GL thread to be deleted.
-    QOR_LOG(LogDebug, "freeUnusedStorage: TextureStorageCollector not available yet");
+    TextureStorageCollector::instance()->collect();
 }
 
 }  // namespace qor::gpu

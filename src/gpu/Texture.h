@@ -106,4 +106,13 @@ protected:
     Texture& operator=(const Texture&) = delete;
 };
 
+// Uploads `srcrect` of the pixels of `storage` to `at` of `texture`'s image area, read from the
+// storage in the texture's own format (converted there when it holds another). Formats without
+// an upload (RGB32, RGBA32, the Lum family) are a logged assertion and upload nothing. GL thread;
+// throws std::bad_alloc when the GPU or the processor runs out of memory.
+void uploadStorage(imaging::RawImageStorage& storage, Texture& texture, const Recti& srcrect,
+                   const Vec2i& at);
+// The whole storage to the origin.
+void uploadStorage(imaging::RawImageStorage& storage, Texture& texture);
+
 }  // namespace qor::gpu

@@ -238,58 +238,6 @@ SharedPtr<Texture> RendererGL::createTextureRect(const Vec2i& size, RawPixelForm
     return makeTexture(size, real, chosen, true);
 }
 
-namespace {
-
-// Uploads the storage's pixels in the texture's format.
-void uploadStorage(RawImageStorage& storage, Texture& texture) {
-    switch (texture.pixelFormat()) {
-        case PfRGB8:
-            texture.setDataRGB(storage.getDataRGB8());
-            break;
-        case PfRGB16:
-            texture.setDataRGB(storage.getDataRGB16());
-            break;
-        case PfRGB16F:
-            texture.setDataRGB(storage.getDataRGB16F());
-            break;
-        case PfRGB32F:
-            texture.setDataRGB(storage.getDataRGB32F());
-            break;
-        case PfRGBA8:
-            texture.setDataRGBA(storage.getDataRGBA8());
-            break;
-        case PfBGRA8:
-            texture.setDataBGRA(storage.getDataBGRA8());
-            break;
-        case PfRGBA16:
-            texture.setDataRGBA(storage.getDataRGBA16());
-            break;
-        case PfRGBA16F:
-            texture.setDataRGBA(storage.getDataRGBA16F());
-            break;
-        case PfRGBA32F:
-            texture.setDataRGBA(storage.getDataRGBA32F());
-            break;
-        case PfRed8:
-            texture.setDataRed(storage.getDataRed8());
-            break;
-        case PfRed16:
-            texture.setDataRed(storage.getDataRed16());
-            break;
-        case PfRed16F:
-            texture.setDataRed(storage.getDataRed16F());
-            break;
-        case PfRed32F:
-            texture.setDataRed(storage.getDataRed32F());
-            break;
-        default:
-            QOR_ASSERT(false);
-            break;
-    }
-}
-
-}  // namespace
-
 SharedPtr<Texture> RendererGL::createTexture(const SharedPtr<RawImageStorage>& data,
                                              const DrawParameters& params) {
     QOR_ASSERT_TEXT(data, "data");
