@@ -1,0 +1,189 @@
+// GPU tiles seen from worker threads: read backs that cross to the GL thread, storages dropped on
+// workers, and a source computed by a shader whose tiles a worker reads as processor pixels.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "GPUTestSupport.h"
+#include "TileTestSupport.h"
+#include "base/thread/DFSOrderScoreFunction.h"
+#include "base/thread/JobDispatcher.h"
+#include "gpu/TextureImageStorage.h"
+#include "gpu/TextureOperatorImageSource.h"
+#include "imaging/ImageTile.h"
+#include "imaging/SimpleImageSource.h"
+
+namespace qor::gpu {
+namespace {
+
+using namespace imaging;
+using test::fillPattern;
+using test::normalised;
+using test::textureTolerance;
+
+using TextureImageStorageThreads = test::RendererTest;
+
+// Runs `work` on a new thread while this (GL) thread runs GL jobs, until it has finished.
+void onWorkerWhilePumping(const std::function<void()>& work) {
+    thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+        work();
+        done = true;
+        dispatcher.wakeGLThread();
+    });
+    dispatcher.pumpGLJobsUntil([&] { return done.load(); });
+    worker.join();
+}
+
+SharedPtr<const ImageTile> patternTile(Vec2i size) {
+    auto tile = ImageTile::createNonCached(size, PfRGBA16F);
+    fillPattern<PfRGBA16F>(*tile->getDataTarget<RawImageStorage>());
+    return tile;
+}
+
+TEST_F(TextureImageStorageThreads, ReadBackOnAWorkerRunsOnTheGLThreadAndGivesTheSamePixels) {
+    auto tile = patternTile(Vec2i(33, 17));
+    SharedPtr<TextureImageStorage> gpu = textureStorage(tile);
+    ASSERT_TRUE(gpu);
+    SharedPtr<RawImageStorage> here = gpu->readBack(PfRGBA16F, nullptr);
+    SharedPtr<RawImageStorage> there;
+    bool workerWasGL = true;
+    onWorkerWhilePumping([&] {
+        workerWasGL = renderer()->isValidRenderThread();
+        there = gpu->readBack(PfRGBA16F, nullptr);
+    });
+    EXPECT_FALSE(workerWasGL);
+    ASSERT_TRUE(here && there);
+    EXPECT_EQ(test::maxDifference<PfRGBA16F>(*here, *there, Recti(Vec2i(33, 17))), 0.0);
+}
+
+TEST_F(TextureImageStorageThreads, StorageDroppedOnAWorkerWaitsForFreeUnusedStorage) {
+    auto gpu = std::static_pointer_cast<TextureImageStorage>(
+        (new TextureImageStorage(Vec2i(16, 16), PfRGBA8, WeakSharedPtr<ImageTile>()))
+            ->setupSelfRef());
+    const std::size_t usedBefore = TextureGLCache::instance()->usedCount();
+    std::thread worker([held = std::move(gpu)]() mutable { held.reset(); });
+    worker.join();
+    EXPECT_EQ(TextureStorageCollector::instance()->size(), 1u);
+    EXPECT_EQ(TextureGLCache::instance()->usedCount(), usedBefore) << "texture kept until then";
+    freeUnusedStorage();
+    EXPECT_EQ(TextureStorageCollector::instance()->size(), 0u);
+    EXPECT_EQ(TextureGLCache::instance()->usedCount(), usedBefore - 1);
+}
+
+TEST_F(TextureImageStorageThreads, CreatingATextureOnAWorkerIsRefused) {
+    auto tile = patternTile(Vec2i(8, 8));
+    LogCapture log;
+    SharedPtr<TextureImageStorage> made;
+    std::thread worker([&] { made = tile->getData<TextureImageStorage>(); });
+    worker.join();
+    EXPECT_FALSE(made);
+    // The tile asks the handler once from its processor copy and once more after reading it.
+    EXPECT_GE(log.count("Trying to create a texture from a non-gl thread!"), 1u);
+    EXPECT_FALSE(tile->hasData<TextureImageStorage>());
+}
+
+// The processor's result of filters/Levels on the pattern, against the GPU tile read back.
+template <RawPixelFormat F>
+double levelsDifference(RawImageStorage& input, RawImageStorage& output, const Vec3f& gain,
+                        const Vec3f& offset) {
+    using T = typename RawStorageFormat<F>::Element;
+    constexpr int N = RawStorageFormat<F>::Channels;
+    auto in = input.getData<F>();
+    auto out = output.getData<F>();
+    double worst = 0;
+    for (int y = 0; y < in->height(); ++y)
+        for (int x = 0; x < in->width(); ++x)
+            for (int c = 0; c < N; ++c) {
+                const int channel = F == PfBGRA8 && c < 3 ? 2 - c : c;  // memory order B, G, R
+                double expected = normalised(in->at(x, y, c));
+                if (channel < 3) expected = expected * gain[channel] + offset[channel];
+                if constexpr (std::is_integral_v<T>) expected = std::clamp(expected, 0.0, 1.0);
+                worst = std::max(worst, std::fabs(normalised(out->at(x, y, c)) - expected));
+            }
+    return worst;
+}
+
+TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResultInEveryFormat) {
+    test::SearchPathsScope paths({QOR_SHADER_DIR});
+    const Vec3f gain(0.5f, 1.25f, 1.5f);
+    const Vec3f offset(0.1f, -0.05f, 0.2f);
+    const Vec2i size(45, 29);
+    int tested = 0;
+    const RawPixelFormat formats[] = {
+#define QOR_LIST_FORMAT(S) Pf##S,
+        QOR_TEST_TEXTURE_FORMATS(QOR_LIST_FORMAT)
+#undef QOR_LIST_FORMAT
+    };
+    for (RawPixelFormat format : formats) {
+        SCOPED_TRACE(pixelFormatString(format).c_str());
+        DrawParameters params;
+        const RawPixelFormat textureFormat = _renderer->chooseTextureFormat(format, params);
+        if (!_renderer->isRenderable(textureFormat)) continue;
+        ++tested;
+        auto tile = ImageTile::createNonCached(size, format);
+        auto target = tile->getDataTarget<RawImageStorage>();
+        switch (format) {
+#define QOR_FILL_CASE(S) \
+    case Pf##S:          \
+        fillPattern<Pf##S>(*target); break;
+            QOR_TEST_TEXTURE_FORMATS(QOR_FILL_CASE)
+#undef QOR_FILL_CASE
+            default: break;
+        }
+        auto input = SimpleImageSource::create(SharedPtr<const ImageTile>(tile));
+        auto source = TextureOperatorImageSource::create(
+            input, "filters/Levels", "", [&](TextureOperator& op, const Recti&) {
+                op.setUniform("gain", gain);
+                op.setUniform("offset", offset);
+            });
+
+        std::atomic<bool> ended{false};
+        SharedPtr<RawImageStorage> readBack;
+        bool deliveredOnGPU = false, readOnWorker = false;
+        ComputedTileInfo::Status status = ComputedTileInfo::Error;
+        thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+        source->requestTiles(
+            {{0, 0}}, std::make_shared<thread::DFSOrderScoreFunction>(),
+            [&](const ComputedTileInfo& info) {
+                if (info.type == ComputedTileInfo::TileReady && info.tile) {
+                    deliveredOnGPU = info.tile->hasData<TextureImageStorage>();
+                    readOnWorker = !dispatcher.isGLThread();
+                    readBack = info.tile->getData<RawImageStorage>();
+                    return;
+                }
+                status = info.status;
+                ended = true;
+                dispatcher.wakeGLThread();
+            },
+            false, {});
+        dispatcher.pumpGLJobsUntil([&] { return ended.load(); });
+        EXPECT_EQ(status, ComputedTileInfo::Success);
+        EXPECT_TRUE(deliveredOnGPU);
+        EXPECT_TRUE(readOnWorker);
+        ASSERT_TRUE(readBack);
+        // Computed in float on the GPU, stored in the texture's format, read in the tile's.
+        const double tolerance =
+            std::max(textureTolerance(format), textureTolerance(textureFormat)) + 1e-6;
+        double difference = 1e9;
+        switch (format) {
+#define QOR_COMPARE_CASE(S)                                                                 \
+    case Pf##S:                                                                             \
+        difference = levelsDifference<Pf##S>(*target, *readBack, gain, offset); break;
+            QOR_TEST_TEXTURE_FORMATS(QOR_COMPARE_CASE)
+#undef QOR_COMPARE_CASE
+            default: break;
+        }
+        EXPECT_LE(difference, tolerance)
+            << "texture format " << pixelFormatString(textureFormat).c_str();
+        target.reset();
+        readBack.reset();
+    }
+    EXPECT_GE(tested, 4) << "llvmpipe renders at least the 8-bit and float formats";
+}
+
+}  // namespace
+}  // namespace qor::gpu
