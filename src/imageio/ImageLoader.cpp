@@ -14,6 +14,7 @@
 #include "imageio/detail/JpegCodec.h"
 #include "imageio/detail/LoaderImageSource.h"
 #include "imageio/detail/LoaderPixels.h"
+#include "imageio/detail/MetadataText.h"
 #include "imageio/detail/PathExtension.h"
 #include "imageio/detail/RandomAccessFileIo.h"
 #include "imageio/detail/RegionReaders.h"
@@ -113,10 +114,14 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
 
     // Registry decoders give their pictures as they should be shown (libheif applies the
     // container's rotation); the orientation is applied only to the roads read here.
-    int orientation = 1;
-    if (_metadata->get(MetadataField::Orientation, orientation) && orientation >= 1 &&
-        orientation <= 8)
-        _fileOrientation = orientation;
+    // The file read keeps the EXIF orientation as its "tiff:Orientation" key; the typed field
+    // (which also writes that key) is set only by code that changed the metadata afterwards.
+    int orientation = 0;
+    String text;
+    if (!_metadata->get(MetadataField::Orientation, orientation) &&
+        _metadata->get(String("tiff:Orientation"), text))
+        orientation = detail::metaInt(text.view());
+    if (orientation >= 1 && orientation <= 8) _fileOrientation = orientation;
     if (_fileOrientation < 1 || _fileOrientation > 8) _fileOrientation = 1;
     _orientation = asStored || _format == FormatRegistry || _format == FormatExr ? 1 : _fileOrientation;
     _size = orientedSize(_storedSize, _orientation);

@@ -30,6 +30,115 @@ using testing::gradientImage;
 using testing::maxDifference;
 using String = FastString<char>;
 
+SharedPtr<Metadata> cameraMetadata(const char* orientation = nullptr) {
+    auto metadata = std::make_shared<Metadata>();
+    metadata->setRaw(String("tiff:Make"), String("Qor Test Camera"));
+    if (orientation) metadata->setRaw(String("tiff:Orientation"), String(orientation));
+    return metadata;
+}
+
+std::string makeJpeg(const TempFolder& folder, const ImagePtr& image, const char* orientation) {
+    const std::string path = folder.path() + "/picture.jpg";
+    ImageSaverJPEG jpeg;
+    jpeg.setCompression(95);
+    jpeg.setICCProfile(ColorProfile::sRGB());
+    jpeg.setMetadata(cameraMetadata(orientation));
+    jpeg.save4ub(String(path), image);
+    return path;
+}
+
+template <imaging::RawPixelFormat F>
+void saveThrough(IImageSaver& saver, const std::string& path,
+                 const SharedPtr<imaging::RawImageDataOf<F>>& image) {
+    ExportData<F> rows{SharedPtr<const imaging::RawImageDataOf<F>>(image)};
+    ASSERT_TRUE(saver.saveRows(String(path), F, rows));
+}
+
+const Recti Region(37, 21, 70, 45);  // x, y, width, height: crosses strip and tile borders
+
+TEST(ImageLoader, RoundTripsRegionsWithSaversProfileAndMetadata) {
+    TempFolder folder;
+    const ImagePtr source = gradientImage(160, 100);
+    const ImagePtr expected = crop(*source, Region);
+
+    // TIFF in 8 and 16 bits and float, LZW and ZIP: the region is exact (the float samples are
+    // v / 255 and come back rounded to the same byte).
+    ImageSaverTIFF tiff;
+    tiff.setUseLZW(true);
+    tiff.setICCProfile(ColorProfile::adobeRGB());
+    tiff.setMetadata(cameraMetadata());
+    const std::string tif8 = folder.path() + "/a8.tif", tif16 = folder.path() + "/a16.tif",
+                      tifF = folder.path() + "/af.tif";
+    tiff.save4ub(String(tif8), source);
+    tiff.setUseZIP(true);
+    saveThrough<imaging::PfRGBA16>(tiff, tif16, detail::convertImage<unsigned short>(*source));
+    saveThrough<imaging::PfRGBA32F>(tiff, tifF, detail::convertImage<float>(*source));
+    // The predictor works on a copy of each row: the saved image is left as it was.
+    EXPECT_EQ(maxDifference(*source, *gradientImage(160, 100)), 0);
+    for (const std::string& path : {tif8, tif16, tifF}) {
+        ImageLoader loader(String(path), false);
+        EXPECT_EQ(loader.format(), ImageLoader::FormatTiff);
+        EXPECT_EQ(loader.size(), (GenVec<int, 2>(160, 100)));
+        EXPECT_EQ(maxDifference(*loader.getImage4ub(ImageLoader::ImageTypeFull, Region), *expected),
+                  0)
+            << path;
+        const auto wide = loader.getImage4us(ImageLoader::ImageTypeFull, Region);
+        EXPECT_EQ(wide->at(5, 7, 0), expected->at(5, 7, 0) * 257) << path;
+        auto profile = loader.getColorProfile();
+        ASSERT_TRUE(profile) << path;
+        EXPECT_TRUE(*profile == *ColorProfile::adobeRGB());
+        String make;
+        EXPECT_TRUE(loader.getMetadata()->get(String("tiff:Make"), make));
+        EXPECT_EQ(make.view(), "Qor Test Camera");
+    }
+
+    // JPEG at quality 95: within 8 of the source on the smooth ramps; sRGB profile from APP2.
+    {
+        const std::string path = makeJpeg(folder, source, nullptr);
+        ImageLoader loader(String(path), false);
+        EXPECT_EQ(loader.format(), ImageLoader::FormatJpeg);
+        EXPECT_LE(maxDifference(*loader.getImage4ub(ImageLoader::ImageTypeFull, Region), *expected,
+                                3),
+                  8);
+        ASSERT_TRUE(loader.getColorProfile());
+        EXPECT_TRUE(*loader.getColorProfile() == *ColorProfile::sRGB());
+    }
+
+    // OpenEXR in float: exact to float precision, and no profile.
+    {
+        const std::string path = folder.path() + "/a.exr";
+        ImageSaverOpenEXR exr;
+        const auto floats = detail::convertImage<float>(*source);
+        saveThrough<imaging::PfRGBA32F>(exr, path, floats);
+        ImageLoader loader(String(path), false);
+        const auto got = loader.getImage4f(ImageLoader::ImageTypeFull, Region);
+        double worst = 0;
+        for (int y = 0; y < Region.height(); ++y)
+            for (int x = 0; x < Region.width() * 4; ++x)
+                worst = std::max(worst, double(std::abs(got->row(y)[x] -
+                                                        floats->row(y + Region.mins.y)[x + 4 * Region.mins.x])));
+        EXPECT_LE(worst, 1e-7);
+        EXPECT_FALSE(loader.getColorProfile());
+    }
+
+    // PNG: whole-picture road, region cut out, exact.
+    {
+        const std::string path = folder.path() + "/a.png";
+        testing::PngRecipe recipe;
+        recipe.width = 160;
+        recipe.height = 100;
+        recipe.colorType = PNG_COLOR_TYPE_RGBA;
+        for (int y = 0; y < 100; ++y)
+            recipe.rows.emplace_back(source->row(y), source->row(y) + 160 * 4);
+        const testing::Bytes png = testing::makePng(recipe);
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(png.data()),
+                                                    std::streamsize(png.size()));
+        ImageLoader loader(String(path), false);
+        EXPECT_EQ(maxDifference(*loader.getImage4ub(ImageLoader::ImageTypeFull, Region), *expected),
+                  0);
+    }
+}
+
 TEST(ImageLoader, RejectsRegionsOutsideUnreadableFilesAndUnknownTypes) {
     TempFolder folder;
     const std::string path = folder.path() + "/a.tif";
@@ -42,6 +151,28 @@ TEST(ImageLoader, RejectsRegionsOutsideUnreadableFilesAndUnknownTypes) {
     // A TIFF cut short: its strips are gone.
     std::filesystem::resize_file(path, 300);
     EXPECT_THROW(ImageLoader(String(path), false).getImage4ub(2, Recti()), ImageLoaderException);
+}
+
+TEST(ImageIOImageSource, OrientationSixSwapsTheLayoutAndTurnsThePixels) {
+    TempFolder folder;
+    const ImagePtr stored = gradientImage(90, 40);
+    const std::string path = makeJpeg(folder, stored, "6");
+    ImageLoader asStored(String(path), true);
+    EXPECT_EQ(asStored.size(), (GenVec<int, 2>(90, 40)));
+    EXPECT_EQ(asStored.fileOrientation(), 6);
+    for (bool regionRead : {true, false}) {
+        auto source = ImageIOImageSource::create(String(path), imaging::PfRGBA8, nullptr, regionRead);
+        ASSERT_TRUE(source);
+        EXPECT_EQ(source->tileLayout().imageSize, (GenVec<int, 2>(40, 90)));
+        auto tile = source->getTile(0, 0, false, nullptr, {});
+        ASSERT_TRUE(tile);
+        const auto data = tile->getDataRGBA8();
+        // Upright (u, v) shows stored (v, H - 1 - u): the picture turned a quarter clockwise.
+        const ImagePtr reference = asStored.getImage4ub(2, Recti());
+        for (auto [u, v] : {std::pair{0, 0}, std::pair{39, 0}, std::pair{10, 60}})
+            for (int c = 0; c < 3; ++c)
+                EXPECT_EQ(data->at(u, v, c), reference->at(v, 39 - u, c)) << u << "," << v;
+    }
 }
 
 // Makes tiles of a region-reading source on several threads at once.

@@ -8,9 +8,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "base/Log.h"
 #include "imageio/savers/SaveModule.h"
@@ -91,10 +93,16 @@ protected:
             TIFFSetField(t, TIFFTAG_ICCPROFILE, uint32_t(profile->size()), profile->data().data());
         if (_metadata) writeMetadata(t);
 
+        // The predictors difference a scanline in the buffer they are given: each row is copied
+        // first, so that the provider's pixels (a cached tile, the caller's image) stay as they are.
+        const bool predicted = compression != COMPRESSION_NONE;
+        std::vector<unsigned char> scratch(predicted ? size_t(rowBytes) : 0);
         for (int y = 0; y < size.y; ++y) {
             const void* row = rows.getRow(size_t(rowBytes), dataType, math::Recti(0, y, size.x, 1));
             if (!row) return false;
-            if (TIFFWriteScanline(t, const_cast<void*>(row), uint32_t(y), 0) < 0)
+            void* line = const_cast<void*>(row);
+            if (predicted) line = std::memcpy(scratch.data(), row, scratch.size());
+            if (TIFFWriteScanline(t, line, uint32_t(y), 0) < 0)
                 fail(path, "cannot write row " + std::to_string(y));
         }
         if (!TIFFWriteDirectory(t)) fail(path, "cannot write the directory");
