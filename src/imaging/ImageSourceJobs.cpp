@@ -72,6 +72,8 @@ void ImageSourceJob::performComputation() {
                 ImagingException::typeWords(_exceptionType), _exceptionMessage);
 }
 
+void ImageSourceJob::dropResults() { clearDependencies(); }
+
 int ImageSourceJob::compareBase(const thread::DependentJob& other) const {
     const std::type_info& mine = typeid(*this);
     const std::type_info& theirs = typeid(other);
@@ -101,6 +103,11 @@ int TileComputationJob::compare(const thread::DependentJob& other) const {
 
 unsigned int TileComputationJob::memoryConsumption() const { return tileMemory(result); }
 
+void TileComputationJob::dropResults() {
+    ImageSourceJob::dropResults();
+    result.reset();
+}
+
 FastString<char> TileComputationJob::toString() const {
     return formatLog("Compute tile data: (jobId:%*)((%*)%*,%*) (%*, %*)", id(), creatorName(),
                      static_cast<const void*>(targetImage.get()), version, pos.x, pos.y);
@@ -127,6 +134,12 @@ int TileNotifyJob::compare(const thread::DependentJob& other) const {
 }
 
 unsigned int TileNotifyJob::memoryConsumption() const { return tileMemory(_tile); }
+
+void TileNotifyJob::dropResults() {
+    ImageSourceJob::dropResults();
+    inputTile = nullptr;
+    _tile.reset();
+}
 
 FastString<char> TileNotifyJob::toString() const {
     return formatLog("Notify tile: (jobId:%*)((%*)%*,%*) (%*, %*)", id(), creatorName(),
@@ -242,6 +255,12 @@ void GenericMemoryTransferJob::compute() {
     }
 }
 
+void GenericMemoryTransferJob::dropResults() {
+    ImageSourceJob::dropResults();
+    // The getters stay: they are this job's identity in compare().
+    sourceTilesCopy.clear();
+}
+
 SharedPtr<const ImageTile> GenericMemoryTransferJob::getTile(const GenVec<int, 2>& pos) const {
     auto it = sourceTilesCopy.find(pos);
     QOR_ASSERT_TEXT(it != sourceTilesCopy.end(), "it != sourceTilesCopy.end()");
@@ -277,6 +296,14 @@ thread::JobType TileAssemblyJob::precondition() {
 }
 
 unsigned int TileAssemblyJob::memoryConsumption() const { return tileMemory(result); }
+
+void TileAssemblyJob::dropResults() {
+    GenericMemoryTransferJob::dropResults();
+    // An assembly is known by its rectangle: its getters may go, cached input tiles with them.
+    sourceTiles.clear();
+    tileGetters = container::Array2D<TileGetter>();
+    result.reset();
+}
 
 FastString<char> TileAssemblyJob::toString() const {
     return formatLog(

@@ -13,7 +13,11 @@
 //
 // Thread contract: a job is built under the full lock of its source graph and then run once, on a
 // worker or the GL thread as precondition() says, with no source lock held. Results (getResult,
-// getTile) are read after the job has finished.
+// getTile) are read after the job has finished, and until the executor drops them.
+// Memory: dropResults() lets go of the job's tiles, the getters of its inputs and its dependency
+// links. The executor calls it once every job that reads this one has finished, and, for a final
+// job of a request, after the request has taken its tiles in the finish callback: a request for
+// many tiles holds only the tiles still on their way, not every tile it computed.
 
 #include <map>
 #include <vector>
@@ -44,6 +48,8 @@ public:
     void performComputation() override;
     // A job never fails towards the executor: the request reads the record instead.
     bool failed() const override { return false; }
+    // Drops the dependency links; the derived jobs drop their tiles too.
+    void dropResults() override;
     virtual void compute() = 0;
 
     bool exceptionOccurred() const { return _exceptionOccurred; }
@@ -91,6 +97,7 @@ public:
     unsigned int memoryConsumption() const override;
     FastString<char> toString() const override;
     void compute() override;
+    void dropResults() override;
 
     SharedPtr<const ImageTile> getResult() const { return result; }
 };
@@ -108,6 +115,7 @@ public:
     unsigned int memoryConsumption() const override;
     FastString<char> toString() const override;
     void compute() override;
+    void dropResults() override;
     void getFinishedTiles(std::vector<TileInfo>& out) override;
 
     SharedPtr<const ImageTile> getTile() const { return _tile; }
@@ -149,6 +157,7 @@ public:
     thread::JobType precondition() override;
     FastString<char> toString() const override;
     void compute() override;
+    void dropResults() override;
 
     // The tile at `pos` after compute; logs "it != sourceTilesCopy.end()" when there is none.
     SharedPtr<const ImageTile> getTile(const GenVec<int, 2>& pos) const;
@@ -186,6 +195,7 @@ public:
     unsigned int memoryConsumption() const override;
     FastString<char> toString() const override;
     void compute() override;
+    void dropResults() override;
 
     SharedPtr<const ImageTile> getResult() const { return result; }
 

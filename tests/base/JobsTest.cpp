@@ -55,10 +55,16 @@ public:
         endSeq = ++gSequence;
     }
     bool failed() const override { return recordedFailure || DependentJob::failed(); }
+    void dropResults() override {
+        ++drops;
+        if (onDrop) onDrop(*this);
+    }
 
     int key;
     JobType type;
     Function0<void> body;
+    Function1<void, TestJob&> onDrop;  // runs in dropResults
+    std::atomic<int> drops{0};
     bool recordedFailure = false;  // a job that catches its own failure and records it
     int startSeq = 0;
     int endSeq = 0;
@@ -67,7 +73,8 @@ public:
 private:
     TestJob(int k, JobType t, Function0<void> b)
         : DependentJob("Test"), key(k), type(t), body(std::move(b)) {}
-    TestJob(const TestJob&) = default;
+    TestJob(const TestJob& other)
+        : DependentJob(other), key(other.key), type(other.type), body(other.body) {}
 };
 
 // Gives each job the score stored for its key; unlisted jobs get none.
@@ -257,6 +264,68 @@ TEST(DependentJobExecutor, SkipsADependencyCycleWithAnAssertion) {
 }
 
 // ---- the executor on worker threads ----
+
+TEST(DependentJobExecutorThreads, DropsResultsOnceTheJobAndAllItsDependentsAreDone) {
+    LogCapture capture;
+    JobDispatcher two(2);
+    DependentJobExecutor executor(two);
+    // An earlier run's job: dropped by its own run, and never by a later one that reads it.
+    auto earlier = TestJob::create(0);
+    ASSERT_TRUE(executor.process(nullptr, {earlier}, {}));
+    ASSERT_EQ(earlier->drops.load(), 1);
+    earlier->drops = 0;
+
+    // base <- left, right <- top (a diamond); left also reads `earlier`; a failing job and the one
+    // skipped behind it; a lone trivial job.
+    auto base = TestJob::create(1), left = TestJob::create(2), right = TestJob::create(3, JtTrivial),
+         top = TestJob::create(4);
+    auto failing = TestJob::create(5, JtWorker, [] { throw TestError("boom"); });
+    auto behind = TestJob::create(6), lone = TestJob::create(7, JtTrivial);
+    left->addDependency(base);
+    left->addDependency(earlier);
+    right->addDependency(base);
+    top->addDependency(left);
+    top->addDependency(right);
+    behind->addDependency(failing);
+    const std::map<TestJob*, std::vector<SharedPtr<TestJob>>> dependents = {
+        {base.get(), {left, right}}, {left.get(), {top}}, {right.get(), {top}},
+        {top.get(), {}}, {failing.get(), {behind}}, {behind.get(), {}}, {lone.get(), {}}};
+
+    Reported reported;
+    std::atomic<bool> returned{false};
+    std::mutex mutex;
+    std::vector<std::string> problems;  // guarded by mutex
+    for (const auto& [job, list] : dependents) {
+        std::vector<TestJob*> deps;  // not owning: a job must not keep its dependents alive
+        for (const SharedPtr<TestJob>& d : list) deps.push_back(d.get());
+        job->onDrop = [&, deps](TestJob& self) {
+            std::string problem;
+            for (TestJob* d : deps)
+                if (!d->isDone()) problem += " dependent " + std::to_string(d->key) + " not done;";
+            if (returned) problem += " dropped after process() returned;";
+            if (!problem.empty()) {
+                std::lock_guard<std::mutex> lock(mutex);
+                problems.push_back(std::to_string(self.key) + ":" + problem);
+            }
+        };
+    }
+    // The finish callback of a job still sees it undropped.
+    auto callback = [&](const SharedPtr<DependentJob>& job) {
+        if (static_cast<TestJob&>(*job).drops != 0) {
+            std::lock_guard<std::mutex> lock(mutex);
+            problems.push_back(std::to_string(keyOf(job)) + ": dropped before its callback");
+        }
+        reported.callback()(job);
+    };
+    EXPECT_FALSE(executor.process(nullptr, {top, behind, lone}, callback));
+    returned = true;
+    EXPECT_TRUE(behind->isSkipped());
+    for (const auto& [job, deps] : dependents)
+        EXPECT_EQ(job->drops.load(), 1) << "job " << job->key;
+    EXPECT_EQ(earlier->drops.load(), 0);
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_TRUE(problems.empty()) << ::testing::PrintToString(problems);
+}
 
 TEST(DependentJobExecutorThreads, StartsReadyJobsInScoreOrderWithOneWorker) {
     JobDispatcher one(1);

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -245,6 +247,19 @@ TEST_F(MemoryManager, BlocksOfEveryMemoryKindComeBackIntact) {
         }
     }
     for (NmHandle x : h) EXPECT_EQ(nmFree(x), NM_OK);
+
+    // New blocks of the same sizes may get the freed memory back: zeroed all the same.
+    for (std::uint64_t i = 0; i < 4; ++i) {
+        NmHandle x = 0;
+        ASSERT_EQ(nmAlloc(sizes[i], 0, 0, &x, "test"), NM_OK);
+        void* p = nullptr;
+        ASSERT_EQ(nmLock(x, NM_LOCK_WRITE, &p), NM_OK);
+        const auto* bytes = static_cast<const unsigned char*>(p);
+        EXPECT_EQ(std::count(bytes, bytes + sizes[i], 0), std::ptrdiff_t(sizes[i]))
+            << "size " << sizes[i];
+        ASSERT_EQ(nmUnlock(x), NM_OK);
+        EXPECT_EQ(nmFree(x), NM_OK);
+    }
 }
 
 TEST_F(MemoryManager, RemovesItsSwapFileAtReleaseAndStaleOnesAtStart) {

@@ -8,8 +8,12 @@
 
 #include "PipelineTestSources.h"
 #include "base/Log.h"
+#include "base/memory/MemoryManager.h"
 #include "base/thread/DependentJobMerger.h"
+#include "imaging/Image.h"
 #include "imaging/ImageSourceJobs.h"
+#include "imaging/ScaledImageSource.h"
+#include "imaging/TileScoreFunctions.h"
 
 namespace qor::imaging {
 namespace {
@@ -401,6 +405,68 @@ TEST(ImageSourceJob, AssemblyJobCopiesItsRegionFromTheSourceTiles) {
     SharedPtr<const ImageTile> t = tiles(0, 0);
     gpuJob.tileGetters(0, 0) = [t] { return t; };
     EXPECT_EQ(gpuJob.precondition(), thread::JtGLThread);
+}
+
+// ---- what a request holds while it runs ----
+
+// Blocks of the memory manager alive now: every 256 x 256 RGBA8 tile is one block of its own.
+long liveBlocks() {
+    memory::NmStatistic statistic;
+    memory::nmGetStatistic(&statistic);
+    return long(statistic.memoryObjectCount);
+}
+
+// Requests every tile of `source` at once in line order, with a callback that keeps nothing, and
+// returns the most blocks alive at any computation or delivery, over those alive before.
+long peakBlocksOfOneRequest(const SharedPtr<ImageSource>& source, GradientSource& input) {
+    const long before = liveBlocks();
+    std::atomic<long> peak{0};
+    auto sample = [&] {
+        long now = liveBlocks() - before;
+        for (long seen = peak.load(); now > seen && !peak.compare_exchange_weak(seen, now);) {
+        }
+    };
+    input.onCompute = [&](unsigned int, unsigned int) { sample(); };
+    std::atomic<int> delivered{0};
+    Gate ended;
+    std::atomic<int> endStatus{-1};
+    SharedPtr<RequestHandle> handle = source->requestTiles(
+        allTiles(source->tileLayout().tileCount), std::make_shared<LineOrderScoreFunction>(),
+        [&](const ComputedTileInfo& info) {
+            sample();
+            if (info.type == ComputedTileInfo::TileReady) {
+                ++delivered;
+            } else {
+                endStatus = info.status;
+                ended.open();
+            }
+        },
+        true, {});
+    EXPECT_TRUE(ended.wait());
+    while (!handle->finished()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    input.onCompute = nullptr;
+    const GenVec<int, 2> count = source->tileLayout().tileCount;
+    EXPECT_EQ(endStatus.load(), int(ComputedTileInfo::Success));
+    EXPECT_EQ(delivered.load(), count.x * count.y);
+    return peak.load();
+}
+
+TEST(RequestMemoryThreads, ARequestForManyTilesHoldsOnlyTheTilesOnTheirWay) {
+    // 16 x 16 input tiles of 256 KiB each; nothing is cached, so every tile that stays alive is
+    // held by the request's job graph.
+    auto input = GradientSource::create({4096, 4096}, {256, 256}, false);
+    const long inputTiles = 16 * 16;
+    const long direct = peakBlocksOfOneRequest(input, *input);
+    EXPECT_LT(direct, inputTiles / 8) << "computed tiles are dropped once delivered";
+
+    // Scaled by a half: each output tile reads a 2 x 2 block of input tiles through a scale job.
+    auto scaled = ScaledImageSource::create(Image::create(input), 0.5);
+    scaled->enableCaching(false);
+    ASSERT_EQ(scaled->tileLayout().tileSize, (GenVec<int, 2>(256, 256)));
+    const long throughScale = peakBlocksOfOneRequest(scaled, *input);
+    // Input tiles live until the output tile that reads them is done: a row of input tiles, with
+    // the lines the workers run ahead, not the whole image.
+    EXPECT_LT(throughScale, (inputTiles + 64) / 4) << "input tiles are dropped once scaled";
 }
 
 }  // namespace

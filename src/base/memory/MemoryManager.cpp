@@ -66,10 +66,72 @@ std::uint64_t mappedLength(std::uint64_t size) {
     return (size + kPageSize - 1) / kPageSize * kPageSize;
 }
 
+// Freed mappings kept for the next block of the same size, so that a stream of equal tiles does
+// not map, fault in and unmap its pages for every tile. Bounded per size and in total; a mapping
+// past the bounds is unmapped at once. Kept mappings are not resident blocks: they do not count
+// against the physical memory limit, which they can exceed by at most kMaxKeptBytes.
+constexpr std::size_t kMaxKeptPerSize = 32;
+constexpr std::uint64_t kMaxKeptBytes = 32 * 1024 * 1024;
+
+class MappingCache {
+public:
+    // A kept mapping for a block of `size` bytes, or null.
+    void* take(std::uint64_t size) {
+        thread::ScopedLock<thread::Mutex> lock(_mutex);
+        auto it = _kept.find(keyOf(size));
+        if (it == _kept.end() || it->second.empty()) return nullptr;
+        void* p = it->second.back();
+        it->second.pop_back();
+        _bytes -= mappedLength(size);
+        return p;
+    }
+    // Keeps the mapping of a freed block of `size` bytes; false when the bounds are reached.
+    bool keep(void* p, std::uint64_t size) {
+        thread::ScopedLock<thread::Mutex> lock(_mutex);
+        const std::uint64_t length = mappedLength(size);
+        std::vector<void*>& list = _kept[keyOf(size)];
+        if (list.size() >= kMaxKeptPerSize || _bytes + length > kMaxKeptBytes) return false;
+        list.push_back(p);
+        _bytes += length;
+        return true;
+    }
+    // Hands every kept mapping back to the system.
+    void clear() {
+        std::unordered_map<std::uint64_t, std::vector<void*>> kept;
+        {
+            thread::ScopedLock<thread::Mutex> lock(_mutex);
+            kept.swap(_kept);
+            _bytes = 0;
+        }
+        for (auto& [key, list] : kept)
+            for (void* p : list) ::munmap(p, key & ~std::uint64_t(1));
+    }
+
+private:
+    // The mapped length, with the low bit set for huge-page mappings (aligned differently).
+    static std::uint64_t keyOf(std::uint64_t size) {
+        return mappedLength(size) | (size >= kHugePage ? 1 : 0);
+    }
+
+    thread::Mutex _mutex;  // a leaf lock: guards _kept and _bytes, nothing is called under it
+    std::unordered_map<std::uint64_t, std::vector<void*>> _kept;  // key -> mappings
+    std::uint64_t _bytes = 0;                                     // total length kept
+};
+
+MappingCache& mappingCache() {
+    static MappingCache* cache = new MappingCache;
+    return *cache;
+}
+
 // Memory for a block: zeroed; `forRead` when a read will fill all of it at once.
 void* allocBlockMemory(std::uint64_t size, bool forRead) {
     if (size < kMapThreshold) return forRead ? std::malloc(size) : std::calloc(1, size);
     const std::uint64_t length = mappedLength(size);
+    if (void* kept = mappingCache().take(size)) {
+        // Already faulted in: clearing it costs less than fresh pages do.
+        if (!forRead) std::memset(kept, 0, size);
+        return kept;
+    }
     if (size < kHugePage) {
         int flags = MAP_PRIVATE | MAP_ANONYMOUS | (forRead ? MAP_POPULATE : 0);
         void* p = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, flags, -1, 0);
@@ -92,7 +154,7 @@ void freeBlockMemory(void* p, std::uint64_t size) {
     if (!p) return;
     if (size < kMapThreshold)
         std::free(p);
-    else
+    else if (!mappingCache().keep(p, size))
         ::munmap(p, mappedLength(size));
 }
 
@@ -507,6 +569,7 @@ int nmRelease() {
         m._reads = m._writes = m._droppedClean = 0;
     }
     for (auto& [p, size] : memory) freeBlockMemory(p, size);
+    mappingCache().clear();
     return NM_OK;
 }
 

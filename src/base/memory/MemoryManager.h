@@ -15,9 +15,12 @@
 //
 // Memory: small blocks come from the heap; blocks from 256 KiB on are mapped on their own (from
 // 2 MiB on with transparent huge pages), so that a swap-out gives their pages back to the system.
+// A few freed mappings of each size (32 MiB at most in all, not counted against the limit) are
+// kept for the next block of that size instead of being unmapped; nmRelease gives them back.
 //
 // Thread contract: every function may be called from any thread. One mutex guards the table of
-// blocks; it is never held during file I/O or while block memory is allocated or freed. A thread
+// blocks; it is never held during file I/O or while block memory is allocated or freed. The kept
+// mappings have a leaf mutex of their own. A thread
 // that locks or frees a block which another thread is writing out or reading in waits until that
 // transfer ends. nmRelease and nmSetSwapPath must not run while other threads use blocks.
 

@@ -50,6 +50,8 @@ FastString<char> DependentJob::toString() const {
 
 bool DependentJob::failed() const { return _threw.load(std::memory_order_acquire); }
 
+void DependentJob::dropResults() {}
+
 void DependentJob::setCreatorName(FastString<char> name) {
     ScopedLock<Mutex> lock(_mutex);
     _creatorName = std::move(name);

@@ -64,6 +64,15 @@ public:
     // performComputation threw. Jobs that catch their own failures and record them override this.
     // Read by the executor right after performComputation returned, on the same thread.
     virtual bool failed() const;
+    // Called by the executor once this job is done (ran, failed, was skipped or cancelled) and so
+    // is every job of the same run that depends on it, and the finish callback of this job has
+    // returned: no job of the run reads its results any more. A job whose results nobody reads
+    // after that drops them here, and its dependency links, so that a large graph does not hold
+    // the results of every job until the run ends. Called at most once per run, before process()
+    // returns, with no executor lock held, on the thread that finished the last of those jobs (or
+    // the one that waits in process()). Exceptions are logged and ignored. By default the job
+    // keeps everything, for callers that read results after process().
+    virtual void dropResults();
 
     // Unique in the process, counting up from 1; a copy gets a new one.
     JobId id() const { return _id; }
@@ -79,7 +88,8 @@ public:
     // the job.
     void addDependency(const SharedPtr<DependentJob>& dependency);
     const std::set<SharedPtr<DependentJob>>& dependencies() const { return _dependencies; }
-    // Drops every dependency (to break up a graph). Not while a process() runs the job.
+    // Drops every dependency (to break up a graph). Not while a process() runs the job, except
+    // from dropResults(), when no job of the run looks at the links any more.
     void clearDependencies() { _dependencies.clear(); }
 
     JobState state() const { return _state.load(std::memory_order_acquire); }

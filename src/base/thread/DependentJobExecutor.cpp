@@ -40,6 +40,21 @@ DependentJobExecutor::~DependentJobExecutor() {
 
 // ---- setting up a run ----
 
+void DependentJobExecutor::buildTable(const Graph& graph, bool byDependent,
+                                      std::vector<std::uint32_t>& start,
+                                      std::vector<std::uint32_t>& entries) {
+    // Edges are (dependency, dependent): keyed by the dependency they list its dependents, keyed
+    // by the dependent its dependencies.
+    auto key = [byDependent](const auto& edge) { return byDependent ? edge.second : edge.first; };
+    auto value = [byDependent](const auto& edge) { return byDependent ? edge.first : edge.second; };
+    start.assign(graph.nodes.size() + 1, 0);
+    for (const auto& edge : graph.edges) ++start[key(edge) + 1];
+    for (size_t i = 1; i < start.size(); ++i) start[i] += start[i - 1];
+    entries.resize(graph.edges.size());
+    std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
+    for (const auto& edge : graph.edges) entries[fill[key(edge)]++] = value(edge);
+}
+
 std::int64_t DependentJobExecutor::findNode(const Graph& graph, const DependentJob* job) {
     std::uint32_t slot = job->_executorSlot.load(std::memory_order_relaxed);
     if (slot < graph.nodes.size() && graph.nodes[slot].job.get() == job) return slot;
@@ -163,6 +178,41 @@ void DependentJobExecutor::markUnstarted(std::uint32_t i, JobState state) {
         ++_cancelled;
     else
         ++_skipped;
+    noteDoneUnlocked(i);
+}
+
+void DependentJobExecutor::noteDoneUnlocked(std::uint32_t i) {
+    for (std::uint32_t e = _dependenciesStart[i]; e < _dependenciesStart[i + 1]; ++e) {
+        Node& dependency = _nodes[_dependencies[e]];
+        if (--dependency.dependentsLeft == 0 && dependency.state == NsDone)
+            _dropQueue.push_back(_dependencies[e]);
+    }
+    if (_nodes[i].dependentsLeft == 0) _dropQueue.push_back(i);
+}
+
+void DependentJobExecutor::dropResultsOf(const std::vector<SharedPtr<DependentJob>>& jobs) {
+    for (const SharedPtr<DependentJob>& job : jobs) {
+        try {
+            job->dropResults();
+        } catch (...) {
+            QOR_LOG(LogWarning, "dropping the results of %* threw: %*", job->toString(),
+                    describeCurrentException());
+        }
+    }
+}
+
+void DependentJobExecutor::dropQueuedUnlocked(ScopedLock<Mutex>& lock) {
+    if (_dropQueue.empty()) return;
+    std::vector<SharedPtr<DependentJob>> jobs;
+    jobs.reserve(_dropQueue.size());
+    for (std::uint32_t i : _dropQueue) jobs.push_back(_nodes[i].job);
+    _dropQueue.clear();
+    ++_dropping;
+    lock.unlock();
+    dropResultsOf(jobs);
+    jobs.clear();  // may destroy what the jobs held: with no lock held
+    lock.lock();
+    --_dropping;
 }
 
 void DependentJobExecutor::skipDependents(std::uint32_t i) {
@@ -207,6 +257,7 @@ void DependentJobExecutor::completeUnlocked(std::uint32_t i, const Outcome& outc
     node.state = NsDone;
     node.succeeded = !outcome.failed;
     --_running;
+    noteDoneUnlocked(i);
     if (outcome.failed)
         ++_failed;
     else
@@ -263,7 +314,7 @@ unsigned DependentJobExecutor::reserveRunnersUnlocked(bool selfIsRunner) {
 
 bool DependentJobExecutor::overUnlocked() const {
     return _finished + _failed + _skipped + _cancelled == _total && _activeRunners == 0 &&
-           _glQueued == 0;
+           _glQueued == 0 && _dropping == 0;
 }
 
 void DependentJobExecutor::notifyIfOverUnlocked() {
@@ -392,6 +443,7 @@ void DependentJobExecutor::runnerLoop() {
         lock.lock();
         completeUnlocked(i, outcome);
         ++batch;
+        dropQueuedUnlocked(lock);
         if (unsigned extra = reserveRunnersUnlocked(true)) {
             lock.unlock();
             postRunners(extra);
@@ -424,6 +476,7 @@ void DependentJobExecutor::runGLJob(std::uint32_t i) {
 
     lock.lock();
     completeUnlocked(i, outcome);
+    dropQueuedUnlocked(lock);
     unsigned extra = reserveRunnersUnlocked(false);
     notifyIfOverUnlocked();
     lock.unlock();
@@ -461,20 +514,21 @@ bool DependentJobExecutor::process(const SharedPtr<JobScoreFunction>& score,
         throw;
     }
 
-    // Dependents as one table, in the order the walk found the edges.
-    std::vector<std::uint32_t> start(graph.nodes.size() + 1, 0);
-    for (const auto& edge : graph.edges) ++start[edge.first + 1];
-    for (size_t i = 1; i < start.size(); ++i) start[i] += start[i - 1];
-    std::vector<std::uint32_t> dependents(graph.edges.size());
-    {
-        std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
-        for (const auto& edge : graph.edges) dependents[fill[edge.first]++] = edge.second;
-    }
+    // Dependents and dependencies as tables, in the order the walk found the edges.
+    std::vector<std::uint32_t> start, dependents, depStart, dependencies;
+    buildTable(graph, false, start, dependents);
+    buildTable(graph, true, depStart, dependencies);
+    for (std::uint32_t i = 0; i < graph.nodes.size(); ++i)
+        graph.nodes[i].dependentsLeft = start[i + 1] - start[i];
 
     ScopedLock<Mutex> lock(_mutex);
     _nodes = std::move(graph.nodes);
     _dependentsStart = std::move(start);
     _dependents = std::move(dependents);
+    _dependenciesStart = std::move(depStart);
+    _dependencies = std::move(dependencies);
+    _dropQueue.clear();
+    _dropping = 0;
     _callback = &finishCallback;
     _waiterOnGLThread = _dispatcher.isGLThread();
     for (const Node& node : _nodes)
@@ -514,15 +568,23 @@ bool DependentJobExecutor::process(const SharedPtr<JobScoreFunction>& score,
 
     bool ok = _failed == 0 && _skipped == 0 && _cancelled == 0 && !_callbackException;
     std::exception_ptr thrown = std::exchange(_callbackException, nullptr);
+    // What cancellations and skips left to drop; the run is over, so no job is read any more.
+    std::vector<SharedPtr<DependentJob>> toDrop;
+    for (std::uint32_t i : _dropQueue) toDrop.push_back(_nodes[i].job);
+    _dropQueue.clear();
     std::vector<Node> finishedNodes = std::move(_nodes);
     _nodes.clear();
     _dependentsStart.clear();
     _dependents.clear();
+    _dependenciesStart.clear();
+    _dependencies.clear();
     clearReadyUnlocked();
     _callback = nullptr;
     _waiterOnGLThread = false;
     _processing = false;
     lock.unlock();
+    dropResultsOf(toDrop);
+    toDrop.clear();
     finishedNodes.clear();  // may destroy jobs: with no lock held
     if (thrown) std::rethrow_exception(thrown);
     return ok;

@@ -15,6 +15,11 @@
 // Its dependents, and theirs, are not run (state JsSkipped) and are not reported. Other jobs run
 // on.
 //
+// Memory: once a job of the run is done and so is every job of the run that depends on it, the
+// executor calls its dropResults() (outside the lock, before process() returns), so that jobs
+// which override it give up their results while a large graph still runs. Jobs that were not
+// pending when process() started belong to another run and are left alone.
+//
 // The finish callback is called once for every job that ran, failed or not, on the thread that ran
 // the job (a worker, the GL thread, or the thread that ran a trivial job), with no executor lock
 // held. The job counts as running until its callback returned. If the callback throws, the executor
@@ -93,6 +98,7 @@ private:
         SharedPtr<DependentJob> job;
         std::int64_t score = 0;
         std::uint32_t waitingOn = 0;
+        std::uint32_t dependentsLeft = 0;  // dependents in this run that are not done yet
         NodeState state = NsWaiting;
         bool succeeded = false;  // for NsDone: may its dependents run?
         bool onStack = false;    // on the walk's stack while the graph is built
@@ -116,6 +122,10 @@ private:
     // Walks the graph from `jobs` depth first, dependencies first, in set order, making a node per
     // job and giving each pending job its DFSOrderScoreFunction score on the way.
     static void buildGraph(const std::set<SharedPtr<DependentJob>>& jobs, Graph& graph);
+    // The edges as a table: for each node, from start[i] to start[i + 1] in `entries`, its
+    // dependents (byDependent false) or its dependencies (true).
+    static void buildTable(const Graph& graph, bool byDependent, std::vector<std::uint32_t>& start,
+                           std::vector<std::uint32_t>& entries);
     // The node of `job`, or -1.
     static std::int64_t findNode(const Graph& graph, const DependentJob* job);
     // Replaces the walk's scores by those of `score`, unless it is the plain DFS order.
@@ -124,6 +134,13 @@ private:
     // Skips the jobs that lie on or behind a dependency cycle.
     void skipCyclesUnlocked() QOR_REQUIRES(_mutex);
 
+    // Node `i` is done: counts it off its dependencies and queues for dropResults() each node that
+    // is done with all its dependents done, itself included.
+    void noteDoneUnlocked(std::uint32_t i) QOR_REQUIRES(_mutex);
+    // Calls dropResults() of the queued nodes with the lock released around the calls; `_dropping`
+    // keeps the run from counting as over meanwhile.
+    void dropQueuedUnlocked(ScopedLock<Mutex>& lock) QOR_REQUIRES(_mutex);
+    static void dropResultsOf(const std::vector<SharedPtr<DependentJob>>& jobs);
     // Marks node `i` done with the job state `state` (JsSkipped or JsCancelled), never started.
     void markUnstarted(std::uint32_t i, JobState state) QOR_REQUIRES(_mutex);
     // Marks every waiting dependent of `i`, transitively, as skipped.
@@ -165,6 +182,11 @@ private:
     // Node i's dependents are _dependents[_dependentsStart[i] .. _dependentsStart[i + 1]).
     std::vector<std::uint32_t> _dependentsStart;  // guarded by _mutex
     std::vector<std::uint32_t> _dependents;       // guarded by _mutex
+    // Node i's dependencies in this run, likewise.
+    std::vector<std::uint32_t> _dependenciesStart;  // guarded by _mutex
+    std::vector<std::uint32_t> _dependencies;       // guarded by _mutex
+    std::vector<std::uint32_t> _dropQueue;          // guarded by _mutex: done nodes to drop
+    unsigned _dropping = 0;                         // guarded by _mutex: drops outside the lock
     // The ready jobs: those ready at the start sorted by score and taken from _initialNext on,
     // and those that became ready later in a heap, lowest score on top.
     std::vector<ReadyEntry> _initialReady;      // guarded by _mutex
