@@ -47,6 +47,22 @@ exiv2 -it "$SAMPLES/harbour.jpg"  # inserts harbour-thumb.jpg as the EXIF thumbn
 "$QOR" thumb "$SAMPLES/harbour.jpg" --size 120x120 -o "$SAMPLES/harbour-small.jpg"
 "$QOR" thumb "$SAMPLES/tower.jpg" --size 256x256 -o "$SAMPLES/tower.bmp"
 "$QOR" thumb "$SAMPLES/generated.jpg" --size 320x200 -o "$SAMPLES/thumb.jpg"
+# Export: the generated JPEG at half size to TIFF and OpenEXR, the turned tower upright into a box
+# in Adobe RGB; bad arguments give exit status 2, an unreadable input 1.
+"$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/half.tif" --scale 0.5
+"$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/half.exr" --scale 0.5
+"$QOR" export "$SAMPLES/tower.jpg" -o "$SAMPLES/tower-upright.jpg" --size 800x800 --quality 85 \
+    --profile adobergb
+for bad in "-o $SAMPLES/x.png" "--scale 0" "--size 10 -o $SAMPLES/x.jpg" "--quality 101" \
+    "--profile cmyk" "--size 10x10 --scale 0.5 -o $SAMPLES/x.jpg"; do
+    status=0
+    # shellcheck disable=SC2086
+    "$QOR" export "$SAMPLES/generated.jpg" $bad 2>/dev/null || status=$?
+    [ "$status" -eq 2 ] || { echo "qor export $bad: exit status $status, not 2" >&2; exit 1; }
+done
+status=0
+"$QOR" export "$SAMPLES/none.jpg" -o "$SAMPLES/x.jpg" 2>/dev/null || status=$?
+[ "$status" -eq 1 ] || { echo "qor export of a missing file: exit status $status, not 1" >&2; exit 1; }
 "$QOR" checksum "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" "$SAMPLES/generated.jpg"
 # A bad file among good ones: one line on standard error, the others still done, exit status 1.
 head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMPLES/truncated.jpg"

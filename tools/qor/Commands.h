@@ -22,5 +22,6 @@ int runPipelineDemo(const std::vector<std::string>& args);
 int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
 int runChecksum(const std::vector<std::string>& args);
+int runExport(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

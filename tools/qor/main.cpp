@@ -47,6 +47,10 @@ const Command kCommands[] = {
     {"thumb", "a JPEG or BMP thumbnail of an image or video file (FILE [--size WxH] -o OUT)",
      qor::tool::runThumb},
     {"checksum", "the item checksum of each file (FILE...)", qor::tool::runChecksum},
+    {"export",
+     "write a picture file as JPEG, TIFF or OpenEXR, resized through the tile pipeline "
+     "(IN -o OUT.jpg|.tif|.exr [--size WxH | --scale S] [--quality Q] [--profile NAME])",
+     qor::tool::runExport},
 };
 
 int runHelp(const std::vector<std::string>&) {
