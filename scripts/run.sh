@@ -63,6 +63,7 @@ done
 status=0
 "$QOR" export "$SAMPLES/none.jpg" -o "$SAMPLES/x.jpg" 2>/dev/null || status=$?
 [ "$status" -eq 1 ] || { echo "qor export of a missing file: exit status $status, not 1" >&2; exit 1; }
+"$QOR" gpuinfo || echo "qor gpuinfo failed; the main job goes on without GL" >&2
 "$QOR" checksum "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" "$SAMPLES/generated.jpg"
 # A bad file among good ones: one line on standard error, the others still done, exit status 1.
 head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMPLES/truncated.jpg"

@@ -23,5 +23,6 @@ int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
 int runChecksum(const std::vector<std::string>& args);
 int runExport(const std::vector<std::string>& args);
+int runGpuInfo(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

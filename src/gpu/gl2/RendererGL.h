@@ -86,6 +86,9 @@ public:
     Vec2i maxTextureSize() const override { return _maxTextureSize; }
 
     GLVendor vendor() const { return _vendor; }
+    // GL_RENDERER and GL_VERSION as the driver gives them.
+    const std::string& rendererString() const { return _rendererString; }
+    const std::string& versionString() const { return _versionString; }
     int glMajor() const { return _glMajor; }
     int glMinor() const { return _glMinor; }
     const std::string& glslVersion() const { return _glslVersion; }
