@@ -452,10 +452,10 @@ long peakBlocksOfOneRequest(const SharedPtr<ImageSource>& source, GradientSource
 }
 
 TEST(RequestMemoryThreads, ARequestForManyTilesHoldsOnlyTheTilesOnTheirWay) {
-    // 16 x 16 input tiles of 256 KiB each; nothing is cached, so every tile that stays alive is
+    // 8 x 8 input tiles of 256 KiB each; nothing is cached, so every tile that stays alive is
     // held by the request's job graph.
-    auto input = GradientSource::create({4096, 4096}, {256, 256}, false);
-    const long inputTiles = 16 * 16;
+    auto input = GradientSource::create({2048, 2048}, {256, 256}, false);
+    const long inputTiles = 8 * 8;
     const long direct = peakBlocksOfOneRequest(input, *input);
     EXPECT_LT(direct, inputTiles / 8) << "computed tiles are dropped once delivered";
 
@@ -466,7 +466,7 @@ TEST(RequestMemoryThreads, ARequestForManyTilesHoldsOnlyTheTilesOnTheirWay) {
     const long throughScale = peakBlocksOfOneRequest(scaled, *input);
     // Input tiles live until the output tile that reads them is done: a row of input tiles, with
     // the lines the workers run ahead, not the whole image.
-    EXPECT_LT(throughScale, (inputTiles + 64) / 4) << "input tiles are dropped once scaled";
+    EXPECT_LT(throughScale, (inputTiles + 16) / 4) << "input tiles are dropped once scaled";
 }
 
 }  // namespace
