@@ -33,7 +33,7 @@ namespace {
 
 using Vec2i = math::GenVec<int, 2>;
 
-constexpr unsigned long kCacheMb = 256;  // tile cache limit of the run
+constexpr unsigned long kCacheMb = 64;  // tile cache limit of the run: the saver needs a few tile rows
 constexpr unsigned long kMaxSide = 1ul << 30;
 
 struct ExportOptions {
