@@ -2,7 +2,7 @@
 // writes a picture file in another format, optionally resized. The picture is read tile by tile
 // from IN (ImageIOImageSource, upright by its orientation), resampled by ScaledImageSource when a
 // size or scale is given, and written by the image saver while its tiles are computed, so that a
-// picture of any size goes through in memory of a few tile rows. --profile names the colour space
+// picture of any size goes through without being held whole (memory follows the tile cache limit). --profile names the colour space
 // of the output (srgb, adobergb, linear): the pixels are converted from the file's embedded profile
 // (sRGB when it has none) and the profile is embedded in JPEG and TIFF output.
 //
