@@ -3,7 +3,9 @@
 //
 // With --save, the scaled image is written to FILE (.jpg, .tif or .exr) through the image saver
 // instead, which asks for every tile in line order and writes row by row: the report gives the
-// wall time and the peak memory of the whole save.
+// wall time and the peak memory of the whole save. The tile cache limit is then 64 MB unless set:
+// a save reads each tile once, and the pixel memory limit (twice the cache limit and a step) is
+// what bounds the tiles computed ahead of the writer.
 //
 // The input is a procedural RGBA8 source whose pixel (x, y) is (x & 255, y & 255, (x + y) & 255,
 // 255), cut into tiles of the CPU preferred size; a ScaledImageSource reduces it by the factor S
@@ -218,7 +220,7 @@ bool parseScale(const std::string& text, double& scale) {
 struct Options {
     unsigned long width = 0, height = 0;
     double scale = 0;
-    unsigned long cacheMb = 256;
+    unsigned long cacheMb = 0;  // 0: 256, or 64 with --save (a save reads each tile once)
     unsigned long batch = 0;  // tiles per request; 0: from the cache limit
     bool check = false;
     std::string save;  // write the scaled image here instead of fetching its tiles
@@ -258,6 +260,7 @@ int parseOptions(const std::vector<std::string>& args, Options& o) {
             return usageError("pipeline: --cache-mb must be a number from 16 to 65536");
         }
     }
+    if (o.cacheMb == 0) o.cacheMb = o.save.empty() ? 256 : 64;
     if (!haveSize) return usageError("pipeline: --size WIDTHxHEIGHT is required");
     if (!haveScale) return usageError("pipeline: --scale S is required");
     return 0;

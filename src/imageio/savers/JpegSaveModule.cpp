@@ -1,5 +1,5 @@
 // The JPEG writer of the save modules, on the codec's encoder: 8-bit RGB rows, the quality of
-// "ffm_J_sldr_JPEGQlty" (90 when unset), optimal Huffman tables, the ICC profile in APP2 markers
+// "ffm_J_sldr_JPEGQlty" (90 when unset), optimal Huffman tables up to 4 Mpixel, the ICC profile in APP2 markers
 // when "ffm_J_chck_EmbedICC" is 1, EXIF and XMP in APP1 markers.
 
 #include <algorithm>
@@ -16,6 +16,7 @@ namespace {
 
 constexpr char kXmpHeader[] = "http://ns.adobe.com/xap/1.0/";  // with its terminating zero
 constexpr size_t kLargestMarker = 65533;
+constexpr long long kLargestOptimizedPixels = 4ll << 20;
 
 class JpegSaveModule final : public SaveModule {
 public:
@@ -27,7 +28,10 @@ protected:
     bool write(const std::string& path, RowProvider& rows, int) override {
         detail::JpegExtras extras;
         extras.inputChannels = 3;
-        extras.optimizeCoding = true;
+        // Optimal Huffman tables need the whole picture's coefficients in memory before the
+        // first byte is written: only for pictures small enough for that not to matter.
+        extras.optimizeCoding =
+            (long long)rows.size().x * rows.size().y <= kLargestOptimizedPixels;
         if (_metadata) {
             // A block larger than one marker can hold is left out.
             std::string exif, xmp;
