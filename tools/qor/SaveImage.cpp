@@ -53,7 +53,9 @@ int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
         auto tiff = std::make_unique<imageio::ImageSaverTIFF>();
         tiff->setUseLZW(true);
         saver = std::move(tiff);
-        format = imaging::PfRGB16;
+        // The image's own depth: 8-bit pictures stay 8-bit, deeper ones keep 16 bits.
+        format = imaging::getBitsPerChannel(image->pixelFormat()) > 8 ? imaging::PfRGB16
+                                                                       : imaging::PfRGB8;
     } else if (ext == "exr") {
         saver = std::make_unique<imageio::ImageSaverOpenEXR>();
         format = imaging::PfRGBA16F;

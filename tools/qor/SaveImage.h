@@ -19,9 +19,9 @@ struct SaveOptions {
 // True when `path` ends in an extension saveImage writes: .jpg/.jpeg, .tif/.tiff, .exr, any case.
 bool savableExtension(const std::string& path);
 
-// Writes `image` to `path`: JPEG (8-bit RGB), TIFF (16-bit RGB, LZW) or OpenEXR (half RGBA). The
-// calling thread draws the progress bar (when standard error is a terminal) while a second thread
-// saves. Returns the exit status: 0 saved, 130 interrupted by Ctrl-C (nothing is left at `path`),
+// Writes `image` to `path`: JPEG (8-bit RGB), TIFF (RGB, LZW; 8-bit for 8-bit images, else 16-bit)
+// or OpenEXR (half RGBA). The calling thread draws the progress bar (when standard error is a
+// terminal) while a second thread saves. Returns the exit status: 0 saved, 130 interrupted by Ctrl-C (nothing is left at `path`),
 // 1 failed (one line on standard error).
 int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
               const SaveOptions& options);
