@@ -128,8 +128,7 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int 
     return _regionRead ? computeRegion(column, row) : computeThroughUnderlying(column, row);
 }
 
-SharedPtr<const ImageTile> ImageIOImageSourceBase::computeThroughUnderlying(unsigned int column,
-                                                                            unsigned int row) {
+SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
     ScopedLock<thread::Mutex> lock(_mutex);
     if (!_param.underlyingSource) {
         String path;
@@ -157,15 +156,23 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeThroughUnderlying(unsi
             throw;
         }
     }
-    // A loader's source reads the tile here, on this job's worker; any other source is asked
-    // for it (and may wait for jobs of its own).
-    if (auto* reader = dynamic_cast<detail::LoaderSourceBase*>(_param.underlyingSource.get()))
+    return _param.underlyingSource;
+}
+
+SharedPtr<const ImageTile> ImageIOImageSourceBase::computeThroughUnderlying(unsigned int column,
+                                                                            unsigned int row) {
+    const SharedPtr<ImageSource> underlying = makeUnderlyingSource();
+    // The tile is read without the mutex, so that the workers read tiles side by side and the
+    // pipeline's calls on this source (version, draw parameters) do not wait for a decode. A
+    // loader's source reads the tile here, on this job's worker; any other source is asked for
+    // it (and may wait for jobs of its own).
+    if (auto* reader = dynamic_cast<detail::LoaderSourceBase*>(underlying.get()))
         return reader->readTileNow(column, row);
-    return _param.underlyingSource->getTile(int(column), int(row), false, nullptr, {});
+    return underlying->getTile(int(column), int(row), false, nullptr, {});
 }
 
 SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int column,
-                                                                  unsigned int row) {
+                                                                 unsigned int row) {
     QOR_ASSERT_TEXT(column < (size_t)_layout.tileCount.x, "column < (size_t) _layout.tileCount.x");
     QOR_ASSERT_TEXT(row < (size_t)_layout.tileCount.y, "row < (size_t) _layout.tileCount.y");
     const math::Recti rect = _layout.getTileRect(int(column), int(row));

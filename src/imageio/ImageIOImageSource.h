@@ -17,7 +17,8 @@
 // Thread contract: tile jobs may come in at once on any threads. The source's _mutex (the
 // ImageSource mutex) guards _param.underlyingSource, _param.imageProfile and the file lock of the
 // ends, which are therefore present only between lockFile and unlockFile of one call under it.
-// Lock order: the source's mutex first, then the file lock.
+// Lock order: the source's mutex first, then the file lock. Tiles of the underlying source are
+// read without the mutex (that source serialises its own reads), so that workers read side by side.
 
 #include "base/ResourceID.h"
 #include "base/resource/ResourceFSScopedLock.h"
@@ -88,6 +89,9 @@ protected:
     virtual void unlockFile() = 0;
 
 private:
+    // The underlying source, made from the file on the first call (under _mutex, with the file
+    // locked). Throws as computeTileData.
+    SharedPtr<imaging::ImageSource> makeUnderlyingSource();
     SharedPtr<const imaging::ImageTile> computeThroughUnderlying(unsigned int column,
                                                                  unsigned int row);
     SharedPtr<const imaging::ImageTile> computeRegion(unsigned int column, unsigned int row);

@@ -214,6 +214,10 @@ void jpegRAFdatasrc(j_decompress_ptr cinfo, RandomAccessFile& file) {
     cinfo->src = &src->pub;
 }
 
+void jpegRAFdatasrcRebind(j_decompress_ptr cinfo, RandomAccessFile& file) {
+    reinterpret_cast<RafSource*>(cinfo->src)->file = &file;
+}
+
 void jpegMEMdatasrc(j_decompress_ptr cinfo, const void* data, size_t size) {
     jpeg_source_mgr* src =
         allocatePermanent<jpeg_source_mgr>(reinterpret_cast<j_common_ptr>(cinfo));

@@ -48,6 +48,11 @@ std::string jpegMessage(j_common_ptr object);
 // and ends the input the same way.
 void jpegRAFdatasrc(j_decompress_ptr cinfo, RandomAccessFile& file);
 
+// Points the source that jpegRAFdatasrc installed at `file`, the same data opened again, keeping
+// its read position and buffered bytes: a decoder that lives longer than one open file goes on
+// where it stopped.
+void jpegRAFdatasrcRebind(j_decompress_ptr cinfo, RandomAccessFile& file);
+
 // Source over `size` bytes at `data`. At their end it raises the libjpeg warning JWRN_JPEG_EOF and
 // supplies an EOI marker.
 void jpegMEMdatasrc(j_decompress_ptr cinfo, const void* data, size_t size);

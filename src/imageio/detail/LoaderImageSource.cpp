@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
+#include <new>
+#include <string>
+#include <type_traits>
 
 #include "imageio/ImageScaling.h"
+#include "imageio/detail/LoaderPixels.h"
 #include "imaging/ImagingException.h"
 #include "imaging/ImageTile.h"
 
@@ -27,32 +32,95 @@ LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType
       _imageType(imageType),
       _layout(size, tileSize, math::GenVec<int, 2>(0, 0), size),
       _postProcess(postProcess),
-      _bands(bands) {}
+      _bands(bands) {
+    // Bands of a JPEG read as stored come from one decoder that goes on from band to band.
+    if (bands && loader.format() == ImageLoader::FormatJpeg && loader.orientation() == 1 &&
+        size == loader.size()) {
+        const ImageQuality quality =
+            imageType == ImageLoader::ImageTypeFull ? ImageQualityBest : ImageQualityFast;
+        _jpeg = std::make_unique<JpegBandReader>(std::string(loader.path().view()), quality);
+    }
+}
 
 template <imaging::RawPixelFormat F>
 auto LoaderImageSource<F>::readTile(const math::Recti& rect, unsigned int row)
     -> SharedPtr<const Data> {
     if (_layout.imageSize != _loader.size()) return readReduced(rect);
     if (!_bands) return _loader.template read<Element>(_imageType, rect);
-    SharedPtr<const Data> band;
-    int bandTop = 0;
-    {
-        ScopedLock<thread::Mutex> lock(_bandMutex);
-        const math::Recti rowRect = _layout.getTileRect(0, int(row));
-        bandTop = rowRect.mins.y;
-        if (_bandRow != int(row) || !_band) {
-            _band.reset();  // let the old band go before the new one is read
-            _band = _loader.template read<Element>(
-                _imageType, math::Recti(0, rowRect.mins.y, _layout.imageSize.x, rowRect.height()));
-            _bandRow = int(row);
-        }
-        band = _band;
-    }
+    const unsigned int column = unsigned(rect.mins.x / _layout.tileSize.x);
+    const SharedPtr<const Data> band = bandFor(row, column);
+    const int bandTop = _layout.getTileRect(0, int(row)).mins.y;
     auto out = Data::create(rect.width(), rect.height());
     for (int y = 0; y < rect.height(); ++y)
         std::copy_n(band->row(rect.mins.y - bandTop + y) + size_t(rect.mins.x) * 4,
                     size_t(rect.width()) * 4, out->row(y));
     return out;
+}
+
+template <imaging::RawPixelFormat F>
+auto LoaderImageSource<F>::keptBand(unsigned int row, unsigned int column)
+    -> SharedPtr<const Data> {
+    for (KeptBand& kept : _kept) {
+        if (kept.row != int(row) || !kept.pixels) continue;
+        SharedPtr<const Data> pixels = kept.pixels;
+        if (column < kept.cut.size() && !kept.cut[column]) {
+            kept.cut[column] = true;
+            if (--kept.uncut == 0) kept = KeptBand();  // every tile has its pixels now
+        }
+        return pixels;
+    }
+    return nullptr;
+}
+
+template <imaging::RawPixelFormat F>
+auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
+    -> SharedPtr<const Data> {
+    {
+        ScopedLock<thread::Mutex> lock(_bandMutex);
+        if (SharedPtr<const Data> band = keptBand(row, column)) return band;
+    }
+    ScopedLock<thread::Mutex> decodeLock(_decodeMutex);
+    {
+        // Another tile of the row may have decoded it while this one waited.
+        ScopedLock<thread::Mutex> lock(_bandMutex);
+        if (SharedPtr<const Data> band = keptBand(row, column)) return band;
+    }
+    const math::Recti rowRect = _layout.getTileRect(0, int(row));
+    SharedPtr<const Data> band =
+        decodeBand(math::Recti(0, rowRect.mins.y, _layout.imageSize.x, rowRect.height()));
+    ScopedLock<thread::Mutex> lock(_bandMutex);
+    KeptBand kept;
+    kept.row = int(row);
+    kept.pixels = band;
+    kept.cut.assign(size_t(std::max(_layout.tileCount.x, 1)), false);
+    kept.uncut = int(kept.cut.size());
+    kept.cut[std::min(size_t(column), kept.cut.size() - 1)] = true;
+    if (--kept.uncut > 0) {
+        _kept[1] = std::move(_kept[0]);
+        _kept[0] = std::move(kept);
+    }
+    return band;
+}
+
+template <imaging::RawPixelFormat F>
+auto LoaderImageSource<F>::decodeBand(const math::Recti& rect) -> SharedPtr<const Data> {
+    if (_jpeg) {
+        ImagePtr band;
+        try {
+            band = _jpeg->read(rect.mins.y, rect.height());
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            band = nullptr;  // the loader's read below reports the file's trouble
+        }
+        if (band) {
+            if constexpr (std::is_same_v<Element, unsigned char>)
+                return band;
+            else
+                return convertImage<Element>(*band);
+        }
+    }
+    return _loader.template read<Element>(_imageType, rect);
 }
 
 template <imaging::RawPixelFormat F>

@@ -7,20 +7,29 @@
 // it and scales them down to the tile.
 //
 // With `bands` (formats that decode from the top, such as JPEG and PNG) a tile reads the whole
-// band of its tile row, full width, and the last band is kept, so that the other tiles of that row
-// are cut from it instead of decoding the file again.
+// band of its tile row, full width, and the last two bands are kept, so that the other tiles of
+// those rows are cut from them instead of decoding the file again (an output row of a scaled
+// source may need tiles of two bands). A band is let go once each of its tiles has been cut from
+// it. A JPEG shown as stored reads its bands through one JpegBandReader, which goes on from the
+// previous band instead of decoding from the first line again.
 //
-// Thread contract: tiles are computed on the pipeline's workers, several at once. _bandMutex
-// guards the kept band; it is held while a band is read, so that the tiles of one row wait for
-// one read instead of each starting their own. It nests inside no lock of the source graph (tile
-// computations run with none held) and the file is read without a path lock: the caller of
-// getImageSource chose to read the file unlocked.
+// Thread contract: tiles are computed on the pipeline's workers, several at once. _decodeMutex
+// is held while a band is decoded, so that the tiles of one row wait for one decode instead of
+// each starting their own; it guards the band reader. _bandMutex guards the kept bands and is held
+// only to look them up or change them, so that tiles of a kept band are cut while the next band
+// decodes. Lock order: _decodeMutex, then _bandMutex. Both nest inside no lock of the source
+// graph (tile computations run with none held) and the file is read without a path lock: the
+// caller of getImageSource chose to read the file unlocked.
+
+#include <memory>
+#include <vector>
 
 #include "base/thread/Mutex.h"
 #include "imageio/ImageLoader.h"
 #include "imaging/ImageSource.h"
 #include "imaging/RawImageStorage.h"
 #include "imaging/TileLayout.h"
+#include "imageio/detail/JpegBandReader.h"
 
 namespace qor::imageio::detail {
 
@@ -64,15 +73,30 @@ protected:
 private:
     SharedPtr<const Data> readTile(const math::Recti& rect, unsigned int row);
     SharedPtr<const Data> readReduced(const math::Recti& rect);
+    // The band of tile row `row`, kept or decoded now; counts `column` as cut from it.
+    SharedPtr<const Data> bandFor(unsigned int row, unsigned int column);
+    // The kept band of `row` with `column` counted as cut; null when it is not kept.
+    SharedPtr<const Data> keptBand(unsigned int row, unsigned int column) QOR_REQUIRES(_bandMutex);
+    SharedPtr<const Data> decodeBand(const math::Recti& rect) QOR_REQUIRES(_decodeMutex);
+
+    // A band kept for the tiles of its row not yet cut from it.
+    struct KeptBand {
+        int row = -1;
+        SharedPtr<const Data> pixels;
+        std::vector<bool> cut;  // per tile column: cut from this band already
+        int uncut = 0;
+    };
 
     const ImageLoader _loader;
     const int _imageType;
     const imaging::TileLayout _layout;
     const ImageLoader::PostProcess _postProcess;
     const bool _bands;
+    thread::Mutex _decodeMutex;
+    // The sequential reader of a JPEG shown as stored; null for other files.
+    std::unique_ptr<JpegBandReader> _jpeg QOR_GUARDED_BY(_decodeMutex);
     thread::Mutex _bandMutex;
-    int _bandRow QOR_GUARDED_BY(_bandMutex) = -1;  // tile row of _band; -1 for none
-    SharedPtr<const Data> _band QOR_GUARDED_BY(_bandMutex);
+    KeptBand _kept[2] QOR_GUARDED_BY(_bandMutex);  // the newest first
 };
 
 }  // namespace qor::imageio::detail
