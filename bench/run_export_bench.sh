@@ -4,7 +4,7 @@
 # TIFF, each as its own process with two threads; then `qor pipeline` saving a 30000 x 20000
 # generated image to TIFF once. Prints the wall time, CPU time and peak RSS of each run, the
 # medians and the ratios ours/vips (below 1: we are faster or smaller).
-# Our TIFF holds 16-bit samples, the one of vips 8-bit (the sample type of its input).
+# Both TIFFs hold 8-bit samples: ours follows the picture's depth, vips its input's sample type.
 # Usage: bench/run_export_bench.sh [RUNS [BIG_SIDES]]  (default 3 30000x20000)
 # BUILD_DIR picks the build folder (default build/release).
 set -euo pipefail
@@ -71,7 +71,7 @@ wall, cpu, rss = measure([qor, "pipeline", "--size", big, "--scale", "1", "--sav
                           f"{work}/x.tif"])
 size_mb = os.path.getsize(f"{work}/x.tif") / 1e6
 os.remove(f"{work}/x.tif")
-print(f"\n{big} generated image to 16-bit LZW TIFF ({size_mb:.0f} MB): wall {wall:.3f} s, "
+print(f"\n{big} generated image to 8-bit LZW TIFF ({size_mb:.0f} MB): wall {wall:.3f} s, "
       f"CPU {cpu:.3f} s, peak RSS {rss:.1f} MB (goal: under 300 MB)")
 load = os.getloadavg()
 print(f"load average after the run: {load[0]:.2f} {load[1]:.2f} {load[2]:.2f}")
