@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "GPUTestSupport.h"
@@ -146,7 +147,7 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
         bool deliveredOnGPU = false, readOnWorker = false;
         ComputedTileInfo::Status status = ComputedTileInfo::Error;
         thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
-        source->requestTiles(
+        SharedPtr<RequestHandle> handle = source->requestTiles(
             {{0, 0}}, std::make_shared<thread::DFSOrderScoreFunction>(),
             [&](const ComputedTileInfo& info) {
                 if (info.type == ComputedTileInfo::TileReady && info.tile) {
@@ -161,6 +162,15 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
             },
             false, {});
         dispatcher.pumpGLJobsUntil([&] { return ended.load(); });
+        // The request's task lets go of its jobs, and so of the texture tile, on a worker after
+        // the end record: wait for it, then free what was dropped there.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!(handle->finished() && !handle->source()) &&
+               std::chrono::steady_clock::now() < deadline) {
+            dispatcher.processGLJobs();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_FALSE(handle->source()) << "the request's task ended";
         EXPECT_EQ(status, ComputedTileInfo::Success);
         EXPECT_TRUE(deliveredOnGPU);
         EXPECT_TRUE(readOnWorker);
@@ -181,6 +191,7 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
             << "texture format " << pixelFormatString(textureFormat).c_str();
         target.reset();
         readBack.reset();
+        freeUnusedStorage();
     }
     EXPECT_GE(tested, 4) << "llvmpipe renders at least the 8-bit and float formats";
 }
