@@ -128,14 +128,28 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int 
     return _regionRead ? computeRegion(column, row) : computeThroughUnderlying(column, row);
 }
 
+void ImageIOImageSourceBase::withLockedFile(const char* failure,
+                                            const Function1<void, const String&>& read) {
+    String path;
+    bool locked = false;
+    try {
+        path = lockFile();
+        locked = true;
+        read(path);
+        locked = false;
+        unlockFile();
+    } catch (const std::exception& e) {
+        if (locked) unlockFile();
+        QOR_ASSERT_TEXT(false, "false");
+        QOR_LOG(LogError, failure, path, e.what());
+        throw;
+    }
+}
+
 SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
     ScopedLock<thread::Mutex> lock(_mutex);
     if (!_param.underlyingSource) {
-        String path;
-        bool locked = false;
-        try {
-            path = lockFile();
-            locked = true;
+        withLockedFile("ImageIOImageSource: failed to read file '%*': %*", [&](const String& path) {
             ImageLoader loader(path, false);
             if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
             const ImageLoader::PostProcess post =
@@ -147,14 +161,7 @@ SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
             QOR_ASSERT_TEXT(_layout == source->tileLayout(),
                             "_layout == _underlyingSource->tileLayout()");
             _param.underlyingSource = source;
-            locked = false;
-            unlockFile();
-        } catch (const std::exception& e) {
-            if (locked) unlockFile();
-            QOR_ASSERT_TEXT(false, "false");
-            QOR_LOG(LogError, "ImageIOImageSource: failed to read file '%*': %*", path, e.what());
-            throw;
-        }
+        });
     }
     return _param.underlyingSource;
 }
@@ -184,39 +191,26 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
     SharedPtr<ColorProfile> imageProfile;
     {
         ScopedLock<thread::Mutex> lock(_mutex);
-        String path;
-        bool locked = false;
-        try {
-            path = lockFile();
-            locked = true;
-            {
-                ImageLoader loader(path, false);
-                if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
-                if (loader.size() == _layout.imageSize) {
-                    tiledata = loader.getImage4ub(_imageType, rect);
-                } else {
-                    // A resource source smaller than its file: the pixels under the tile, reduced.
-                    const Vec2i full = loader.size();
-                    const double sx = double(full.x) / _layout.imageSize.x;
-                    const double sy = double(full.y) / _layout.imageSize.y;
-                    const math::Recti under(
-                        Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
-                        Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
-                              std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
-                    tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
-                                                          rect.width(), rect.height(), ScaleExact);
-                }
+        withLockedFile("ImageIOImageSource: failed to read image data for '%*': %*",
+                       [&](const String& path) {
+            ImageLoader loader(path, false);
+            if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
+            if (loader.size() == _layout.imageSize) {
+                tiledata = loader.getImage4ub(_imageType, rect);
+            } else {
+                // A resource source smaller than its file: the pixels under the tile, reduced.
+                const Vec2i full = loader.size();
+                const double sx = double(full.x) / _layout.imageSize.x;
+                const double sy = double(full.y) / _layout.imageSize.y;
+                const math::Recti under(
+                    Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
+                    Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
+                          std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
+                tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
+                                                      rect.width(), rect.height(), ScaleExact);
             }
             imageProfile = _param.imageProfile;
-            locked = false;
-            unlockFile();
-        } catch (const std::exception& e) {
-            if (locked) unlockFile();
-            QOR_ASSERT_TEXT(false, "false");
-            QOR_LOG(LogError, "ImageIOImageSource: failed to read image data for '%*': %*", path,
-                    e.what());
-            throw;
-        }
+        });
     }
     // The colour work runs without the mutex, so that several tiles convert side by side.
     if (tiledata && _commonProfile && imageProfile) {

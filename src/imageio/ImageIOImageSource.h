@@ -92,6 +92,9 @@ private:
     // The underlying source, made from the file on the first call (under _mutex, with the file
     // locked). Throws as computeTileData.
     SharedPtr<imaging::ImageSource> makeUnderlyingSource();
+    // Runs `read` with the file locked and its path; on a failure the file is unlocked, the line
+    // `failure` (path, reason) logged and the exception thrown on. Called under _mutex.
+    void withLockedFile(const char* failure, const Function1<void, const String&>& read);
     SharedPtr<const imaging::ImageTile> computeThroughUnderlying(unsigned int column,
                                                                  unsigned int row);
     SharedPtr<const imaging::ImageTile> computeRegion(unsigned int column, unsigned int row);
