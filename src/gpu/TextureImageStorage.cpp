@@ -345,7 +345,8 @@ std::size_t TextureStorageCollector::collect() {
     // Deleted outside the mutex: a texture going back to the cache may run the cache's
     // bookkeeping, and nothing may wait on this mutex meanwhile.
     for (TextureImageStorage* storage : dropped) delete storage;
-    QOR_LOG(LogDebug, "TextureStorageCollector: %*", dropped.size());
+    // The debug figure is what is still waiting: storages dropped on workers meanwhile.
+    QOR_LOG(LogDebug, "TextureStorageCollector: %*", size());
     return dropped.size();
 }
 

@@ -164,10 +164,13 @@ TEST_F(TextureImageStorageTest, TilesBecomeTextureStorageThroughTheRegisteredHan
     ASSERT_TRUE(gpu);
     EXPECT_EQ(ImageStorageManager::instance()->memoryConsumption(SaGPU) >= gpu->memoryConsumption(),
               true);
-    // Writing through the texture drops the processor copy; reading brings it back.
+    // Writing through the texture drops the processor copy; reading brings it back. `raw` is
+    // still held here, which the tile reports.
     gpu.reset();
     SharedPtr<ImageTile> mutableTile = tile;
+    LogCapture log;
     mutableTile->getDataTarget<TextureImageStorage>();
+    EXPECT_EQ(log.count("not unique on ImageTile::clearUnlocked()!"), 1u);
     EXPECT_FALSE(tile->hasData<RawImageStorage>());
     auto back = tile->getData<RawImageStorage>();
     ASSERT_TRUE(back);

@@ -11,9 +11,11 @@
 #include "TileTestSupport.h"
 #include "base/Log.h"
 #include "base/thread/DFSOrderScoreFunction.h"
+#include "base/thread/DependentJobExecutor.h"
 #include "base/thread/JobDispatcher.h"
 #include "gpu/TextureImageStorage.h"
 #include "gpu/TextureOperatorImageSource.h"
+#include "imaging/ImageSourceJobs.h"
 #include "imaging/ImageTile.h"
 #include "imaging/SimpleImageSource.h"
 
@@ -86,6 +88,76 @@ TEST_F(TextureImageStorageThreads, CreatingATextureOnAWorkerIsRefused) {
     // The tile asks the handler once from its processor copy and once more after reading it.
     EXPECT_GE(log.count("Trying to create a texture from a non-gl thread!"), 1u);
     EXPECT_FALSE(tile->hasData<TextureImageStorage>());
+}
+
+// Four 32 x 32 tiles of a 64 x 64 pattern, each a tile of its own with the pattern's pixels at its
+// place; on the card (texture storage only) or in processor memory.
+container::Array2D<SharedPtr<const ImageTile>> patternTiles(bool onCard) {
+    auto whole = patternTile(Vec2i(64, 64));
+    container::Array2D<SharedPtr<const ImageTile>> tiles;
+    tiles.assign(2, 2, nullptr);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 2; ++x) {
+            auto tile = ImageTile::createNonCached(Vec2i(32, 32), PfRGBA16F);
+            tile->writeSubRect(whole->getData<RawImageStorage>().get(),
+                               Recti(x * 32, y * 32, 32, 32), Vec2i(0, 0));
+            if (onCard) tile->getDataTarget<TextureImageStorage>();
+            tiles(x, y) = tile;
+        }
+    return tiles;
+}
+
+// A tile assembled for the card from tiles on the card, or from processor tiles that move there
+// first: the job runs on the GL thread though a worker processes it, copies texture to texture,
+// and its result holds the region of the pattern.
+TEST_F(TextureImageStorageThreads, AssemblyForTheCardRunsOnTheGLThreadAndCopiesTheRegion) {
+    for (bool inputsOnCard : {true, false}) {
+        SCOPED_TRACE(inputsOnCard ? "inputs on the card" : "inputs in processor memory");
+        container::Array2D<SharedPtr<const ImageTile>> tiles = patternTiles(inputsOnCard);
+        auto job = std::make_shared<TileAssemblyJob>();
+        job->layout = TileLayout({64, 64}, {32, 32}, {0, 0}, {64, 64});
+        job->format = PfRGBA16F;
+        job->rect = Recti(10, 20, 40, 30);
+        job->startTile = {0, 0};
+        job->setDestIsGPU(true);
+        job->tileGetters.assign(2, 2, ImageSource::TileGetter());
+        for (int y = 0; y < 2; ++y)
+            for (int x = 0; x < 2; ++x) job->tileGetters(x, y) = [t = tiles(x, y)] { return t; };
+        // The executor drops the job's tiles once it is done: the result is the last tile handed
+        // to the transfer function.
+        std::atomic<int> offGLThread{0}, calls{0};
+        SharedPtr<const ImageTile> result;
+        job->transferFunction = [&](const SharedPtr<const ImageTile>& tile) {
+            ++calls;
+            result = tile;
+            if (!renderer()->isValidRenderThread()) ++offGLThread;
+            tile->getData<TextureImageStorage>();  // as a request moves tiles to the card
+        };
+        bool processed = false;
+        onWorkerWhilePumping([&] {
+            thread::DependentJobExecutor executor;
+            processed = executor.process(nullptr, {job}, {});
+        });
+        ASSERT_TRUE(processed) << job->exceptionMessage();
+        EXPECT_EQ(offGLThread.load(), 0);
+        // The result, and the four inputs when they had to move.
+        EXPECT_EQ(calls.load(), inputsOnCard ? 1 : 5);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->size(), (GenVec<int, 2>(40, 30)));
+        EXPECT_TRUE(result->hasData<TextureImageStorage>());
+        if (inputsOnCard) {
+            EXPECT_FALSE(result->hasData<RawImageStorage>());
+        }
+        SharedPtr<RawImageStorage> pixels = result->getData<RawImageStorage>();
+        auto expected = patternTile(Vec2i(64, 64));
+        // Texture to texture and back in the same half-float format: bit for bit.
+        EXPECT_EQ(test::maxDifference<PfRGBA16F>(*pixels, *expected->getData<RawImageStorage>(),
+                                                 Recti(Vec2i(40, 30)), Vec2i(10, 20)),
+                  0.0);
+        pixels.reset();
+        result.reset();
+    }
+    freeUnusedStorage();
 }
 
 // The processor's result of filters/Levels on the pattern, against the GPU tile read back.
