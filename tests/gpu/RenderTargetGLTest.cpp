@@ -4,6 +4,11 @@
 #include <cstdio>
 #include <functional>
 
+#include <epoxy/egl.h>
+
+#include <vector>
+
+#include "GLTestContext.h"
 #include "GPUTestSupport.h"
 #include "gpu/Drawer.h"
 #include "gpu/RenderTarget.h"
@@ -322,6 +327,80 @@ TEST_F(RenderTargetGLTest, FinishingLeavesTheFramebufferBoundUnlessAskedToUnbind
     glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &bound);
     EXPECT_EQ(bound, 0);
     EXPECT_FALSE(FramebufferObject::getBoundFBO(FBO_Bind_Draw));
+}
+
+// A pbuffer made current with the test context for the life of the scope, so that the context
+// has a frame buffer of its own; the context goes back to no surface afterwards.
+class PbufferScope {
+public:
+    PbufferScope(Vec2i size) {
+        test::GLTestContext* gl = test::GLTestContext::obtain();
+        _display = EGLDisplay(gl->display());
+        _context = EGLContext(gl->context());
+        const EGLint wanted[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                 EGL_OPENGL_BIT,   EGL_RED_SIZE,    8,
+                                 EGL_GREEN_SIZE,   8,               EGL_BLUE_SIZE,
+                                 8,                EGL_ALPHA_SIZE,  8,
+                                 EGL_NONE};
+        EGLConfig config = nullptr;
+        EGLint count = 0;
+        if (!eglChooseConfig(_display, wanted, &config, 1, &count) || count == 0) return;
+        const EGLint attributes[] = {EGL_WIDTH, size.x, EGL_HEIGHT, size.y, EGL_NONE};
+        _surface = eglCreatePbufferSurface(_display, config, attributes);
+        if (_surface != EGL_NO_SURFACE && !eglMakeCurrent(_display, _surface, _surface, _context)) {
+            eglDestroySurface(_display, _surface);
+            _surface = EGL_NO_SURFACE;
+        }
+    }
+    ~PbufferScope() {
+        if (_surface == EGL_NO_SURFACE) return;
+        eglMakeCurrent(_display, EGL_NO_SURFACE, EGL_NO_SURFACE, _context);
+        eglDestroySurface(_display, _surface);
+    }
+    bool current() const { return _surface != EGL_NO_SURFACE; }
+
+private:
+    EGLDisplay _display = EGL_NO_DISPLAY;
+    EGLContext _context = EGL_NO_CONTEXT;
+    EGLSurface _surface = EGL_NO_SURFACE;
+};
+
+// The frame buffer target takes the size of the current surface, draws on framebuffer 0 even
+// when a framebuffer object was bound, and its clipping lands where a texture target's does.
+TEST_F(RenderTargetGLTest, TheFramebufferTargetDrawsOnTheCurrentSurface) {
+    PbufferScope pbuffer(Vec2i(40, 30));
+    if (!pbuffer.current()) GTEST_SKIP() << "no pbuffer for the headless context";
+    const Recti clip(4, 6, 10, 7);
+    // The same clear on a texture target first, which also leaves its framebuffer object bound.
+    auto texture = makeTarget(*_renderer, Vec2i(40, 30), PfRGBA8);
+    auto screen = _renderer->createFramebufferTarget();
+    ASSERT_TRUE(screen);
+    EXPECT_EQ(screen->size(), Vec2i(40, 30));
+    for (RenderTarget* target : {static_cast<RenderTarget*>(texture.get()),
+                                 static_cast<RenderTarget*>(screen.get())}) {
+        SharedPtr<Drawer> drawer = target->beginRender();
+        drawer->clear(0, 0, 1, 1);
+        drawer->setClipping(clip, true);
+        drawer->clear(1, 0, 0, 1);
+        target->finishRender(drawer);
+    }
+    auto expected = GenImageData<unsigned char, 4>::create(40, 30);
+    texture->readBackRGBA(expected, Recti(Vec2i(40, 30)));
+
+    glwBindFramebuffer(0, FBO_Bind_Read);
+    std::vector<unsigned char> rows(40 * 30 * 4);
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glReadPixels(0, 0, 40, 30, GL_RGBA, GL_UNSIGNED_BYTE, rows.data());
+    int red = 0, mismatches = 0;
+    for (int y = 0; y < 30; ++y)
+        for (int x = 0; x < 40; ++x) {
+            // Both in GL's row order: row y of the read-back is row y of the frame buffer.
+            const unsigned char* got = &rows[size_t(y * 40 + x) * 4];
+            if (got[0] == 255 && got[2] == 0) ++red;
+            for (int c = 0; c < 4; ++c) mismatches += got[c] != expected->at(x, y, c);
+        }
+    EXPECT_EQ(red, clip.width() * clip.height());
+    EXPECT_EQ(mismatches, 0);
 }
 
 TEST_F(RenderTargetGLTest, TheSelfCheckDrawsAndReadsBack) {
