@@ -16,6 +16,7 @@
 #include "imageio/detail/LoaderPixels.h"
 #include "imageio/detail/MetadataText.h"
 #include "imageio/detail/PathExtension.h"
+#include "imageio/detail/PngBandReader.h"
 #include "imageio/detail/RandomAccessFileIo.h"
 #include "imageio/detail/RegionReaders.h"
 #include "imaging/ImagingException.h"
@@ -183,6 +184,28 @@ SharedPtr<imaging::GenImageData<T, 4>> ImageLoader::readStored(int imageType,
         if (_format == FormatTiff)
             return detail::readTiffRegion<T>(std::string(_path.view()), rect);
         if (_format == FormatExr) return detail::readExrRegion<T>(std::string(_path.view()), rect);
+        if (_format == FormatPng) {
+            // 16-bit rows of the region's lines, decoded from the top, keep a 16-bit file's
+            // samples; an interlaced or broken file goes the 8-bit road, which reports it.
+            SharedPtr<imaging::GenImageData<unsigned short, 4>> lines;
+            try {
+                lines = detail::PngBandReader(std::string(_path.view()))
+                            .read<unsigned short>(rect.mins.y, rect.height());
+            } catch (const std::bad_alloc&) {
+                throw;
+            } catch (const std::exception&) {
+                lines = nullptr;
+            }
+            if (lines) {
+                const auto region = detail::orientRegion(
+                    *lines, math::Recti(0, rect.mins.y, lines->width(), rect.height()), 1,
+                    _storedSize, rect);
+                if constexpr (std::is_same_v<T, unsigned short>)
+                    return region;
+                else
+                    return detail::convertImage<T>(*region);
+            }
+        }
         return detail::convertImage<T>(*readStored8(imageType, rect));
     }
 }

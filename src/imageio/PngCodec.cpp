@@ -1,4 +1,5 @@
-// loadPng: PNG files of every colour type and depth into 8-bit RGBA, on libpng's read path.
+// loadPng: PNG files of every colour type and depth into 8-bit RGBA, on libpng's read path, set
+// up as PngBandReader sets it up (detail/PngBandReader.h), so that both give the same pixels.
 //
 // libpng reports errors by long-jumping to the setjmp of its read struct. The state of a call
 // lives on the heap, and its destructor destroys the read struct, so that every way out of the
@@ -14,6 +15,7 @@
 
 #include "base/Log.h"
 #include "imageio/ImageIO.h"
+#include "imageio/detail/PngBandReader.h"
 
 namespace qor::imageio {
 
@@ -26,93 +28,34 @@ struct PngState {
         if (png) png_destroy_read_struct(&png, info ? &info : nullptr, nullptr);
     }
 
-    RandomAccessFile* file = nullptr;
-    std::string name;
+    detail::PngInput input;
     png_structp png = nullptr;
     png_infop info = nullptr;
-    uint64_t position = 0;  // read position of qorPngRead
-    std::string error;      // the message of the last libpng error
 
     png_uint_32 width = 0;
     png_uint_32 height = 0;
-    int bitDepth = 0;
-    int colorType = 0;
     bool alpha = false;
     std::vector<png_byte> buffer;  // one RGB row, for pictures without alpha
     ImagePtr image;
     SharedPtr<Metadata> metadata;
 };
 
-// png_error long-jumps out of here; nothing with a destructor is alive when it is called.
-void qorPngRead(png_structp png, png_bytep data, png_size_t length) {
-    PngState* s = static_cast<PngState*>(png_get_io_ptr(png));
-    bool ok = false;
-    try {
-        ok = s->file->readAt(s->position, data, length) == length;
-    } catch (const std::exception&) {
-        ok = false;
-    }
-    if (!ok) {
-        QOR_LOG(LogError, "Couldn't read from file '%*'", s->name);
-        png_error(png, "Read error in qor_png_read_function");
-    }
-    s->position += length;
-}
-
-[[noreturn]] void qorPngError(png_structp png, png_const_charp message) {
-    PngState* s = static_cast<PngState*>(png_get_error_ptr(png));
-    try {
-        s->error = message ? message : "";
-    } catch (...) {
-        // keep the previous text: the error itself is what matters
-    }
-    png_longjmp(png, 1);
-}
-
-void qorPngWarning(png_structp png, png_const_charp message) {
-    PngState* s = static_cast<PngState*>(png_get_error_ptr(png));
-    QOR_LOG(LogDebug, "libpng: %* ('%*')", message ? message : "", s->name);
-}
-
 // Reads the header and, when `wantImage`, the pixels. May long-jump out (libpng errors) and throw
 // std::bad_alloc (the pixels).
 void readPng(PngState& s, bool wantImage, bool wantMetadata) {
     png_structp png = s.png;
     png_infop info = s.info;
-    png_set_read_fn(png, &s, qorPngRead);
-    png_set_sig_bytes(png, 8);
-#if defined(FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION)
-    // Fuzzing only: mutated files would otherwise rarely get past the checksums.
-    png_set_crc_action(png, PNG_CRC_QUIET_USE, PNG_CRC_QUIET_USE);
-#ifdef PNG_IGNORE_ADLER32
-    png_set_option(png, PNG_IGNORE_ADLER32, PNG_OPTION_ON);
-#endif
-#endif
     png_read_info(png, info);
-    png_get_IHDR(png, info, &s.width, &s.height, &s.bitDepth, &s.colorType, nullptr, nullptr,
-                 nullptr);
+    s.width = png_get_image_width(png, info);
+    s.height = png_get_image_height(png, info);
     if (wantMetadata) {
         s.metadata = std::make_shared<Metadata>();
         s.metadata->set(MetadataField::Imagesize, Vec2i(int(s.width), int(s.height)));
     }
     if (!wantImage) return;
 
-    if (s.colorType == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
-    if (s.colorType == PNG_COLOR_TYPE_GRAY && s.bitDepth < 8) png_set_expand_gray_1_2_4_to_8(png);
-    s.alpha = (s.colorType & PNG_COLOR_MASK_ALPHA) != 0;
-    if (png_get_valid(png, info, PNG_INFO_tRNS)) {
-        png_set_tRNS_to_alpha(png);
-        s.alpha = true;
-    }
-    if (s.bitDepth == 16) png_set_strip_16(png);
-    if ((s.colorType & ~PNG_COLOR_MASK_ALPHA) == PNG_COLOR_TYPE_GRAY) png_set_gray_to_rgb(png);
-    const int passes = png_set_interlace_handling(png);
-    png_read_update_info(png, info);
-    // The transforms above must have made rows of 8-bit RGB or RGBA; anything else would overrun
-    // the rows below.
-    if (png_get_rowbytes(png, info) != size_t(s.width) * (s.alpha ? 4 : 3))
-        png_error(png, "unexpected row layout after the transformations");
-
+    int passes = 1;
+    s.alpha = detail::setPngTransforms(png, info, 8, false, &passes);
     s.image = Image4ub::create(int(s.width), int(s.height));
     if (passes > 1) {
         // Later passes fill in pixels between those of earlier ones; start from defined memory.
@@ -145,7 +88,7 @@ void readPng(PngState& s, bool wantImage, bool wantMetadata) {
 
 bool decodePng(PngState& s, bool wantImage, bool wantMetadata) {
     if (setjmp(png_jmpbuf(s.png))) {
-        QOR_LOG(LogWarning, "loadPng: libpng failed with: %* ('%*')", s.error, s.name);
+        QOR_LOG(LogWarning, "loadPng: libpng failed with: %* ('%*')", s.input.error, s.input.name);
         return false;
     }
     readPng(s, wantImage, wantMetadata);
@@ -167,12 +110,10 @@ bool loadPng(RandomAccessFile& file, ImagePtr* image, SharedPtr<Metadata>* metad
         }
         const std::unique_ptr<PngState> state = std::make_unique<PngState>();
         PngState& s = *state;
-        s.file = &file;
-        s.name = name;
-        s.position = 8;
-        s.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &s, qorPngError, qorPngWarning);
-        if (s.png) s.info = png_create_info_struct(s.png);
-        if (!s.png || !s.info) {
+        s.input.file = &file;
+        s.input.name = name;
+        s.input.position = 8;
+        if (!detail::createPngReader(s.input, &s.png, &s.info)) {
             QOR_LOG(LogError, "loadPng: libpng could not be set up for '%*'", name);
             return false;
         }

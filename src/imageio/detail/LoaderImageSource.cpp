@@ -33,14 +33,44 @@ LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType
       _layout(size, tileSize, math::GenVec<int, 2>(0, 0), size),
       _postProcess(postProcess),
       _bands(bands) {
-    // Bands of a JPEG read as stored come from one decoder that goes on from band to band.
-    if (bands && loader.format() == ImageLoader::FormatJpeg && loader.orientation() == 1 &&
-        size == loader.size()) {
+    // Bands of a JPEG or PNG read as stored come from one decoder that goes on from band to band.
+    if (!bands || loader.orientation() != 1 || size != loader.size()) return;
+    const std::string path(loader.path().view());
+    if (loader.format() == ImageLoader::FormatJpeg) {
         const ImageQuality quality =
             imageType == ImageLoader::ImageTypeFull ? ImageQualityBest : ImageQualityFast;
-        _jpeg = std::make_unique<JpegBandReader>(std::string(loader.path().view()), quality);
+        _jpeg = std::make_unique<JpegBandReader>(path, quality);
+    } else if (loader.format() == ImageLoader::FormatPng) {
+        _png = std::make_unique<PngBandReader>(path);
     }
 }
+
+namespace {
+
+// The band that `read` gives from `reader`, or null when it throws anything but std::bad_alloc:
+// the loader's own read, which the caller falls back to, reports the file's trouble.
+template <class Reader, class Read>
+auto bandOrNull(Reader& reader, Read read) -> decltype(read(reader)) {
+    try {
+        return read(reader);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
+// `band` with Element samples: itself when it has them already.
+template <class Element, class T>
+SharedPtr<const imaging::GenImageData<Element, 4>> withElements(
+    const SharedPtr<imaging::GenImageData<T, 4>>& band) {
+    if constexpr (std::is_same_v<Element, T>)
+        return band;
+    else
+        return convertImage<Element>(*band);
+}
+
+}  // namespace
 
 template <imaging::RawPixelFormat F>
 auto LoaderImageSource<F>::readTile(const math::Recti& rect, unsigned int row)
@@ -104,21 +134,19 @@ auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
 
 template <imaging::RawPixelFormat F>
 auto LoaderImageSource<F>::decodeBand(const math::Recti& rect) -> SharedPtr<const Data> {
+    const int top = rect.mins.y, height = rect.height();
     if (_jpeg) {
-        ImagePtr band;
-        try {
-            band = _jpeg->read(rect.mins.y, rect.height());
-        } catch (const std::bad_alloc&) {
-            throw;
-        } catch (const std::exception&) {
-            band = nullptr;  // the loader's read below reports the file's trouble
-        }
-        if (band) {
-            if constexpr (std::is_same_v<Element, unsigned char>)
-                return band;
-            else
-                return convertImage<Element>(*band);
-        }
+        if (ImagePtr band = bandOrNull(
+                *_jpeg, [&](JpegBandReader& reader) { return reader.read(top, height); }))
+            return withElements<Element>(band);
+    }
+    if (_png) {
+        // 8-bit sources take 8-bit rows; the others 16-bit rows, exact for 16-bit files.
+        using Row = std::conditional_t<std::is_same_v<Element, unsigned char>, unsigned char,
+                                       unsigned short>;
+        if (auto band = bandOrNull(
+                *_png, [&](PngBandReader& reader) { return reader.read<Row>(top, height); }))
+            return withElements<Element>(band);
     }
     return _loader.template read<Element>(_imageType, rect);
 }

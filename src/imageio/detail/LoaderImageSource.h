@@ -10,12 +10,13 @@
 // band of its tile row, full width, and the last two bands are kept, so that the other tiles of
 // those rows are cut from them instead of decoding the file again (an output row of a scaled
 // source may need tiles of two bands). A band is let go once each of its tiles has been cut from
-// it. A JPEG shown as stored reads its bands through one JpegBandReader, which goes on from the
-// previous band instead of decoding from the first line again.
+// it. A JPEG or PNG shown as stored reads its bands through one JpegBandReader or PngBandReader,
+// which goes on from the previous band instead of decoding from the first line again; a PNG source
+// in PfRGBA16 or PfRGBA32F reads 16-bit rows, so that the samples of a 16-bit file stay exact.
 //
 // Thread contract: tiles are computed on the pipeline's workers, several at once. _decodeMutex
 // is held while a band is decoded, so that the tiles of one row wait for one decode instead of
-// each starting their own; it guards the band reader. _bandMutex guards the kept bands and is held
+// each starting their own; it guards the band readers. _bandMutex guards the kept bands and is held
 // only to look them up or change them, so that tiles of a kept band are cut while the next band
 // decodes. Lock order: _decodeMutex, then _bandMutex. Both nest inside no lock of the source
 // graph (tile computations run with none held) and the file is read without a path lock: the
@@ -30,6 +31,7 @@
 #include "imaging/RawImageStorage.h"
 #include "imaging/TileLayout.h"
 #include "imageio/detail/JpegBandReader.h"
+#include "imageio/detail/PngBandReader.h"
 
 namespace qor::imageio::detail {
 
@@ -95,6 +97,8 @@ private:
     thread::Mutex _decodeMutex;
     // The sequential reader of a JPEG shown as stored; null for other files.
     std::unique_ptr<JpegBandReader> _jpeg QOR_GUARDED_BY(_decodeMutex);
+    // The sequential reader of a PNG shown as stored; null for other files.
+    std::unique_ptr<PngBandReader> _png QOR_GUARDED_BY(_decodeMutex);
     thread::Mutex _bandMutex;
     KeptBand _kept[2] QOR_GUARDED_BY(_bandMutex);  // the newest first
 };
