@@ -85,8 +85,9 @@ public:
     // A source of the picture in `format` (PfRGBA8, PfRGBA16 or PfRGBA32F), tiled by `tileSize`
     // from (0, 0), whose tiles are read from the file when they are computed (`scaleType` is the
     // image type of the reads). Formats that read regions cheaply (TIFF, OpenEXR) read each tile
-    // by itself; the others read one band of tile rows at a time, keep the last band, and serve
-    // the tiles of the row from it. The source keeps the path, not the file: it reopens the file
+    // by itself; the others read one band of a tile row at a time, keep the last bands, and serve
+    // the tiles of the row from them (JPEG and PNG decode each line once going down). The source
+    // keeps the path, not the file: it reopens the file
     // for each read and takes no lock. A `size` smaller than the picture's (in PfRGBA8 only) gives
     // the picture reduced to it: each tile reads the pixels under it and scales them down. Throws
     // ImageLoaderException for another format, an empty tile size or a size that is larger than

@@ -153,6 +153,24 @@ TEST(LoaderImageSource, JpegTilesInAnyOrderMatchRegionReads) {
     readTilesInOrder<imaging::PfRGBA16>(loader, *rgba16, shuffledTiles(count, 11, 2));
 }
 
+// Tiles asked for column by column: two kept bands would decode the file once per column (five
+// times here). The first band read again spans all four rows, so the source keeps them all from
+// then on: at most the first column's pass and one more from the top.
+TEST(LoaderImageSource, ColumnByColumnTilesDecodeTheFileAtMostTwice) {
+    TempFolder folder;
+    const ImageLoader loader(
+        ImageLoader::String(folder.write("t.jpg", testing::makeJpeg(Width, Height))));
+    const auto source = tileSource(loader, imaging::PfRGBA8);
+    ASSERT_TRUE(source);
+    const Vec2i count = source->tileLayout().tileCount;
+    ASSERT_EQ(count, Vec2i(5, 4));
+    std::vector<Vec2i> columns;
+    for (int x = 0; x < count.x; ++x)
+        for (int y = 0; y < count.y; ++y) columns.emplace_back(x, y);
+    readTilesInOrder<imaging::PfRGBA8>(loader, *source, columns);
+    EXPECT_LE(source->linesDecoded(), 2 * Height);
+}
+
 TEST(LoaderImageSourceThreads, JpegTilesReadAtOnceMatchRegionReads) {
     TempFolder folder;
     const ImageLoader loader(

@@ -32,7 +32,11 @@ LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType
       _imageType(imageType),
       _layout(size, tileSize, math::GenVec<int, 2>(0, 0), size),
       _postProcess(postProcess),
-      _bands(bands) {
+      _bands(bands),
+      _maxKept(std::max<std::size_t>(
+          2, kKeptBandBytes / std::max<std::size_t>(1, std::size_t(std::max(size.x, 1)) *
+                                                            std::size_t(std::max(tileSize.y, 1)) *
+                                                            4 * sizeof(Element)))) {
     // Bands of a JPEG or PNG read as stored come from one decoder that goes on from band to band.
     if (!bands || loader.orientation() != 1 || size != loader.size()) return;
     const std::string path(loader.path().view());
@@ -88,14 +92,22 @@ auto LoaderImageSource<F>::readTile(const math::Recti& rect, unsigned int row)
 }
 
 template <imaging::RawPixelFormat F>
+long long LoaderImageSource<F>::linesDecoded() {
+    ScopedLock<thread::Mutex> lock(_decodeMutex);
+    if (_jpeg) return _jpeg->linesDecoded();
+    if (_png) return _png->linesDecoded();
+    return 0;
+}
+
+template <imaging::RawPixelFormat F>
 auto LoaderImageSource<F>::keptBand(unsigned int row, unsigned int column)
     -> SharedPtr<const Data> {
-    for (KeptBand& kept : _kept) {
-        if (kept.row != int(row) || !kept.pixels) continue;
-        SharedPtr<const Data> pixels = kept.pixels;
-        if (column < kept.cut.size() && !kept.cut[column]) {
-            kept.cut[column] = true;
-            if (--kept.uncut == 0) kept = KeptBand();  // every tile has its pixels now
+    for (auto it = _kept.begin(); it != _kept.end(); ++it) {
+        if (it->row != int(row)) continue;
+        SharedPtr<const Data> pixels = it->pixels;
+        if (column < it->cut.size() && !it->cut[column]) {
+            it->cut[column] = true;
+            if (--it->uncut == 0) _kept.erase(it);  // every tile has its pixels now
         }
         return pixels;
     }
@@ -118,7 +130,13 @@ auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
     const math::Recti rowRect = _layout.getTileRect(0, int(row));
     SharedPtr<const Data> band =
         decodeBand(math::Recti(0, rowRect.mins.y, _layout.imageSize.x, rowRect.height()));
+    // A row at or above the furthest one decoded is read a second time (from the top, for the
+    // sequential readers): keep enough bands to span the two from now on.
+    const int furthest = _furthestRow;
+    _furthestRow = std::max(_furthestRow, int(row));
     ScopedLock<thread::Mutex> lock(_bandMutex);
+    if (int(row) <= furthest)
+        _keepLimit = std::min(_maxKept, std::max(_keepLimit, std::size_t(furthest - int(row)) + 2));
     KeptBand kept;
     kept.row = int(row);
     kept.pixels = band;
@@ -126,8 +144,8 @@ auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
     kept.uncut = int(kept.cut.size());
     kept.cut[std::min(size_t(column), kept.cut.size() - 1)] = true;
     if (--kept.uncut > 0) {
-        _kept[1] = std::move(_kept[0]);
-        _kept[0] = std::move(kept);
+        _kept.insert(_kept.begin(), std::move(kept));
+        if (_kept.size() > _keepLimit) _kept.resize(_keepLimit);
     }
     return band;
 }

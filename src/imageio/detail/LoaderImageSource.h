@@ -7,10 +7,13 @@
 // it and scales them down to the tile.
 //
 // With `bands` (formats that decode from the top, such as JPEG and PNG) a tile reads the whole
-// band of its tile row, full width, and the last two bands are kept, so that the other tiles of
-// those rows are cut from them instead of decoding the file again (an output row of a scaled
-// source may need tiles of two bands). A band is let go once each of its tiles has been cut from
-// it. A JPEG or PNG shown as stored reads its bands through one JpegBandReader or PngBandReader,
+// band of its tile row, full width, and the last bands are kept, so that the other tiles of those
+// rows are cut from them instead of decoding the file again. Two are kept at first (an output row
+// of a scaled source may need tiles of two bands). A band decoded again, after the decoder went
+// past it, means the tiles are asked for in an order that two bands do not serve (column by
+// column, or a scaled source reaching over several bands): the number kept then grows to span
+// that band and the furthest one decoded, within kKeptBandBytes. A band is let go once each of its
+// tiles has been cut from it. A JPEG or PNG shown as stored reads its bands through one JpegBandReader or PngBandReader,
 // which goes on from the previous band instead of decoding from the first line again; a PNG source
 // in PfRGBA16 or PfRGBA32F reads 16-bit rows, so that the samples of a 16-bit file stay exact.
 //
@@ -42,6 +45,9 @@ public:
     // Reads tile (column, row) now. Throws as computeTileData.
     virtual SharedPtr<const imaging::ImageTile> readTileNow(unsigned int column,
                                                             unsigned int row) = 0;
+    // Lines the source's band decoder decoded so far (for tests and measurements); 0 for a
+    // source without one.
+    virtual long long linesDecoded() { return 0; }
 
 protected:
     using ImageSource::ImageSource;
@@ -63,6 +69,10 @@ public:
                                                     unsigned int row) override {
         return computeTileData(column, row);
     }
+    long long linesDecoded() override;
+
+    // What the kept bands may hold together once their number has grown past two.
+    static constexpr std::size_t kKeptBandBytes = std::size_t(128) << 20;
 
 protected:
     LoaderImageSource(const ImageLoader& loader, int imageType, math::GenVec<int, 2> tileSize,
@@ -99,8 +109,13 @@ private:
     std::unique_ptr<JpegBandReader> _jpeg QOR_GUARDED_BY(_decodeMutex);
     // The sequential reader of a PNG shown as stored; null for other files.
     std::unique_ptr<PngBandReader> _png QOR_GUARDED_BY(_decodeMutex);
+    // The furthest tile row decoded so far; -1 before the first.
+    int _furthestRow QOR_GUARDED_BY(_decodeMutex) = -1;
+    // The most bands kept: as many as kKeptBandBytes holds, and at least two.
+    const std::size_t _maxKept;
     thread::Mutex _bandMutex;
-    KeptBand _kept[2] QOR_GUARDED_BY(_bandMutex);  // the newest first
+    std::vector<KeptBand> _kept QOR_GUARDED_BY(_bandMutex);  // the newest first
+    std::size_t _keepLimit QOR_GUARDED_BY(_bandMutex) = 2;
 };
 
 }  // namespace qor::imageio::detail
