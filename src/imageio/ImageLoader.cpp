@@ -32,6 +32,28 @@ using Vec2i = math::GenVec<int, 2>;
                                "': " + what);
 }
 
+// `rect` of a PNG, decoded from the top down to the rectangle's last line and no further, with
+// `S`-bit samples. Null when the file is not read by lines (interlaced, or no PNG header): the
+// whole-picture road reads or reports it. Throws ImageLoaderException naming the path when libpng
+// fails in the lines.
+template <class S>
+SharedPtr<imaging::GenImageData<S, 4>> pngRegion(const FastString<char>& path, Vec2i storedSize,
+                                                 const math::Recti& rect) {
+    SharedPtr<imaging::GenImageData<S, 4>> lines;
+    detail::PngBandReader reader(std::string(path.view()), false);
+    try {
+        lines = reader.read<S>(rect.mins.y, rect.height());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+    if (!reader.failure().empty()) fail(path, reader.failure());
+    if (!lines) return nullptr;
+    return detail::orientRegion(*lines, math::Recti(0, rect.mins.y, lines->width(), rect.height()),
+                                1, storedSize, rect);
+}
+
 ImageLoader::Format formatOf(const unsigned char* head, size_t length,
                              const FastString<char>& path) {
     auto starts = [&](const char* magic, size_t n) {
@@ -171,6 +193,9 @@ ImagePtr ImageLoader::readStored8(int imageType, const math::Recti& rect) const 
         }
         case FormatTiff: return detail::readTiffRegion<unsigned char>(std::string(_path.view()), rect);
         case FormatExr: return detail::readExrRegion<unsigned char>(std::string(_path.view()), rect);
+        case FormatPng:
+            if (ImagePtr region = pngRegion<unsigned char>(_path, _storedSize, rect)) return region;
+            return loadWhole(_path, quality, rect);
         default: return loadWhole(_path, quality, rect);
     }
 }
@@ -185,21 +210,8 @@ SharedPtr<imaging::GenImageData<T, 4>> ImageLoader::readStored(int imageType,
             return detail::readTiffRegion<T>(std::string(_path.view()), rect);
         if (_format == FormatExr) return detail::readExrRegion<T>(std::string(_path.view()), rect);
         if (_format == FormatPng) {
-            // 16-bit rows of the region's lines, decoded from the top, keep a 16-bit file's
-            // samples; an interlaced or broken file goes the 8-bit road, which reports it.
-            SharedPtr<imaging::GenImageData<unsigned short, 4>> lines;
-            try {
-                lines = detail::PngBandReader(std::string(_path.view()))
-                            .read<unsigned short>(rect.mins.y, rect.height());
-            } catch (const std::bad_alloc&) {
-                throw;
-            } catch (const std::exception&) {
-                lines = nullptr;
-            }
-            if (lines) {
-                const auto region = detail::orientRegion(
-                    *lines, math::Recti(0, rect.mins.y, lines->width(), rect.height()), 1,
-                    _storedSize, rect);
+            // 16-bit rows keep a 16-bit file's samples.
+            if (const auto region = pngRegion<unsigned short>(_path, _storedSize, rect)) {
                 if constexpr (std::is_same_v<T, unsigned short>)
                     return region;
                 else

@@ -121,7 +121,7 @@ TEST(ImageLoader, RoundTripsRegionsWithSaversProfileAndMetadata) {
         EXPECT_FALSE(loader.getColorProfile());
     }
 
-    // PNG: whole-picture road, region cut out, exact.
+    // PNG: decoded down to the region's last line, region cut out, exact.
     {
         const std::string path = folder.path() + "/a.png";
         testing::PngRecipe recipe;

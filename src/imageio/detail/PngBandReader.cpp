@@ -116,7 +116,8 @@ struct PngBandReader::State {
     std::vector<unsigned short> scratch;  // one line, for the lines above a band
 };
 
-PngBandReader::PngBandReader(std::string path) : _path(std::move(path)) {}
+PngBandReader::PngBandReader(std::string path, bool logFailure)
+    : _path(std::move(path)), _logFailure(logFailure) {}
 
 PngBandReader::~PngBandReader() = default;
 
@@ -193,7 +194,10 @@ SharedPtr<imaging::GenImageData<T, 4>> PngBandReader::read(int top, int height) 
     if (height <= s.height - top) {
         band = imaging::GenImageData<T, 4>::create(s.width, height);
         if (!decodeLines(s, *band, top, &_linesDecoded)) {
-            QOR_LOG(LogWarning, "PngBandReader: libpng failed in '%*': %*", _path, s.input.error);
+            if (_logFailure)
+                QOR_LOG(LogWarning, "PngBandReader: libpng failed in '%*': %*", _path,
+                        s.input.error);
+            _failure = s.input.error.empty() ? "libpng failed" : s.input.error;
             stop();
             _unusable = true;
             return nullptr;

@@ -30,7 +30,8 @@ namespace qor::imageio::detail {
 
 class PngBandReader {
 public:
-    explicit PngBandReader(std::string path);
+    // `logFailure` false leaves the libpng failure to the caller, through failure().
+    explicit PngBandReader(std::string path, bool logFailure = true);
     ~PngBandReader();
     PngBandReader(const PngBandReader&) = delete;
     PngBandReader& operator=(const PngBandReader&) = delete;
@@ -47,6 +48,9 @@ public:
 
     // Lines decoded since construction, skipped lines included (for tests and measurements).
     long long linesDecoded() const { return _linesDecoded; }
+    // What libpng said when decoding failed after the header; empty when it has not failed (an
+    // interlaced file, say, is not a failure).
+    const std::string& failure() const { return _failure; }
 
 private:
     struct State;
@@ -57,8 +61,10 @@ private:
 
     const std::string _path;
     std::unique_ptr<State> _state;  // null while no decoder runs
+    const bool _logFailure;
     bool _unusable = false;         // the file is read another way from now on
     long long _linesDecoded = 0;
+    std::string _failure;
 };
 
 // The libpng setup shared by loadPng and PngBandReader.
