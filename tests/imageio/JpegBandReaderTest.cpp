@@ -130,6 +130,11 @@ std::vector<Vec2i> shuffledTiles(Vec2i count, unsigned seed, int rounds) {
     return order;
 }
 
+// A loader of a Width x Height JPEG written to `folder`.
+ImageLoader testJpeg(const TempFolder& folder) {
+    return ImageLoader(ImageLoader::String(folder.write("t.jpg", testing::makeJpeg(Width, Height))));
+}
+
 SharedPtr<detail::LoaderSourceBase> tileSource(const ImageLoader& loader, imaging::RawPixelFormat format) {
     return std::dynamic_pointer_cast<detail::LoaderSourceBase>(
         loader.getImageSource(format, ImageLoader::ImageTypeFull, Vec2i(64, 64), {}));
@@ -137,8 +142,7 @@ SharedPtr<detail::LoaderSourceBase> tileSource(const ImageLoader& loader, imagin
 
 TEST(LoaderImageSource, JpegTilesInAnyOrderMatchRegionReads) {
     TempFolder folder;
-    const ImageLoader loader(
-        ImageLoader::String(folder.write("t.jpg", testing::makeJpeg(Width, Height))));
+    const ImageLoader loader = testJpeg(folder);
     const auto rgba8 = tileSource(loader, imaging::PfRGBA8);
     const auto rgba16 = tileSource(loader, imaging::PfRGBA16);
     ASSERT_TRUE(rgba8 && rgba16);
@@ -158,8 +162,7 @@ TEST(LoaderImageSource, JpegTilesInAnyOrderMatchRegionReads) {
 // then on: at most the first column's pass and one more from the top.
 TEST(LoaderImageSource, ColumnByColumnTilesDecodeTheFileAtMostTwice) {
     TempFolder folder;
-    const ImageLoader loader(
-        ImageLoader::String(folder.write("t.jpg", testing::makeJpeg(Width, Height))));
+    const ImageLoader loader = testJpeg(folder);
     const auto source = tileSource(loader, imaging::PfRGBA8);
     ASSERT_TRUE(source);
     const Vec2i count = source->tileLayout().tileCount;
@@ -173,8 +176,7 @@ TEST(LoaderImageSource, ColumnByColumnTilesDecodeTheFileAtMostTwice) {
 
 TEST(LoaderImageSourceThreads, JpegTilesReadAtOnceMatchRegionReads) {
     TempFolder folder;
-    const ImageLoader loader(
-        ImageLoader::String(folder.write("t.jpg", testing::makeJpeg(Width, Height))));
+    const ImageLoader loader = testJpeg(folder);
     const auto source = tileSource(loader, imaging::PfRGBA8);
     ASSERT_TRUE(source);
     const Vec2i count = source->tileLayout().tileCount;
