@@ -15,7 +15,7 @@
 
 #include "base/Log.h"
 #include "imageio/ImageIO.h"
-#include "imageio/detail/PngBandReader.h"
+#include "imageio/detail/PngIO.h"
 
 namespace qor::imageio {
 
