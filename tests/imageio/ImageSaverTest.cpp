@@ -6,9 +6,12 @@
 #include <ImfInputFile.h>
 #include <tiffio.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <condition_variable>
 #include <filesystem>
 #include <future>
@@ -16,6 +19,7 @@
 #include <thread>
 
 #include "CodecTestSupport.h"
+#include "base/Log.h"
 #include "imageio/IImageSaver.h"
 #include "imageio/ImageIO.h"
 #include "imageio/ImageSaver.h"
@@ -350,6 +354,66 @@ TEST(ImageSaver, TileErrorReachesTheCallerAndLeavesNoFile) {
     ImageSaver none(Image::create(source), nullptr);
     EXPECT_THROW(none.save(FastString<char>(path), imaging::PfRGB8), ImageSaverException);
     EXPECT_EQ(none.status(), ImageSaver::SaveFailed);
+}
+
+// Files of this process may grow to `bytes` while it lives: a write past that fails with EFBIG,
+// as a write to a full disk fails with ENOSPC (SIGXFSZ, which would end the process, is ignored
+// meanwhile).
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &_saved);
+        _handler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = _saved;
+        limit.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &_saved);
+        std::signal(SIGXFSZ, _handler);
+    }
+
+private:
+    rlimit _saved{};
+    void (*_handler)(int) = nullptr;
+};
+
+// A disk that fills up during the module's run: the save fails with the module's exception and a
+// log line, and neither the file nor its temporary is left behind, in each format.
+TEST(ImageSaver, AFullDiskFailsTheSaveAndLeavesNoFile) {
+    TempFolder folder;
+    auto source = TestSource::create({300, 200}, {64, 64});
+    ImageSaverJPEG jpeg;
+    jpeg.setCompression(100);
+    ImageSaverTIFF tiff;  // uncompressed: 180 KB of samples
+    ImageSaverOpenEXR exr;
+    const struct {
+        IImageSaver* module;
+        const char* name;
+        RawPixelFormat format;
+    } cases[] = {{&jpeg, "full.jpg", imaging::PfRGB8},
+                 {&tiff, "full.tif", imaging::PfRGB8},
+                 {&exr, "full.exr", imaging::PfRGBA16F}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = folder.path() + "/" + c.name;
+        ImageSaver saver(Image::create(source), c.module);
+        LogCapture log;
+        bool threw = false;
+        {
+            FileSizeLimit limit(4096);
+            try {
+                saver.save(FastString<char>(path), c.format);
+            } catch (const std::exception&) {
+                threw = true;
+            }
+        }
+        EXPECT_TRUE(threw);
+        EXPECT_EQ(saver.status(), ImageSaver::SaveFailed);
+        EXPECT_EQ(log.count("Failed to write image (url = " + path + ")"), 1u);
+        EXPECT_FALSE(exists(path));
+        EXPECT_EQ(strayFiles(folder), 0);
+    }
 }
 
 TEST(ImageSaverThreads, CancelAndASecondSaveDuringARun) {
