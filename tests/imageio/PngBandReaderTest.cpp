@@ -10,6 +10,7 @@
 #include "CodecTestSupport.h"
 #include "base/Log.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/detail/LoaderImageSource.h"
 #include "imageio/detail/LoaderPixels.h"
 #include "imageio/detail/PngBandReader.h"
 #include "imaging/ImageTile.h"
@@ -172,6 +173,60 @@ TEST(PngBandReader, LeavesInterlacedFilesAndLinesOutsideToTheCaller) {
     EXPECT_FALSE(reader.read<unsigned char>(Height - 10, 11));
     EXPECT_FALSE(reader.read<unsigned char>(-1, 10));
     EXPECT_TRUE(reader.read<unsigned char>(Height - 10, 10));
+}
+
+// The CRC-32 of a chunk's type and data, as the PNG format computes it.
+uint32_t chunkCrc(const Bytes& typeAndData) {
+    uint32_t crc = 0xffffffffu;
+    for (uint8_t byte : typeAndData) {
+        crc ^= byte;
+        for (int bit = 0; bit < 8; ++bit) crc = crc & 1 ? (crc >> 1) ^ 0xedb88320u : crc >> 1;
+    }
+    return ~crc;
+}
+
+// A Width x Height file with a second IHDR, claiming a picture four times as wide, between its
+// image data and IEND. libpng reads the first header and fails on the second only after the
+// lines; the metadata reader takes the second.
+std::string pngWithTwoHeaders(const TempFolder& folder) {
+    Bytes file = testing::pngOf(*testing::gradientImage(Width, Height), false);
+    const auto be32 = [](Bytes& out, uint32_t v) {
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
+    };
+    Bytes chunk{'I', 'H', 'D', 'R'};
+    be32(chunk, 4 * Width);
+    be32(chunk, Height);
+    chunk.insert(chunk.end(), {8, PNG_COLOR_TYPE_RGB, 0, 0, 0});
+    Bytes header;
+    be32(header, 13);
+    header.insert(header.end(), chunk.begin(), chunk.end());
+    be32(header, chunkCrc(chunk));
+    file.insert(file.end() - 12, header.begin(), header.end());  // before IEND
+    return folder.write("two-headers.png", file);
+}
+
+// Found by fuzz_png: the loader's source took the second header's width and copied its tiles out
+// of bands a quarter as wide, beyond their end. The band reader leaves such a file to the loader,
+// which cannot read it.
+TEST(PngBandReader, FileWithASecondHeaderIsLeftToTheLoaderWhoseTilesFail) {
+    TempFolder folder;
+    const std::string path = pngWithTwoHeaders(folder);
+    detail::PngBandReader reader(path);
+    EXPECT_FALSE(reader.read<unsigned char>(0, 16));
+    EXPECT_FALSE(reader.read<unsigned short>(0, 16));
+    EXPECT_TRUE(reader.failure().empty()) << "not a libpng failure: the caller decodes it";
+
+    const ImageLoader loader{FastString<char>(path)};
+    LogCapture log;
+    for (imaging::RawPixelFormat format : {imaging::PfRGBA8, imaging::PfRGBA16}) {
+        const auto source = std::dynamic_pointer_cast<detail::LoaderSourceBase>(
+            loader.getImageSource(format, ImageLoader::ImageTypeFull, Vec2i(64, 16), {}));
+        ASSERT_TRUE(source);
+        const imaging::TileLayout layout = source->tileLayout();
+        for (int x = 0; x < layout.tileCount.x; ++x)
+            EXPECT_THROW(source->readTileNow(unsigned(x), 0), ImageLoaderException) << x;
+    }
+    EXPECT_GT(log.count("loadPng: libpng failed"), 0u);
 }
 
 // A picture of noise, which compresses so badly that a file cut in half still holds its top half.

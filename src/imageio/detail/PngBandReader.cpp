@@ -7,7 +7,10 @@
 
 #include <png.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
+#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -41,6 +44,35 @@ PngBandReader::~PngBandReader() = default;
 void PngBandReader::stop() { _state.reset(); }
 
 namespace {
+
+// Whether the chunk list from the signature to IEND (or to where it stops making sense) holds
+// more than one IHDR. libpng takes the first and fails on another only after the image data (in
+// png_read_end, which loadPng calls and a band read never reaches); the metadata reader, whose
+// size the loader and its sources go by, takes the last. Lines of such a file would not have the
+// width their reader was told. Reads the chunk headers in 4 kB blocks: one read per chunk of
+// image data as encoders write them, fewer for small chunks. Throws as readAt.
+bool headerRepeated(RandomAccessFile& file) {
+    constexpr size_t Block = 4096;
+    std::array<unsigned char, Block> block;
+    const uint64_t size = file.size();
+    uint64_t blockStart = 0, blockEnd = 0;
+    int headers = 0;
+    for (uint64_t at = 8; at + 8 <= size;) {
+        if (at + 8 > blockEnd) {
+            blockStart = at;
+            blockEnd =
+                at + file.readAt(at, block.data(), size_t(std::min<uint64_t>(Block, size - at)));
+            if (at + 8 > blockEnd) return false;
+        }
+        const unsigned char* head = block.data() + (at - blockStart);
+        if (std::memcmp(head + 4, "IEND", 4) == 0) return false;
+        if (std::memcmp(head + 4, "IHDR", 4) == 0 && ++headers > 1) return true;
+        const uint32_t length = uint32_t(head[0]) << 24 | uint32_t(head[1]) << 16 |
+                                uint32_t(head[2]) << 8 | uint32_t(head[3]);
+        at += 12 + uint64_t(length);  // length, type, data and CRC
+    }
+    return false;
+}
 
 // Reads the header and sets the transformations to RGBA rows at s.bits; false for an interlaced
 // file or a libpng error.
@@ -79,7 +111,9 @@ bool decodeLines(S& s, imaging::GenImageData<T, 4>& band, int top, long long* de
 
 bool PngBandReader::start(RandomAccessFile& file, int bits) {
     unsigned char signature[8];
-    if (file.readAt(0, signature, 8) != 8 || png_sig_cmp(signature, 0, 8) != 0) return false;
+    if (file.readAt(0, signature, 8) != 8 || png_sig_cmp(signature, 0, 8) != 0 ||
+        headerRepeated(file))
+        return false;
     auto state = std::make_unique<State>();
     State& s = *state;
     s.input.file = &file;

@@ -34,8 +34,8 @@ public:
 
     // Lines [top, top + height) of the picture at full width, with T = unsigned char (8-bit
     // samples) or unsigned short (16-bit samples). Null when the file cannot be read band by band
-    // (interlaced, not a PNG, lines outside the picture, or an earlier failure): the caller then
-    // decodes the band another way. A libpng failure after the header logs "PngBandReader:
+    // (interlaced, not a PNG, a second IHDR chunk, lines outside the picture, or an earlier
+    // failure): the caller then decodes the band another way. A libpng failure after the header logs "PngBandReader:
     // libpng failed in '...': ..." once and gives null; later reads give null too. Asking for the
     // other sample size than the previous read starts over. Throws std::bad_alloc, and what
     // RandomAccessFileStd throws when the file cannot be opened.
