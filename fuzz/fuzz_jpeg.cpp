@@ -1,47 +1,29 @@
-// libFuzzer target: the JPEG decoder over memory, over a file, reduced, by region, and the whole
-// load road of a ".jpg" file with its metadata and EXIF thumbnail. The input's length picks the
-// road, so that every road sees every kind of input.
-
-#include <unistd.h>
+// libFuzzer target: the JPEG decoder over memory, over a file, reduced, by region, the whole load
+// road of a ".jpg" file with its metadata and EXIF thumbnail, the band reader of a JPEG file in
+// bands from the top with one band read again, and the file source road, whose tiles come from
+// that band reader. The input's length picks the road, so that every road sees every kind of
+// input.
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "FuzzSupport.h"
 #include "imageio/ImageIO.h"
+#include "imageio/detail/JpegBandReader.h"
 #include "imageio/detail/JpegCodec.h"
 
 using namespace qor;
 using namespace qor::imageio;
 using Vec2i = math::GenVec<int, 2>;
 
-namespace {
-
-const std::string& tempPath() {
-    static const std::string path = "/tmp/qor-fuzz-jpeg-" + std::to_string(::getpid()) + ".jpg";
-    return path;
-}
-
-void loadThroughTheRoad(const uint8_t* data, size_t size) {
-    FILE* f = std::fopen(tempPath().c_str(), "wb");
-    if (!f) return;
-    std::fwrite(data, 1, size, f);
-    std::fclose(f);
-    ImagePtr image;
-    SharedPtr<Metadata> metadata;
-    loadImage(FastString<char>(tempPath()), Vec2i(48, 48), ImageQualityThumbnail, &image,
-              &metadata);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::quietLog();
-    if (fuzz::jpegPixels(data, size) > fuzz::MaxPixels) return 0;
+    int width, height;
+    fuzz::jpegSize(data, size, &width, &height);
+    if (uint64_t(width) * uint64_t(height) > fuzz::MaxPixels) return 0;
     RandomAccessFileMemory file(data, size);
     ImagePtr image;
-    switch (size % 4) {
+    switch (size % 6) {
         case 0:
             loadJpeg(data, size, Vec2i(0, 0), ImageQualityFast, &image);
             break;
@@ -56,9 +38,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             image = imageio::detail::decodeJpeg(file, Vec2i(0, 0), ImageQualityBest, roi);
             break;
         }
-        default:
-            loadThroughTheRoad(data, size);
+        case 3: {
+            const std::string path = fuzz::writeTempFile("jpeg", ".jpg", data, size);
+            if (path.empty()) break;
+            SharedPtr<Metadata> metadata;
+            loadImage(FastString<char>(path), Vec2i(48, 48), ImageQualityThumbnail, &image,
+                      &metadata);
             break;
+        }
+        case 4: {
+            const std::string path = fuzz::writeTempFile("jpeg", ".jpg", data, size);
+            if (path.empty()) break;
+            imageio::detail::JpegBandReader reader(
+                path, size / 6 % 2 ? ImageQualityBest : ImageQualityFast);
+            fuzz::readBands(height, int(size / 12 % 23) + 1,
+                            [&](int top, int lines) { return reader.read(top, lines); });
+            break;
+        }
+        default: {
+            const std::string path = fuzz::writeTempFile("jpeg", ".jpg", data, size);
+            if (!path.empty())
+                fuzz::readSourceTiles(path, size / 6 % 2 != 0, int(size / 12 % 48) + 16, 8);
+            break;
+        }
     }
     if (image) fuzz::touchPixels(*image);
     return 0;

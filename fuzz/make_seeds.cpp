@@ -17,6 +17,18 @@ void write(const std::string& path, const Bytes& bytes) {
         .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
+// `bytes` as `path`, and copies with 1 to roads - 1 zero bytes after the file's end, which the
+// decoders ignore: the targets pick their road by the input's length, so that every road starts
+// from every seed.
+void writeForEveryRoad(const std::string& path, const Bytes& bytes, int roads) {
+    write(path, bytes);
+    Bytes padded = bytes;
+    for (int pad = 1; pad < roads; ++pad) {
+        padded.push_back(0);
+        write(path + "." + std::to_string(pad), padded);
+    }
+}
+
 // A JPEG of `components` channels (1 grey, 3 RGB, 4 CMYK) with a simple pattern.
 Bytes jpeg(int width, int height, int components, bool progressive = false, bool restarts = false) {
     const J_COLOR_SPACE space = components == 1   ? JCS_GRAYSCALE
@@ -89,22 +101,32 @@ int main(int argc, char** argv) {
     for (const char* sub : {"jpeg", "png", "metadata"})
         std::filesystem::create_directories(root + "/" + sub);
 
-    write(root + "/jpeg/baseline.jpg", jpeg(16, 16, 3));
-    write(root + "/jpeg/progressive.jpg", jpeg(24, 9, 3, true));
-    write(root + "/jpeg/grey.jpg", jpeg(9, 9, 1));
-    write(root + "/jpeg/cmyk.jpg", jpeg(8, 8, 4));
-    write(root + "/jpeg/restarts.jpg", jpeg(16, 24, 3, false, true));
-    write(root + "/jpeg/thumbnail.jpg", tagged(jpeg(16, 16, 3), true));
+    // The roads of fuzz_jpeg and fuzz_png; the tall files span several bands of the band reads.
+    const auto jpegSeed = [&](const char* name, const Bytes& bytes) {
+        writeForEveryRoad(root + "/jpeg/" + name, bytes, 6);
+    };
+    const auto pngSeed = [&](const char* name, const Bytes& bytes) {
+        writeForEveryRoad(root + "/png/" + name, bytes, 4);
+    };
+    jpegSeed("baseline.jpg", jpeg(16, 16, 3));
+    jpegSeed("progressive.jpg", jpeg(24, 9, 3, true));
+    jpegSeed("grey.jpg", jpeg(9, 9, 1));
+    jpegSeed("cmyk.jpg", jpeg(8, 8, 4));
+    jpegSeed("restarts.jpg", jpeg(16, 24, 3, false, true));
+    jpegSeed("tall.jpg", jpeg(8, 72, 3));
+    jpegSeed("thumbnail.jpg", tagged(jpeg(16, 16, 3), true));
 
-    write(root + "/png/rgb.png", png(7, 5, PNG_COLOR_TYPE_RGB, 8, false, false));
-    write(root + "/png/rgba_interlaced.png", png(9, 9, PNG_COLOR_TYPE_RGBA, 8, true, false));
-    write(root + "/png/rgb_interlaced_trns.png", png(9, 9, PNG_COLOR_TYPE_RGB, 8, true, true));
-    write(root + "/png/palette4_trns.png", png(5, 3, PNG_COLOR_TYPE_PALETTE, 2, false, true));
-    write(root + "/png/palette8.png", png(5, 3, PNG_COLOR_TYPE_PALETTE, 8, false, false));
-    write(root + "/png/grey1.png", png(11, 2, PNG_COLOR_TYPE_GRAY, 1, false, false));
-    write(root + "/png/grey16_trns.png", png(3, 3, PNG_COLOR_TYPE_GRAY, 16, false, true));
-    write(root + "/png/grey_alpha16.png", png(3, 3, PNG_COLOR_TYPE_GRAY_ALPHA, 16, true, false));
-    write(root + "/png/rgb16.png", png(2, 2, PNG_COLOR_TYPE_RGB, 16, false, false));
+    pngSeed("rgb.png", png(7, 5, PNG_COLOR_TYPE_RGB, 8, false, false));
+    pngSeed("rgba_interlaced.png", png(9, 9, PNG_COLOR_TYPE_RGBA, 8, true, false));
+    pngSeed("rgb_interlaced_trns.png", png(9, 9, PNG_COLOR_TYPE_RGB, 8, true, true));
+    pngSeed("palette4_trns.png", png(5, 3, PNG_COLOR_TYPE_PALETTE, 2, false, true));
+    pngSeed("palette8.png", png(5, 3, PNG_COLOR_TYPE_PALETTE, 8, false, false));
+    pngSeed("grey1.png", png(11, 2, PNG_COLOR_TYPE_GRAY, 1, false, false));
+    pngSeed("grey16_trns.png", png(3, 3, PNG_COLOR_TYPE_GRAY, 16, false, true));
+    pngSeed("grey_alpha16.png", png(3, 3, PNG_COLOR_TYPE_GRAY_ALPHA, 16, true, false));
+    pngSeed("rgb16.png", png(2, 2, PNG_COLOR_TYPE_RGB, 16, false, false));
+    pngSeed("tall.png", png(4, 60, PNG_COLOR_TYPE_RGBA, 8, false, false));
+    pngSeed("tall16.png", png(3, 50, PNG_COLOR_TYPE_GRAY, 16, false, false));
 
     write(root + "/metadata/exif_thumbnail.jpg", tagged(jpeg(16, 16, 3), true));
     write(root + "/metadata/exif.png",
