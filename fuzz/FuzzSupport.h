@@ -82,20 +82,6 @@ inline void pngSize(const uint8_t* data, size_t size, uint32_t* width, uint32_t*
     *height = be32(20);
 }
 
-// Whether a chunk of the PNG declares more than 16 MB. libpng allocates a chunk's declared length
-// before it reads the chunk (no chunk limit is set on the read structs), so a few bytes
-// claiming 2 GB would be reported as running out of memory.
-inline bool pngChunkTooLong(const uint8_t* data, size_t size) {
-    constexpr uint32_t MostBytes = uint32_t(1) << 24;
-    for (size_t at = 8; at + 8 <= size;) {
-        const uint32_t length = uint32_t(data[at]) << 24 | uint32_t(data[at + 1]) << 16 |
-                                uint32_t(data[at + 2]) << 8 | uint32_t(data[at + 3]);
-        if (length > MostBytes) return true;
-        at += 12 + size_t(length);
-    }
-    return false;
-}
-
 // The picture size of a PNG's IHDR, or 0 when the data are too short for one.
 inline uint64_t pngPixels(const uint8_t* data, size_t size) {
     uint32_t width, height;

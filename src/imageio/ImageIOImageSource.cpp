@@ -149,19 +149,23 @@ void ImageIOImageSourceBase::withLockedFile(const char* failure,
 SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
     ScopedLock<thread::Mutex> lock(_mutex);
     if (!_param.underlyingSource) {
+        // The file is read under _mutex; the lambda works on copies of the guarded fields, which
+        // are written back after it, so that the lock analysis sees every access under the lock.
+        SharedPtr<ColorProfile> profile = _param.imageProfile;
+        const imaging::RawPixelFormat format = _param.format;
+        SharedPtr<ImageSource> source;
         withLockedFile("ImageIOImageSource: failed to read file '%*': %*", [&](const String& path) {
             ImageLoader loader(path, false);
-            if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
-            const ImageLoader::PostProcess post =
-                colourPostProcess(_param.imageProfile, _commonProfile, _param.format);
-            SharedPtr<ImageSource> source =
-                loader.getImageSource(_param.format, ImageLoader::ImageTypeFull, _layout.tileSize,
-                                      post, _layout.imageSize);
+            if (!profile) profile = loader.getColorProfile();
+            const ImageLoader::PostProcess post = colourPostProcess(profile, _commonProfile, format);
+            source = loader.getImageSource(format, ImageLoader::ImageTypeFull, _layout.tileSize,
+                                           post, _layout.imageSize);
             if (!source) throw std::bad_alloc();
             QOR_ASSERT_TEXT(_layout == source->tileLayout(),
                             "_layout == _underlyingSource->tileLayout()");
-            _param.underlyingSource = source;
         });
+        _param.imageProfile = profile;
+        _param.underlyingSource = source;
     }
     return _param.underlyingSource;
 }
@@ -191,10 +195,11 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
     SharedPtr<ColorProfile> imageProfile;
     {
         ScopedLock<thread::Mutex> lock(_mutex);
+        imageProfile = _param.imageProfile;  // as above: the lambda works on a copy
         withLockedFile("ImageIOImageSource: failed to read image data for '%*': %*",
                        [&](const String& path) {
             ImageLoader loader(path, false);
-            if (!_param.imageProfile) _param.imageProfile = loader.getColorProfile();
+            if (!imageProfile) imageProfile = loader.getColorProfile();
             if (loader.size() == _layout.imageSize) {
                 tiledata = loader.getImage4ub(_imageType, rect);
             } else {
@@ -209,8 +214,8 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
                 tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
                                                       rect.width(), rect.height(), ScaleExact);
             }
-            imageProfile = _param.imageProfile;
         });
+        _param.imageProfile = imageProfile;
     }
     // The colour work runs without the mutex, so that several tiles convert side by side.
     if (tiledata && _commonProfile && imageProfile) {

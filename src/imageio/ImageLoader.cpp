@@ -50,8 +50,10 @@ SharedPtr<imaging::GenImageData<S, 4>> pngRegion(const FastString<char>& path, V
     }
     if (!reader.failure().empty()) fail(path, reader.failure());
     if (!lines) return nullptr;
-    return detail::orientRegion(*lines, math::Recti(0, rect.mins.y, lines->width(), rect.height()),
-                                1, storedSize, rect);
+    auto region = detail::orientRegion(
+        *lines, math::Recti(0, rect.mins.y, lines->width(), rect.height()), 1, storedSize, rect);
+    if (!region) fail(path, "the decoded lines are narrower than the picture's header says");
+    return region;
 }
 
 ImageLoader::Format formatOf(const unsigned char* head, size_t length,
@@ -232,10 +234,19 @@ SharedPtr<imaging::GenImageData<T, 4>> ImageLoader::read(int imageType,
                         ", " + std::to_string(rect.maxs.x) + ", " + std::to_string(rect.maxs.y) +
                         ") is not inside the " + std::to_string(_size.x) + "x" +
                         std::to_string(_size.y) + " picture");
-    if (_orientation == 1) return readStored<T>(imageType, rect);
+    if (_orientation == 1) {
+        auto region = readStored<T>(imageType, rect);
+        // A decoder that read another size than the header told gives a region of another size.
+        if (!region || region->width() != rect.width() || region->height() != rect.height())
+            fail(_path, "the decoded picture is not of the size its header says");
+        return region;
+    }
     const math::Recti stored = detail::storedRect(_orientation, _storedSize, rect);
     const auto region = readStored<T>(imageType, stored);
-    return detail::orientRegion(*region, stored, _orientation, _storedSize, rect);
+    auto upright = region ? detail::orientRegion(*region, stored, _orientation, _storedSize, rect)
+                          : nullptr;
+    if (!upright) fail(_path, "the decoded picture is not of the size its header says");
+    return upright;
 }
 
 ImagePtr ImageLoader::getImage4ub(int imageType, const math::Recti& rect) const {

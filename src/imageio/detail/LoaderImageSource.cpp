@@ -153,9 +153,15 @@ auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
 template <imaging::RawPixelFormat F>
 auto LoaderImageSource<F>::decodeBand(const math::Recti& rect) -> SharedPtr<const Data> {
     const int top = rect.mins.y, height = rect.height();
+    // A band of another width than the header told (a decoder that disagrees with the metadata
+    // reader about the picture) is not cut: the loader's read reports the file.
+    const auto fits = [&](const auto& band) {
+        return band && band->width() == rect.width() && band->height() == height;
+    };
     if (_jpeg) {
         if (ImagePtr band = bandOrNull(
-                *_jpeg, [&](JpegBandReader& reader) { return reader.read(top, height); }))
+                *_jpeg, [&](JpegBandReader& reader) { return reader.read(top, height); });
+            fits(band))
             return withElements<Element>(band);
     }
     if (_png) {
@@ -163,7 +169,8 @@ auto LoaderImageSource<F>::decodeBand(const math::Recti& rect) -> SharedPtr<cons
         using Row = std::conditional_t<std::is_same_v<Element, unsigned char>, unsigned char,
                                        unsigned short>;
         if (auto band = bandOrNull(
-                *_png, [&](PngBandReader& reader) { return reader.read<Row>(top, height); }))
+                *_png, [&](PngBandReader& reader) { return reader.read<Row>(top, height); });
+            fits(band))
             return withElements<Element>(band);
     }
     return _loader.template read<Element>(_imageType, rect);

@@ -88,12 +88,17 @@ inline math::Recti storedRect(int orientation, Vec2i stored, const math::Recti& 
                        Vec2i(std::max(a.x, b.x) + 1, std::max(a.y, b.y) + 1));
 }
 
-// The upright rectangle `rect` from `region`, the stored pixels of storedRect(rect).
+// The upright rectangle `rect` from `region`, the stored pixels of storedRect(rect) placed at
+// `regionRect`. Null when `region` is not of regionRect's size or does not hold those pixels (a
+// decoder that disagreed with the header about the picture's size).
 template <class T>
 SharedPtr<imaging::GenImageData<T, 4>> orientRegion(const imaging::GenImageData<T, 4>& region,
                                                      const math::Recti& regionRect,
                                                      int orientation, Vec2i stored,
                                                      const math::Recti& rect) {
+    if (region.width() != regionRect.width() || region.height() != regionRect.height() ||
+        !regionRect.contains(storedRect(orientation, stored, rect)))
+        return nullptr;
     auto out = imaging::GenImageData<T, 4>::create(rect.width(), rect.height());
     for (int v = 0; v < rect.height(); ++v) {
         T* d = out->row(v);

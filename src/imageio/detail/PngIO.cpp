@@ -2,6 +2,7 @@
 
 #include <png.h>
 
+#include <cstdlib>
 #include <exception>
 
 #include "base/Log.h"
@@ -41,10 +42,20 @@ void qorPngWarning(png_structp png, png_const_charp message) {
     QOR_LOG(LogDebug, "libpng: %* ('%*')", message ? message : "", input->name);
 }
 
+// libpng's allocations: a request over kPngChunkMallocMax fails, which libpng turns into a
+// skipped chunk (with a warning) or an error. It allocates a text chunk's declared length before
+// reading it, whatever its chunk limit says, so a few bytes that claim 2 GB would take them.
+png_voidp qorPngMalloc(png_structp, png_alloc_size_t size) {
+    return size > kPngChunkMallocMax ? nullptr : std::malloc(size);
+}
+
+void qorPngFree(png_structp, png_voidp memory) { std::free(memory); }
+
 }  // namespace
 
 bool createPngReader(PngInput& input, png_structp* png, png_infop* info) {
-    *png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &input, qorPngError, qorPngWarning);
+    *png = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, &input, qorPngError, qorPngWarning,
+                                    nullptr, qorPngMalloc, qorPngFree);
     *info = *png ? png_create_info_struct(*png) : nullptr;
     if (!*info) {
         if (*png) png_destroy_read_struct(png, nullptr, nullptr);
@@ -53,6 +64,9 @@ bool createPngReader(PngInput& input, png_structp* png, png_infop* info) {
     }
     png_set_read_fn(*png, &input, qorPngRead);
     png_set_sig_bytes(*png, 8);
+    // Decompressed text and profiles stay within the same limit. The image data is read in
+    // pieces and is bounded by neither.
+    png_set_chunk_malloc_max(*png, kPngChunkMallocMax);
 #if defined(FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION)
     // Fuzzing only: mutated files would otherwise rarely get past the checksums.
     png_set_crc_action(*png, PNG_CRC_QUIET_USE, PNG_CRC_QUIET_USE);

@@ -12,6 +12,9 @@ struct png_info_def;
 
 namespace qor::imageio::detail {
 
+// The most memory libpng takes for one chunk (text, ICC profile, EXIF ...).
+constexpr unsigned long kPngChunkMallocMax = 16ul << 20;
+
 // Where libpng reads from, and what its last error said.
 struct PngInput {
     RandomAccessFile* file = nullptr;
