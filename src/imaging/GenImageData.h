@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/memory/MemoryManager.h"
 #include "imaging/ImageDataConversion.h"
 #include "imaging/PixelFormat.h"
 #include "util/Function.h"
@@ -51,8 +52,11 @@ public:
     GenImageData(const GenImageData&) = delete;
     GenImageData& operator=(const GenImageData&) = delete;
 
-    // A view that owns a fresh block of heap memory, 32-byte aligned, with the default stride.
-    // The pixels are not initialised. Throws std::bad_alloc.
+    // A view that owns a fresh block of memory, 32-byte aligned, with the default stride. From
+    // 1 MiB on it is a mapping of its own (memory::allocLargeBuffer; not in sanitized builds):
+    // huge pages, and a freed buffer of the same size is reused, so that a stream of equal bands
+    // or pictures does not fault in fresh pages for each. The pixels are not initialised. Throws
+    // std::bad_alloc.
     static SharedPtr<GenImageData> create(int width, int height) {
         if (width <= 0 || height <= 0) {
             QOR_ASSERT_TEXT(width > 0 && height > 0, "width > 0 && height > 0");
@@ -60,11 +64,28 @@ public:
         }
         const unsigned stride = defaultStride(width);
         const std::size_t bytes = std::size_t(stride) * std::size_t(height) * sizeof(T);
+        // Sanitized builds keep every buffer on the heap, where an overrun is caught.
+        if (!kSanitized && bytes >= kLargeBuffer) {
+            void* mapped = memory::allocLargeBuffer(bytes);
+            if (!mapped) throw std::bad_alloc();
+            return std::make_shared<GenImageData>(width, height, stride, static_cast<T*>(mapped),
+                                                  [mapped, bytes] {
+                                                      memory::freeLargeBuffer(mapped, bytes);
+                                                  });
+        }
         void* block = std::aligned_alloc(32, (bytes + 31) & ~std::size_t(31));
         if (!block) throw std::bad_alloc();
         return std::make_shared<GenImageData>(width, height, stride, static_cast<T*>(block),
                                               [block] { std::free(block); });
     }
+
+    // Buffers from this size on are mapped (page-aligned) rather than taken from the heap.
+    static constexpr std::size_t kLargeBuffer = std::size_t(1) << 20;
+#if defined(QOR_SANITIZED)
+    static constexpr bool kSanitized = true;
+#else
+    static constexpr bool kSanitized = false;
+#endif
 
     static unsigned defaultStride(int width) {
         return width > 0 ? computeStride(width, sizeof(T), N, 32) : 0;

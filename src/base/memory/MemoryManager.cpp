@@ -619,4 +619,11 @@ std::string nmSwapFilePath() {
     return dir + "/" + fileNameFor(static_cast<long>(::getpid()));
 }
 
+void* allocLargeBuffer(std::uint64_t size) {
+    if (size == 0) return nullptr;
+    return allocBlockMemory(size, true);
+}
+
+void freeLargeBuffer(void* p, std::uint64_t size) { freeBlockMemory(p, size); }
+
 }  // namespace qor::memory

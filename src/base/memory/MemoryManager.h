@@ -118,4 +118,13 @@ std::string toString(const NmStatistic& statistic);
 // Name of this process's swap file under the swap path (for tests and diagnostics).
 std::string nmSwapFilePath();
 
+// Memory for a large buffer outside the blocks (a decoded band, a whole picture): from 256 KiB on
+// the blocks' own kind of mapping (transparent huge pages from 2 MiB, freed mappings of the same
+// size reused), page-aligned; below 256 KiB heap memory with malloc's alignment. Uninitialised
+// where memory is reused. Not counted against the physical memory limit. Null when there is no
+// memory. Any thread.
+void* allocLargeBuffer(std::uint64_t size);
+// Gives back what allocLargeBuffer(size) gave; `size` must be the same.
+void freeLargeBuffer(void* p, std::uint64_t size);
+
 }  // namespace qor::memory
