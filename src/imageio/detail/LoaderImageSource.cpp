@@ -23,6 +23,13 @@ SharedPtr<imaging::ImageSource> LoaderImageSource<F>::create(
 }
 
 template <imaging::RawPixelFormat F>
+std::size_t LoaderImageSource<F>::maxKeptBands(int width, int bandHeight) {
+    const std::size_t bandBytes = std::size_t(std::max(width, 1)) *
+                                  std::size_t(std::max(bandHeight, 1)) * 4 * sizeof(Element);
+    return std::max<std::size_t>(2, kKeptBandBytes / bandBytes);
+}
+
+template <imaging::RawPixelFormat F>
 LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType,
                                         math::GenVec<int, 2> tileSize,
                                         const ImageLoader::PostProcess& postProcess, bool bands,
@@ -33,10 +40,7 @@ LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType
       _layout(size, tileSize, math::GenVec<int, 2>(0, 0), size),
       _postProcess(postProcess),
       _bands(bands),
-      _maxKept(std::max<std::size_t>(
-          2, kKeptBandBytes / std::max<std::size_t>(1, std::size_t(std::max(size.x, 1)) *
-                                                            std::size_t(std::max(tileSize.y, 1)) *
-                                                            4 * sizeof(Element)))) {
+      _maxKept(maxKeptBands(size.x, tileSize.y)) {
     // Bands of a JPEG or PNG read as stored come from one decoder that goes on from band to band.
     if (!bands || loader.orientation() != 1 || size != loader.size()) return;
     const std::string path(loader.path().view());

@@ -13,9 +13,10 @@
 // past it, means the tiles are asked for in an order that two bands do not serve (column by
 // column, or a scaled source reaching over several bands): the number kept then grows to span
 // that band and the furthest one decoded, within kKeptBandBytes. A band is let go once each of its
-// tiles has been cut from it. A JPEG or PNG shown as stored reads its bands through one JpegBandReader or PngBandReader,
-// which goes on from the previous band instead of decoding from the first line again; a PNG source
-// in PfRGBA16 or PfRGBA32F reads 16-bit rows, so that the samples of a 16-bit file stay exact.
+// tiles has been cut from it. A JPEG or PNG shown as stored reads its bands through one
+// JpegBandReader or PngBandReader, which goes on from the previous band instead of decoding from
+// the first line again; a PNG source in PfRGBA16 or PfRGBA32F reads 16-bit rows, so that the
+// samples of a 16-bit file stay exact.
 //
 // Thread contract: tiles are computed on the pipeline's workers, several at once. _decodeMutex
 // is held while a band is decoded, so that the tiles of one row wait for one decode instead of
@@ -83,6 +84,8 @@ protected:
                                                         unsigned int row) override;
 
 private:
+    // How many bands of `width` x `bandHeight` kKeptBandBytes holds, and at least two.
+    static std::size_t maxKeptBands(int width, int bandHeight);
     SharedPtr<const Data> readTile(const math::Recti& rect, unsigned int row);
     SharedPtr<const Data> readReduced(const math::Recti& rect);
     // The band of tile row `row`, kept or decoded now; counts `column` as cut from it.
