@@ -1,8 +1,6 @@
 // qor: the command-line tool over libqor.
 // Usage: qor <subcommand> [arguments]. Bad input gives one line on standard error and exit status 2.
 
-#include <malloc.h>
-
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -89,11 +87,6 @@ void drawProgressBar(unsigned long done, unsigned long total, const char* unit, 
 }  // namespace qor::tool
 
 int main(int argc, char** argv) {
-    // Decoded bands and whole pictures are buffers of megabytes, freed in any order by several
-    // threads. glibc raises its mapping threshold after the first such free and then serves them
-    // from its heaps, which fragment and keep their peak for the rest of the run; a fixed
-    // threshold gives every buffer from 1 MB up its own mapping, returned when it is freed.
-    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     if (argc < 2) return qor::tool::usageError("missing subcommand (try 'qor help')");
     std::string name = argv[1];
     if (name == "--version") name = "version";
