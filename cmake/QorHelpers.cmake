@@ -29,8 +29,10 @@ function(qor_add_test name)
         file(GLOB_RECURSE found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.cpp)
         list(APPEND sources ${found})
     endforeach()
-    add_executable(${name} ${sources})
-    target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+    # Every test executable shares one main (tests/support/TestMain.cpp): it fails a test during
+    # which an assertion was logged that the test did not capture.
+    add_executable(${name} ${sources} ${CMAKE_CURRENT_SOURCE_DIR}/support/TestMain.cpp)
+    target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest)
     target_compile_definitions(${name} PRIVATE QOR_TESTING=1)
     qor_apply_flags(${name})
     gtest_discover_tests(${name}

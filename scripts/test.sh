@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up, builds under AddressSanitizer and UndefinedBehaviorSanitizer and runs every
-# test, then builds under ThreadSanitizer and runs the tests labelled "threads".
+# test, then builds under ThreadSanitizer and runs the tests labelled "threads", then runs every
+# test again in an optimised build (some faults show only there).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -15,3 +16,6 @@ ctest --preset test
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan
 ctest --preset tsan
+cmake --preset opt >/dev/null
+cmake --build --preset opt
+ctest --preset opt

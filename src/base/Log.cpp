@@ -1,5 +1,7 @@
 #include "base/Log.h"
 
+#include "base/LogAudit.h"
+
 #include <cxxabi.h>
 #include <execinfo.h>
 
@@ -30,6 +32,7 @@ struct LogState {
     std::atomic<int> threshold{initialLevel()};
     std::atomic<int> captureCount{0};
     std::atomic<bool> toStderr{true};
+    std::atomic<size_t> uncapturedAssertions{0};
 };
 
 LogState& state() {
@@ -56,6 +59,8 @@ void emit(const char* file, int line, int level, const std::string& text, bool a
     std::string_view path = logSourcePath(file);
     std::lock_guard<std::mutex> lock(s.mutex);
     bool silenced = false;
+    if (assertion && s.captures.empty())
+        s.uncapturedAssertions.fetch_add(1, std::memory_order_relaxed);
     for (LogCapture* c : s.captures) {
         LogCapture::Entry e;
         e.level = level;
@@ -131,6 +136,10 @@ void assertionFailed(const char* file, int line, const char* condition, const st
     if (!message.empty()) text += ": " + message;
     text += "\n" + stackTrace(2);
     emit(file, line, LogError, text, true, condition);
+}
+
+size_t uncapturedAssertionCount() {
+    return state().uncapturedAssertions.load(std::memory_order_relaxed);
 }
 
 void setLogLevel(int minimum) { state().threshold = minimum; }

@@ -233,10 +233,12 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
         ImageTile::create(rect.size(), imaging::PfRGBA8, getDrawParameters());
     tile->setDataRGBA8(tiledata);
 
-    SharedPtr<const ImageTile> ret = imaging::TileCache::getLifeTile(this, rect, atVersion);
-    if (!ret) {
-        imaging::TileCache::cacheLifeTile(tile, this, rect, atVersion);
-        ret = tile;
+    // Another thread may have read the same tile meanwhile: the first one cached is the one all
+    // of them hand out.
+    SharedPtr<const ImageTile> ret = tile;
+    if (!imaging::TileCache::cacheLifeTileIfNewer(tile, this, rect, atVersion)) {
+        if (SharedPtr<const ImageTile> first = imaging::TileCache::getLifeTile(this, rect, atVersion))
+            ret = first;
     }
     QOR_ASSERT_TEXT(ret && ret->valid(), "ret && ret->valid()");
     return ret;

@@ -45,18 +45,52 @@ SharedPtr<LockableMemoryAllocator> ensure(bool markAllocated = false) {
     return s.s_memoryAllocator;
 }
 
+// What alloc hands out: the allocator's handle together with the allocator that made it. Every
+// later call on the block goes to that allocator, which the handle keeps alive: a block that
+// outlives release(), or a setMemoryAllocator that came too late, keeps working on the stack it
+// came from instead of reaching into a new stack that never made it.
+struct OwnedHandle final : LockableMemoryHandle {
+    OwnedHandle(LockableMemoryHandle* h, SharedPtr<LockableMemoryAllocator> a)
+        : inner(h), owner(std::move(a)) {}
+    LockableMemoryHandle* const inner;
+    const SharedPtr<LockableMemoryAllocator> owner;
+};
+
+OwnedHandle* owned(LockableMemoryHandle* handle) {
+    auto* h = dynamic_cast<OwnedHandle*>(handle);
+    QOR_ASSERT_TEXT(h, "a handle made by ImageMemoryManager::alloc");
+    return h;
+}
+
 }  // namespace
 
-LockableMemoryHandle* alloc(unsigned size) { return ensure(true)->alloc(size); }
+LockableMemoryHandle* alloc(unsigned size) {
+    SharedPtr<LockableMemoryAllocator> allocator = ensure(true);
+    LockableMemoryHandle* inner = allocator->alloc(size);
+    if (!inner) return nullptr;
+    return new OwnedHandle(inner, std::move(allocator));
+}
 
-void* lock(LockableMemoryHandle* handle, bool readOnly) { return ensure()->lock(handle, readOnly); }
+void* lock(LockableMemoryHandle* handle, bool readOnly) {
+    OwnedHandle* h = owned(handle);
+    return h ? h->owner->lock(h->inner, readOnly) : nullptr;
+}
 
-void unlock(LockableMemoryHandle* handle) { ensure()->unlock(handle); }
+void unlock(LockableMemoryHandle* handle) {
+    if (OwnedHandle* h = owned(handle)) h->owner->unlock(h->inner);
+}
 
-void free(LockableMemoryHandle* handle) { ensure()->free(handle); }
+void free(LockableMemoryHandle* handle) {
+    if (!handle) return;
+    OwnedHandle* h = owned(handle);
+    if (!h) return;
+    h->owner->free(h->inner);
+    delete h;
+}
 
 std::size_t memoryFootprint(LockableMemoryHandle* handle) {
-    return ensure()->memoryFootprint(handle);
+    OwnedHandle* h = owned(handle);
+    return h ? h->owner->memoryFootprint(h->inner) : 0;
 }
 
 void setPhysicalMemoryLimit(unsigned megabytes) {
@@ -101,8 +135,12 @@ void release() {
     }
     // Without the lock: dropping the last references shuts the library down.
     allocator.reset();
-    QOR_ASSERT_TEXT(!manager || unique(manager),
+    const bool last = !manager || unique(manager);
+    QOR_ASSERT_TEXT(last,
                     "s_memoryManager.unique() && \"No further references should be held by now\"");
+    // Blocks still alive hold their stack, and with it the initializer: the library stays up
+    // until the last of them is freed, and says now what it still holds.
+    if (!last) MemoryManagerInitializer::checkNothingHeld();
     manager.reset();
 }
 

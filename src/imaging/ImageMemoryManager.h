@@ -8,6 +8,11 @@
 // (ChooseAllocator). Settings (setMemoryAllocator, setPhysicalMemoryLimit, initSwapDir) belong
 // before the first allocation.
 //
+// A block belongs to the stack that made it: lock, unlock, free and memoryFootprint go to that
+// stack, which stays alive while the block does. So a block that outlives release() (or a
+// replacement of the allocator) still works and is freed where it came from; release() reports it
+// through its assertion, and the memory manager library shuts down when the last such block goes.
+//
 // Thread contract: every function may be called from any thread; the stack is built and replaced
 // under a lock of its own. release() runs at shut-down, when no other thread uses image memory.
 
@@ -21,6 +26,7 @@ namespace qor::imaging::ImageMemoryManager {
 
 // A block of `size` bytes from the allocator, or null. May block (swap-out).
 LockableMemoryHandle* alloc(unsigned size);
+// The following take handles from alloc only (anything else is a logged assertion).
 // The address until unlock, or null; may throw std::bad_alloc from a memory handler. May block.
 void* lock(LockableMemoryHandle* handle, bool readOnly);
 void unlock(LockableMemoryHandle* handle);

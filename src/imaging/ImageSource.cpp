@@ -1,6 +1,9 @@
 #include "imaging/ImageSource.h"
 
+#include <algorithm>
+#include <functional>
 #include <typeinfo>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "base/Log.h"
@@ -128,34 +131,70 @@ ImageSource::Debug_OnStartProcessingSource() {
 
 namespace {
 
-// This source and its dependencies, breadth by breadth, each once. `keep` holds the dependencies.
-std::vector<const ImageSource*> dependencyWalk(const ImageSource* root,
-                                               std::vector<SharedPtr<ImageSource>>& keep) {
-    std::vector<const ImageSource*> order{root};
-    std::unordered_set<const ImageSource*> seen{root};
-    for (size_t i = 0; i < order.size(); ++i) {
+// The order in which executeFullLocked takes the mutexes of this source and everything below it:
+// by height (the longest chain of dependencies below a source) from the highest down, and sources
+// of equal height by address. A dependent is always higher than each of its dependencies, so every
+// source is locked before its dependencies; and since height and address belong to the source and
+// not to the walk, any two walks that meet lock their common sources in the same order, whatever
+// their roots. A walk breadth by breadth has neither property once a source is reached along two
+// paths of different length (a diamond of sources), or two siblings in different orders.
+// `keep` holds the dependencies alive while their mutexes are in use.
+std::vector<const ImageSource*> lockOrder(const ImageSource* root,
+                                          std::vector<SharedPtr<ImageSource>>& keep) {
+    std::unordered_map<const ImageSource*, int> height;
+    // Depth first, each source once; a source's height is known once all its dependencies are.
+    struct Frame {
+        const ImageSource* source;
+        std::vector<SharedPtr<ImageSource>> deps;
+        size_t next = 0;
+    };
+    std::vector<Frame> stack;
+    auto enter = [&](const ImageSource* source) {
         ImageSource::SourceList deps;
-        order[i]->insertDependencies(deps);
-        for (const SharedPtr<ImageSource>& dep : deps) {
-            if (!dep || !seen.insert(dep.get()).second) continue;
+        source->insertDependencies(deps);
+        height.emplace(source, -1);  // -1: on the stack
+        stack.push_back(Frame{source, {deps.begin(), deps.end()}, 0});
+    };
+    enter(root);
+    while (!stack.empty()) {
+        Frame& top = stack.back();
+        if (top.next < top.deps.size()) {
+            SharedPtr<ImageSource> dep = top.deps[top.next++];
+            if (!dep || height.count(dep.get())) continue;
             keep.push_back(dep);
-            order.push_back(dep.get());
+            enter(dep.get());  // `top` is not used after this: the stack may have moved
+            continue;
         }
+        int h = 0;
+        for (const SharedPtr<ImageSource>& dep : top.deps) {
+            if (!dep) continue;
+            const int dh = height[dep.get()];
+            QOR_ASSERT_TEXT(dh >= 0, "the source graph has no cycles");
+            h = std::max(h, dh + 1);
+        }
+        height[top.source] = h;
+        stack.pop_back();
     }
+    std::vector<const ImageSource*> order;
+    order.reserve(height.size());
+    for (const auto& entry : height) order.push_back(entry.first);
+    std::sort(order.begin(), order.end(), [&](const ImageSource* a, const ImageSource* b) {
+        const int ha = height[a], hb = height[b];
+        if (ha != hb) return ha > hb;
+        return std::less<const ImageSource*>()(a, b);
+    });
     return order;
 }
 
 }  // namespace
 
 void ImageSource::executeFullLocked(const Function0<void>& f) const QOR_NO_THREAD_SAFETY_ANALYSIS {
-    // Every walk from a given source locks in the same order, and the graph has no cycles, so the
-    // order is always from dependent to dependency. A source that changes its dependencies (a
-    // proxy pointed elsewhere) does so under its own mutex: a walk repeated with the locks held
-    // is stable, and when it differs from the one that was locked, the locks are given back and
-    // the walk starts again.
+    // A source that changes its dependencies (a proxy pointed elsewhere) does so under its own
+    // mutex: the order computed again with the locks held is stable, and when it differs from the
+    // one that was locked, the locks are given back and the walk starts again.
     for (;;) {
         std::vector<SharedPtr<ImageSource>> keep;
-        std::vector<const ImageSource*> order = dependencyWalk(this, keep);
+        std::vector<const ImageSource*> order = lockOrder(this, keep);
         for (const ImageSource* source : order) source->_mutex.lock();
         struct Unlock {
             std::vector<const ImageSource*>& order;
@@ -164,7 +203,7 @@ void ImageSource::executeFullLocked(const Function0<void>& f) const QOR_NO_THREA
             }
         } unlock{order};
         std::vector<SharedPtr<ImageSource>> keepAgain;
-        if (dependencyWalk(this, keepAgain) != order) continue;
+        if (lockOrder(this, keepAgain) != order) continue;
         f();
         return;
     }
@@ -392,26 +431,21 @@ void ImageSource::computeJobsUnlockedV(std::vector<TileGetter>& out,
         if (outOfDate) *outOfDate = true;
         return;
     }
-    std::vector<TileIndex> kept;
-    if (clip) {
-        const GenVec<int, 2> count = tileLayout().tileCount;
-        for (const TileIndex& idx : tiles) {
-            if (insideCount(idx, count)) {
-                kept.push_back(idx);
-                continue;
-            }
+    // Each getter stays at the position of its index, so that the caller can pair them; an index
+    // that the clip drops keeps an empty getter.
+    const GenVec<int, 2> count = clip ? tileLayout().tileCount : GenVec<int, 2>();
+    out.assign(tiles.size(), TileGetter());
+    for (size_t i = 0; i < tiles.size(); ++i) {
+        const TileIndex& idx = tiles[i];
+        if (clip && !insideCount(idx, count)) {
             QOR_ASSERT_TEXT(false, "false");
             QOR_LOG(LogDebug,
                     "Ignoring out of bounds tile (%*,%*) (most likely due to GPU/CPU switching)",
                     idx.x, idx.y);
+            continue;
         }
-    } else {
-        kept = tiles;
-    }
-    out.resize(kept.size());
-    for (size_t i = 0; i < kept.size(); ++i) {
         JobSet localJobs;
-        out[i] = computeJobsUnlocked(unsigned(kept[i].x), unsigned(kept[i].y), localJobs, merger);
+        out[i] = computeJobsUnlocked(unsigned(idx.x), unsigned(idx.y), localJobs, merger);
         jobs.insert(localJobs.begin(), localJobs.end());
     }
 }

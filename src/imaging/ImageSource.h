@@ -143,8 +143,9 @@ public:
     void computeJobsV(std::vector<TileGetter>& out, const std::vector<TileIndex>& tiles,
                       JobSet& jobs, thread::DependentJobMerger& merger, unsigned int version,
                       bool* outOfDate);
-    // The same under a full lock already held; with `clip`, indices outside the layout are
-    // dropped with a logged assertion.
+    // The same under a full lock already held. `out` gets one getter per index, at the index's
+    // position; with `clip`, an index outside the layout gets an empty getter and a logged
+    // assertion, and builds no job.
     void computeJobsUnlockedV(std::vector<TileGetter>& out, const std::vector<TileIndex>& tiles,
                               JobSet& jobs, thread::DependentJobMerger& merger,
                               unsigned int version, bool* outOfDate, bool clip = true);

@@ -168,11 +168,10 @@ void TileCacheJob::compute() {
     if (inputTile) _tile = inputTile();
     QOR_ASSERT_TEXT(_tile && _tile->valid(), "tile && tile->valid()");
     if (!_tile || !_tile->valid()) throw Exception("TileCacheJob::compute() invalid input tile!");
-    unsigned int cachedVersion = 0;
-    SharedPtr<const ImageTile> cached = TileCache::getLifeTile(targetImage.get(), rect, &cachedVersion);
-    // A newer tile in the cache is never replaced by an older one.
-    if (!cached || cachedVersion < version)
-        TileCache::cacheLifeTile(_tile, targetImage.get(), rect, version);
+    // A newer tile in the cache is never replaced by an older one. The input's own requests run
+    // beside the cache jobs that a derived source builds for the same tiles, so the look-up and
+    // the insertion are one step of the cache.
+    TileCache::cacheLifeTileIfNewer(_tile, targetImage.get(), rect, version);
 }
 
 // ---- GenericMemoryTransferJob ----
@@ -342,6 +341,11 @@ void TileAssemblyJob::compute() {
 TerminatorJob::TerminatorJob() : DependentJob("Term") {}
 
 int TerminatorJob::compare(const thread::DependentJob& other) const {
+    // The class comes first, as for every other job, so that the order stays antisymmetric in a
+    // set that holds terminators beside image source jobs.
+    const std::type_info& mine = typeid(*this);
+    const std::type_info& theirs = typeid(other);
+    if (mine != theirs) return mine.before(theirs) ? -1 : 1;
     const auto a = reinterpret_cast<std::uintptr_t>(this);
     const auto b = reinterpret_cast<std::uintptr_t>(&other);
     return a == b ? 0 : (a < b ? -1 : 1);

@@ -187,7 +187,7 @@ SharedPtr<const ImageTile> ImageSource::createTileFromRegion(const Recti& rect, 
     SharedPtr<const ImageTile> tile = createTileFromRegion(
         this, layout, pixelFormat(), getDrawParameters(), rect, imageTiles, TileIndex(0, 0));
     QOR_ASSERT_TEXT(tile && tile->valid(), "dstTile->valid()");
-    if (caching && tile) TileCache::cacheLifeTile(tile, this, rect, requestVersion);
+    if (caching && tile) TileCache::cacheLifeTileIfNewer(tile, this, rect, requestVersion);
     return tile;
 }
 

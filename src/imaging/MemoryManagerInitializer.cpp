@@ -43,32 +43,41 @@ SharedPtr<MemoryManagerInitializer> MemoryManagerInitializer::obtain() {
     return p;
 }
 
-MemoryManagerInitializer::MemoryManagerInitializer() : NewHandler(true) {
+MemoryManagerInitializer::MemoryManagerInitializer() {
     memory::nmSetPhysicalMemoryLimit(s_physicalMemoryLimit.load());
+    registerHandler();  // last: the chain may call freeMemory at once, on any thread
 }
 
 MemoryManagerInitializer::~MemoryManagerInitializer() {
     // Leave the chain first, so that no run of it reaches a half-destroyed handler.
     unregisterHandler();
+    if (checkNothingHeld()) memory::nmRelease();
+}
+
+bool MemoryManagerInitializer::checkNothingHeld() {
     memory::NmStatistic stats;
-    if (memory::nmGetStatistic(&stats) != memory::NM_OK) return;
-    if (stats.memoryObjectCount == 0) {
-        memory::nmRelease();
-        return;
-    }
+    if (memory::nmGetStatistic(&stats) != memory::NM_OK) return false;
+    if (stats.memoryObjectCount == 0) return true;
     QOR_LOG(LogError,
             "Unable to release MemoryManager as %* objects (%* MB, %* MB on disk) are still held",
             stats.memoryObjectCount, double(stats.memoryAllocated) * 1 / 1048576,
             double(stats.discAllocated) * 1 / 1048576);
     QOR_ASSERT(false);
+    return false;
 }
 
 void MemoryManagerInitializer::freeMemory() {
     const unsigned level = std::max(s_clearLevel.load(), 1u);
     memory::nmClearUnlocked(level);
     QOR_LOG(LogInfo, "bad_alloc: nmClearUnlocked ( %* ) called", level);
-    if (s_clearLevel.load() < s_clearStep.load()) throw std::bad_alloc();
-    s_clearLevel -= s_clearStep.load();
+    // The test and the fall are one atomic step: a successful allocation on another thread may
+    // store the relaxed level at any moment, and a fall computed from an older reading could
+    // take the level below zero, where it wraps to a level at which nothing is ever cleared.
+    const unsigned step = s_clearStep.load();
+    unsigned current = s_clearLevel.load();
+    do {
+        if (current < step) throw std::bad_alloc();
+    } while (!s_clearLevel.compare_exchange_weak(current, current - step));
 }
 
 int MemoryManagerInitializer::setSwapPath(const FastString<char>& path) {

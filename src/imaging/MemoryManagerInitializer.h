@@ -29,9 +29,12 @@ public:
     // The living initializer, created if there is none.
     static SharedPtr<MemoryManagerInitializer> obtain();
 
-    // Reads the statistics: with no block left shuts the library down (nmRelease); otherwise logs
-    // the blocks still held and asserts.
+    // Shuts the library down (nmRelease) when checkNothingHeld() says no block is left.
     ~MemoryManagerInitializer() override;
+
+    // True when the library holds no block; otherwise logs how many it holds, with their sizes in
+    // memory and on disk, asserts, and gives false.
+    static bool checkNothingHeld();
 
     // Clears to the present level (at least 1 MB) and lowers the level by one step. Throws
     // std::bad_alloc when the level is already below one step. Any thread.

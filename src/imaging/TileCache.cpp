@@ -118,26 +118,13 @@ void TileCache::touchLifeTile(const ImageSource* source, const Recti& rect) {
     s.table.touch(TileKey(source, rect));
 }
 
-void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
-                              const Recti& rect, unsigned int version) {
-    // A tiling source holds its own tiles; they never go into the cache.
-    QOR_ASSERT_TEXT(dynamic_cast<const TilingImageSource*>(source) == nullptr,
-                    "dynamic_cast<const TilingImageSource*>(src) == 0");
-    QOR_ASSERT(tile);
-    if (!tile) return;
-    CacheState& s = state();
-    TileKey key(source, rect);
-    Released released;
-    ScopedLock<Mutex> lock(s.mutex);
-    if (!s.enabled) {
-        ++s.dropped;
-        return;
-    }
-    const LifeTile* existing = s.table.find(key);
-    if (existing) {
-        QOR_ASSERT_TEXT(existing->version != version, "t.version != version");
-        ++s.replacements;
-    }
+namespace {
+
+// The insertion shared by both cache writers; the caller holds s.mutex and has checked the flag.
+void insertUnlocked(CacheState& s, TileKey key, SharedPtr<const ImageTile> tile,
+                    unsigned int version, const LifeTile* existing, Released* released)
+    QOR_REQUIRES(s.mutex) {
+    if (existing) ++s.replacements;
     LifeTile t;
     t.memoryConsumption =
         ImageStorage::computeMemoryCost(tile->width(), tile->height(), tile->pixelFormat());
@@ -147,9 +134,53 @@ void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource
     t.version = version;
     const unsigned long long cost = t.memoryConsumption;
     const bool replacing = existing != nullptr;
-    s.table.insert(std::move(key), std::move(t), cost, &released);
+    const size_t before = released->size();
+    s.table.insert(std::move(key), std::move(t), cost, released);
     ++s.insertions;
-    s.evictions += released.size() - (replacing ? 1 : 0);
+    s.evictions += released->size() - before - (replacing ? 1 : 0);
+}
+
+// Tiles of a tiling source are held by it and never cached.
+bool checkCacheable(const ImageSource* source, const SharedPtr<const ImageTile>& tile) {
+    QOR_ASSERT_TEXT(dynamic_cast<const TilingImageSource*>(source) == nullptr,
+                    "dynamic_cast<const TilingImageSource*>(src) == 0");
+    QOR_ASSERT(tile);
+    return bool(tile);
+}
+
+}  // namespace
+
+void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
+                              const Recti& rect, unsigned int version) {
+    if (!checkCacheable(source, tile)) return;
+    CacheState& s = state();
+    TileKey key(source, rect);
+    Released released;
+    ScopedLock<Mutex> lock(s.mutex);
+    if (!s.enabled) {
+        ++s.dropped;
+        return;
+    }
+    const LifeTile* existing = s.table.find(key);
+    if (existing) QOR_ASSERT_TEXT(existing->version != version, "t.version != version");
+    insertUnlocked(s, std::move(key), std::move(tile), version, existing, &released);
+}
+
+bool TileCache::cacheLifeTileIfNewer(SharedPtr<const ImageTile> tile, const ImageSource* source,
+                                     const Recti& rect, unsigned int version) {
+    if (!checkCacheable(source, tile)) return false;
+    CacheState& s = state();
+    TileKey key(source, rect);
+    Released released;
+    ScopedLock<Mutex> lock(s.mutex);
+    if (!s.enabled) {
+        ++s.dropped;
+        return false;
+    }
+    const LifeTile* existing = s.table.find(key);
+    if (existing && existing->version >= version) return false;
+    insertUnlocked(s, std::move(key), std::move(tile), version, existing, &released);
+    return true;
 }
 
 void TileCache::clearLifeTiles(const ImageSource* source) {

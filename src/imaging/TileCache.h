@@ -77,6 +77,13 @@ public:
     // that does not fit the limit at all; each is stored all the same.
     static void cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
                               const Recti& rect, unsigned int version);
+    // Stores `tile` as cacheLifeTile does, unless the entry of that key already has `version` or
+    // a newer one: a newer tile is never replaced by an older one, and a tile computed twice at
+    // one version (two requests that ran side by side) is kept once. The look-up and the insertion
+    // are one step under the cache's mutex, so two writers of one key cannot both find it missing.
+    // Returns true when the tile was stored.
+    static bool cacheLifeTileIfNewer(SharedPtr<const ImageTile> tile, const ImageSource* source,
+                                     const Recti& rect, unsigned int version);
 
     // Removes every entry of source; the entries of other sources stay.
     static void clearLifeTiles(const ImageSource* source);

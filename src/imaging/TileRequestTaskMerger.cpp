@@ -61,7 +61,9 @@ bool TileRequestTaskMerger::Handle::finished() const {
 void TileRequestTaskMerger::Handle::cancel() {
     SharedPtr<Task> task = _task.lock();
     if (!task || task->finished()) return;
-    _cancelled.store(true, std::memory_order_release);
+    // A handle is withdrawn once: a second cancel (from the caller and from a termination at the
+    // same time, say) would find it gone from its task.
+    if (_cancelled.exchange(true, std::memory_order_acq_rel)) return;
     task->cancel(selfRef());
 }
 
@@ -140,6 +142,7 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
         merger->notifyTaskFinish(self);
         return;
     }
+    bool ranJobs = false;
     ComputedTileInfo end = endRecord(ComputedTileInfo::Success, _source);
     end.pos = GenVec<int, 2>(-2, -2);
     std::vector<ComputedTileInfo> cachedRecords;
@@ -183,6 +186,7 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
                 ImageSource::Debug_OnStartProcessingSource().emit(_source, jobs);
                 // The final jobs of the request are the ones computeJobsV handed back.
                 const ImageSource::JobSet finalJobs = jobs;
+                ranJobs = !jobs.empty();
                 _executor.process(_scoreFunction, jobs,
                                   [this, &finalJobs](const SharedPtr<DependentJob>& job) {
                                       jobFinished(job, finalJobs);
@@ -223,7 +227,13 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
         _finished = true;
         ++_delivering;
     }
-    if (!cachedRecords.empty()) deliver(cachedRecords, 1.0, false);
+    // Tiles found in the cache go through the same delivery as those of the jobs, progress
+    // included. They come after every job: with jobs behind it the request is complete with each
+    // of them; without, each is its share of the request.
+    for (size_t i = 0; i < cachedRecords.size(); ++i) {
+        const double progress = ranJobs ? 1.0 : double(i + 1) / double(cachedRecords.size());
+        deliver({cachedRecords[i]}, progress, true);
+    }
     {
         ScopedLock<Mutex> lock(_mutex);
         handles = _taskHandles;
@@ -322,12 +332,17 @@ void TileRequestTaskMerger::Task::jobFinished(const SharedPtr<DependentJob>& job
 }
 
 void TileRequestTaskMerger::Task::endDelivery() {
+    bool stopJobs = false;
+    std::vector<SharedPtr<Handle>> removed;
     {
         ScopedLock<Mutex> lock(_mutex);
         // Jobs finish on several threads at once: the cancellations wait for the last delivery.
+        // They are taken in the same locked step that ends it; a cancel arriving after the lock
+        // is released finds no delivery and removes its handle itself.
         if (--_delivering > 0) return;
+        takeDeferredCancelsUnlocked(removed, &stopJobs);
     }
-    runDeferredCancels();
+    finishCancels(removed, stopJobs);
 }
 
 void TileRequestTaskMerger::Task::deliver(const std::vector<ComputedTileInfo>& records,
@@ -395,16 +410,16 @@ void TileRequestTaskMerger::Task::cancel(const SharedPtr<Handle>& handle) {
     sendCancelled(handle);
 }
 
-void TileRequestTaskMerger::Task::runDeferredCancels() {
+void TileRequestTaskMerger::Task::takeDeferredCancelsUnlocked(
+    std::vector<SharedPtr<Handle>>& removed, bool* stopJobs) {
     HandleSet deferred;
-    bool stopJobs = false;
-    std::vector<SharedPtr<Handle>> removed;
-    {
-        ScopedLock<Mutex> lock(_mutex);
-        deferred.swap(_cancelWhileDelivering);
-        for (const SharedPtr<Handle>& handle : deferred)
-            if (removeHandleUnlocked(handle, &stopJobs)) removed.push_back(handle);
-    }
+    deferred.swap(_cancelWhileDelivering);
+    for (const SharedPtr<Handle>& handle : deferred)
+        if (removeHandleUnlocked(handle, stopJobs)) removed.push_back(handle);
+}
+
+void TileRequestTaskMerger::Task::finishCancels(const std::vector<SharedPtr<Handle>>& removed,
+                                                bool stopJobs) {
     if (stopJobs) _executor.cancel();
     for (const SharedPtr<Handle>& handle : removed) sendCancelled(handle);
 }
@@ -465,7 +480,9 @@ void TileRequestTaskMerger::notifyTaskStart(const SharedPtr<Task>& task) {
     QOR_ASSERT_TEXT(_startedTasks.find(task) == _startedTasks.end(),
                     "_startedTasks.find(task) == _startedTasks.end()");
     auto it = _pendingTasks.find(task);
-    // A task that was terminated before it started is in neither set.
+    // A task that terminateAllTasks took out of the sets is in neither; it was marked under this
+    // mutex before it left them.
+    QOR_ASSERT_TEXT(it != _pendingTasks.end() || task->terminated(), "it != _pendingTasks.end()");
     if (it == _pendingTasks.end()) return;
     _pendingTasks.erase(it);
     _startedTasks.insert(task);
@@ -473,7 +490,10 @@ void TileRequestTaskMerger::notifyTaskStart(const SharedPtr<Task>& task) {
 
 void TileRequestTaskMerger::notifyTaskFinish(const SharedPtr<Task>& task) {
     ScopedLock<Mutex> lock(_mutex);
-    _startedTasks.erase(task);
+    auto it = _startedTasks.find(task);
+    QOR_ASSERT_TEXT(it != _startedTasks.end() || task->terminated(),
+                    "_startedTasks.find(task) != _startedTasks.end()");
+    if (it != _startedTasks.end()) _startedTasks.erase(it);
 }
 
 void TileRequestTaskMerger::terminateAllTasks() {
@@ -482,6 +502,7 @@ void TileRequestTaskMerger::terminateAllTasks() {
         ScopedLock<Mutex> lock(_mutex);
         tasks.insert(_pendingTasks.begin(), _pendingTasks.end());
         tasks.insert(_startedTasks.begin(), _startedTasks.end());
+        for (const SharedPtr<Task>& task : tasks) task->markTerminated();
         _pendingTasks.clear();
         _startedTasks.clear();
     }

@@ -13,6 +13,7 @@
 // run or callbacks are called, so a callback may cancel any handle, its own included. Lock order:
 // a task's mutex is never held while the merger's is taken, and the other way round.
 
+#include <atomic>
 #include <set>
 #include <vector>
 
@@ -88,6 +89,9 @@ public:
         unsigned int version() const { return _version; }
         bool finished() const;
         bool cancelled() const;
+        // Set by terminateAllTasks under the merger's mutex, before the task leaves its sets.
+        void markTerminated() { _terminated.store(true, std::memory_order_release); }
+        bool terminated() const { return _terminated.load(std::memory_order_acquire); }
 
     private:
         using HandleSet = std::set<SharedPtr<Handle>>;
@@ -103,7 +107,11 @@ public:
         void collectJoblessTiles(const std::vector<GenVec<int, 2>>& working,
                                  const std::vector<Function0<SharedPtr<const ImageTile>>>& getters,
                                  std::vector<ComputedTileInfo>& records);
-        void runDeferredCancels();
+        // Takes the cancellations that arrived during deliveries out of the handle sets.
+        void takeDeferredCancelsUnlocked(std::vector<SharedPtr<Handle>>& removed, bool* stopJobs)
+            QOR_REQUIRES(_mutex);
+        // Stops the jobs if asked and sends each removed handle its cancelled record; no lock.
+        void finishCancels(const std::vector<SharedPtr<Handle>>& removed, bool stopJobs);
         // Ends one delivery; the last one running carries out the deferred cancellations.
         void endDelivery();
         // The end of one handle: drops it, stops the jobs with the last one; false if the handle
@@ -121,6 +129,9 @@ public:
         const SharedPtr<thread::JobScoreFunction> _scoreFunction;
         bool _cancelled QOR_GUARDED_BY(_mutex) = false;
         bool _finished QOR_GUARDED_BY(_mutex) = false;
+        // An atomic, not under _mutex: the merger reads it under its own mutex, and the two
+        // mutexes are never held together.
+        std::atomic<bool> _terminated{false};
         thread::DependentJobExecutor _executor;
         HandleSet _taskHandles QOR_GUARDED_BY(_mutex);
         HandleSet _cancelWhileDelivering QOR_GUARDED_BY(_mutex);

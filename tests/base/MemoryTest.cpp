@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -353,7 +354,9 @@ TEST(GrowablePoolLockableMemory, SuballocatesChunksAndGivesEmptyOnesBack) {
 
 class TestHandler : public NewHandler {
 public:
-    TestHandler(bool helps, bool reg) : NewHandler(reg), _helps(helps) {}
+    TestHandler(bool helps, bool reg) : _helps(helps) {
+        if (reg) registerHandler();
+    }
     ~TestHandler() override { unregisterHandler(); }
     void freeMemory() override {
         ++calls;
@@ -382,6 +385,45 @@ TEST(NewHandler, RunsTheChainAndTellsWhetherAnyHandlerHelped) {
     refuses.unregisterHandler();
     EXPECT_FALSE(NewHandler::callOurHandlers());
     EXPECT_EQ(refuses.calls, 3);
+}
+
+// A handler whose members are set up in its constructor: the chain must not reach it before they
+// are. With registration in the base constructor, a run of the chain on another thread called
+// freeMemory of a half-built object (a pure virtual call, or members not yet set).
+class SlowlyBuiltHandler : public NewHandler {
+public:
+    SlowlyBuiltHandler() {
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+        _ready = 0x600d;
+        registerHandler();
+    }
+    ~SlowlyBuiltHandler() override {
+        unregisterHandler();
+        _ready = 0;
+    }
+    void freeMemory() override {
+        if (_ready != 0x600d) ++halfBuilt;
+        throw std::bad_alloc();
+    }
+    static std::atomic<int> halfBuilt;
+
+private:
+    int _ready = 0;
+};
+std::atomic<int> SlowlyBuiltHandler::halfBuilt{0};
+
+TEST(NewHandlerThreads, TheChainNeverReachesAHandlerBeforeItsConstructorHasFinished) {
+    std::atomic<bool> stop{false};
+    std::thread runner([&] {
+        while (!stop.load()) NewHandler::callOurHandlers();
+    });
+    for (int i = 0; i < 300; ++i) {
+        SlowlyBuiltHandler handler;
+        EXPECT_TRUE(handler.registered());
+    }
+    stop = true;
+    runner.join();
+    EXPECT_EQ(SlowlyBuiltHandler::halfBuilt.load(), 0);
 }
 
 TEST_F(MemoryManagerThreads, AllocLockWriteUnlockClearAtOnceKeepsContents) {

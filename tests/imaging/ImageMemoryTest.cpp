@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <atomic>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "base/Log.h"
@@ -98,13 +100,7 @@ TEST_F(ImageMemory, EveryAllocationFirstClearsToThePresentLevel) {
     ImageMemoryManager::unlock(a);
     // The level is 512 (then 480): a megabyte stays in memory.
     LockableMemoryHandle* b = ImageMemoryManager::alloc(1 << 20);
-    EXPECT_EQ(
-        nmStatus(
-            dynamic_cast<ManagedMemoryAllocator::MemoryHandle*>(
-                dynamic_cast<SwitchedLockableMemoryAllocator<ChooseAllocator>::MemoryHandle*>(a)
-                    ->_innerHandle)
-                ->_mManagerHandle),
-        NM_OBJECT_RESIDENT);
+    EXPECT_EQ(ImageMemoryManager::memoryFootprint(a), (1u << 20) + 12) << "still resident";
     // At level 0 the next allocation swaps every unlocked block out.
     internal::s_clearLevel = 0;
     LockableMemoryHandle* c = ImageMemoryManager::alloc(1 << 20);
@@ -222,14 +218,12 @@ TEST_F(ImageMemory, ReleaseShutsTheLibraryDownOnlyWhenNoBlockIsLeft) {
     EXPECT_TRUE(log.contains(
         "Unable to release MemoryManager as 1 objects (0.0625 MB, 0 MB on disk) are still held"));
     EXPECT_EQ(log.assertions("false"), 1u);
+    EXPECT_EQ(log.assertions("s_memoryManager.unique() && \"No further references should be held "
+                             "by now\""),
+              1u);
     EXPECT_EQ(stats().memoryObjectCount, 1u) << "the library stays up";
-
-    // Give the block back by hand, as the allocator that made it is gone.
-    auto* outer = dynamic_cast<SwitchedLockableMemoryAllocator<ChooseAllocator>::MemoryHandle*>(h);
-    auto* inner = dynamic_cast<ManagedMemoryAllocator::MemoryHandle*>(outer->_innerHandle);
-    EXPECT_EQ(nmFree(inner->_mManagerHandle), NM_OK);
-    delete inner;
-    delete outer;
+    ImageMemoryManager::free(h);
+    EXPECT_EQ(stats().memoryObjectCount, 0u) << "the last block took the old stack with it";
 
     // With nothing left, release ends in nmRelease: the swap file goes.
     ImageMemoryManager::initSwapDir(_dir.c_str());
@@ -246,6 +240,87 @@ TEST_F(ImageMemory, ReleaseShutsTheLibraryDownOnlyWhenNoBlockIsLeft) {
     EXPECT_EQ(log.assertions(), 0u);
     EXPECT_NE(::stat(file.c_str(), &st), 0);
     EXPECT_EQ(stats().writeOperations, 0u);
+}
+
+// Blocks that outlive release(), or a replacement of the allocator that came too late, stay with
+// the stack that made them. They used to reach the new stack, whose pool took the old handle for
+// one of its own and wrote through a chunk that the old pool had freed.
+TEST_F(ImageMemory, BlocksThatOutliveTheirStackKeepWorkingOnIt) {
+    // 1000 bytes go to the pool, 65536 to whole blocks: both kinds of handle.
+    LockableMemoryHandle* small = ImageMemoryManager::alloc(1000);
+    LockableMemoryHandle* large = ImageMemoryManager::alloc(65536);
+    std::memset(ImageMemoryManager::lock(small, false), 7, 1000);
+    ImageMemoryManager::unlock(small);
+    std::memset(ImageMemoryManager::lock(large, false), 9, 65536);
+    ImageMemoryManager::unlock(large);
+    {
+        LogCapture log;
+        ImageMemoryManager::release();
+        EXPECT_EQ(log.assertions("false"), 1u) << "the blocks still held are reported";
+    }
+    // A new stack, with a block of its own in a new pool chunk.
+    LockableMemoryHandle* fresh = ImageMemoryManager::alloc(1000);
+    std::memset(ImageMemoryManager::lock(fresh, false), 3, 1000);
+    ImageMemoryManager::unlock(fresh);
+
+    const auto* p = static_cast<const unsigned char*>(ImageMemoryManager::lock(small, true));
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p[0], 7);
+    EXPECT_EQ(p[999], 7);
+    ImageMemoryManager::unlock(small);
+    std::memset(ImageMemoryManager::lock(small, false), 5, 1000);
+    ImageMemoryManager::unlock(small);
+    EXPECT_GT(ImageMemoryManager::memoryFootprint(large), 65536u);
+    p = static_cast<const unsigned char*>(ImageMemoryManager::lock(fresh, true));
+    EXPECT_EQ(p[0], 3) << "writes to an old block land in the old stack";
+    ImageMemoryManager::unlock(fresh);
+    ImageMemoryManager::free(small);
+    ImageMemoryManager::free(large);
+    ImageMemoryManager::free(fresh);
+
+    // The same after a replacement that came too late.
+    LockableMemoryHandle* before = ImageMemoryManager::alloc(1000);
+    std::memset(ImageMemoryManager::lock(before, false), 1, 1000);
+    ImageMemoryManager::unlock(before);
+    auto heap = std::make_shared<HeapAllocator>();
+    {
+        LogCapture log;
+        ImageMemoryManager::setMemoryAllocator(heap);
+        EXPECT_EQ(log.assertions(), 1u);
+    }
+    p = static_cast<const unsigned char*>(ImageMemoryManager::lock(before, true));
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p[500], 1);
+    ImageMemoryManager::unlock(before);
+    ImageMemoryManager::free(before);
+    EXPECT_EQ(heap->allocs, 0) << "the old block never reached the new allocator";
+}
+
+// The level fell in three separate steps (read, test, subtract) while successful allocations on
+// other threads stored the relaxed level in between: from 40 (a limit of 40 MB, relaxed 8) a fall
+// computed from the old reading took it below zero, where it wrapped to about 4 * 10^9.
+TEST_F(ImageMemory, ClearLevelNeverFallsBelowZeroUnderConcurrentAllocations) {
+    ImageMemoryManager::setPhysicalMemoryLimit(40);
+    auto initializer = internal::MemoryManagerInitializer::instance();
+    ASSERT_TRUE(initializer);
+    LogCapture log;  // each fall logs a line
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned> highest{0};
+    std::thread allocs([&] {
+        while (!stop.load()) internal::s_clearLevel.store(internal::s_relaxedClearLevel.load());
+    });
+    for (int i = 0; i < 20000; ++i) {
+        try {
+            initializer->freeMemory();
+        } catch (const std::bad_alloc&) {
+        }
+        const unsigned level = internal::s_clearLevel.load();
+        if (level > highest.load()) highest = level;
+        internal::s_clearLevel.store(40);
+    }
+    stop = true;
+    allocs.join();
+    EXPECT_LE(highest.load(), 40u);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <new>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "PipelineTestSources.h"
 #include "base/Log.h"
@@ -318,6 +320,74 @@ TEST(ImageSourceJob, CacheJobNeverReplacesASameOrNewerVersion) {
     EXPECT_EQ(empty->exceptionType(), ImagingException::TypeUnknown);
     EXPECT_EQ(std::string(empty->exceptionMessage().view()),
               "TileCacheJob::compute() invalid input tile!");
+}
+
+// A derived source's cache jobs for its input's tiles run beside the input's own requests. With a
+// look-up and an insertion locked apart, a job of an older version could replace a newer tile, and
+// two jobs of one version both stored theirs ("t.version != version").
+TEST(TileCacheJobThreads, JobsOfOneTileAtManyVersionsLeaveTheNewestCached) {
+    CacheGuard cache;
+    auto source = GradientSource::create({64, 64}, {32, 32});
+    const Recti rect(0, 0, 32, 32);
+    SharedPtr<const ImageTile> offered = source->getTile(0, 0, false, nullptr, {});
+    ASSERT_TRUE(offered);
+    constexpr int kThreads = 4, kRounds = 3000;
+    std::atomic<unsigned> newest{0};
+    std::atomic<bool> done{false};
+    std::atomic<int> wentBack{0};
+    std::thread watcher([&] {
+        unsigned int last = 0;
+        while (!done.load()) {
+            unsigned int v = 0;
+            if (!TileCache::getLifeTile(source.get(), rect, &v)) continue;
+            if (v < last) ++wentBack;
+            last = v;
+        }
+    });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int r = 0; r < kRounds; ++r) {
+                const unsigned version = unsigned(r * kThreads + t) / 3 + 10;
+                auto job = notifyJob<TileCacheJob>(source, version, {0, 0});
+                job->rect = rect;
+                job->inputTile = [offered] { return offered; };
+                job->performComputation();
+                unsigned seen = newest.load();
+                while (seen < version && !newest.compare_exchange_weak(seen, version)) {
+                }
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    done = true;
+    watcher.join();
+    EXPECT_EQ(wentBack.load(), 0) << "an older tile replaced a newer one";
+    unsigned int cachedVersion = 0;
+    EXPECT_TRUE(TileCache::getLifeTile(source.get(), rect, &cachedVersion));
+    EXPECT_EQ(cachedVersion, newest.load());
+}
+
+TEST(ImageSourceJob, TerminatorsOrderAntisymmetricallyAgainstOtherJobs) {
+    // The merger keeps jobs in an ordered set: a.compare(b) and b.compare(a) must have opposite
+    // signs for every pair, whatever the addresses of the two.
+    auto source = GradientSource::create({64, 64}, {32, 32});
+    std::vector<SharedPtr<thread::DependentJob>> jobs;
+    for (int i = 0; i < 8; ++i) {
+        jobs.push_back(std::make_shared<TerminatorJob>());
+        jobs.push_back(notifyJob<TileNotifyJob>(source, 1, {i, 0}));
+    }
+    auto sign = [](int v) { return (v > 0) - (v < 0); };
+    for (const auto& a : jobs)
+        for (const auto& b : jobs) {
+            EXPECT_EQ(sign(a->compare(*b)), -sign(b->compare(*a)));
+            if (a != b) {
+                EXPECT_NE(a->compare(*b), 0);
+            }
+        }
+    DependentJobMerger merger;
+    for (const auto& job : jobs) EXPECT_EQ(merger.merge(job), job);
+    EXPECT_EQ(merger.size(), jobs.size());
 }
 
 TEST(ImageSourceJob, NotifyJobHandsOnItsTile) {

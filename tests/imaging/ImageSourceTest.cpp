@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -232,6 +235,62 @@ TEST(ImageSource, ExecuteFullLockedHoldsTheSourceAndItsDependencies) {
     EXPECT_FALSE(topFree);
     EXPECT_TRUE(base->mutexFree());
     EXPECT_TRUE(top->mutexFree());
+}
+
+// A node of a source graph with any number of dependencies, in the order given. It computes
+// nothing.
+class GraphSource : public ImageSource {
+public:
+    static SharedPtr<GraphSource> create(std::vector<SharedPtr<ImageSource>> deps = {}) {
+        auto* source = new GraphSource(std::move(deps));
+        return std::static_pointer_cast<GraphSource>(source->setupSelfRef());
+    }
+    TileLayout tileLayout() const override {
+        return TileLayout(size(), GenVec<int, 2>(32, 32), GenVec<int, 2>(0, 0), size());
+    }
+    void insertDependencies(SourceList& out) const override {
+        out.insert(out.end(), _deps.begin(), _deps.end());
+    }
+
+private:
+    explicit GraphSource(std::vector<SharedPtr<ImageSource>> deps)
+        : ImageSource({64, 64}, PfRGBA8), _deps(std::move(deps)) {}
+    const std::vector<SharedPtr<ImageSource>> _deps;
+};
+
+// Runs executeFullLocked of each root on a thread of its own, many times. Locking in walk order
+// (breadth by breadth from each root) deadlocked here: a source reached along two paths of
+// different length, or two siblings listed in different orders by two roots, were taken in
+// opposite orders by two walks.
+void lockConcurrently(const std::vector<SharedPtr<GraphSource>>& roots) {
+    std::atomic<int> finished{0};
+    std::vector<std::thread> threads;
+    for (const SharedPtr<GraphSource>& root : roots)
+        threads.emplace_back([root, &finished] {
+            for (int i = 0; i < 3000; ++i) root->executeFullLocked([] {});
+            ++finished;
+        });
+    const auto deadline = Clock::now() + kPatience;
+    while (finished.load() < int(roots.size()) && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (finished.load() < int(roots.size())) {
+        // The threads wait on each other for ever and cannot be joined.
+        std::fprintf(stderr, "executeFullLocked deadlocked\n");
+        std::_Exit(1);
+    }
+    for (std::thread& t : threads) t.join();
+}
+
+TEST(ImageSourceThreads, FullLocksOfOverlappingGraphsNeverDeadlock) {
+    // A diamond reached at two depths: top lists its leaf before the middle source that also
+    // reads the leaf.
+    auto leaf = GraphSource::create();
+    auto middle = GraphSource::create({leaf});
+    auto top = GraphSource::create({leaf, middle});
+    lockConcurrently({top, middle});
+    // Two roots that list the same two sources in opposite orders.
+    auto a = GraphSource::create(), b = GraphSource::create();
+    lockConcurrently({GraphSource::create({a, b}), GraphSource::create({b, a})});
 }
 
 TEST(ImageSource, EnableCachingFollowsDefaultCachingStateAndReachesDependencies) {

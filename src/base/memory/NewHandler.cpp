@@ -22,10 +22,6 @@ Chain& chain() {
 
 }  // namespace
 
-NewHandler::NewHandler(bool registerNow) {
-    if (registerNow) registerHandler();
-}
-
 NewHandler::~NewHandler() { unregisterHandler(); }
 
 void NewHandler::registerHandler() {

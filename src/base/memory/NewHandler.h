@@ -5,15 +5,19 @@
 //
 // Thread contract: registration and the run of the chain share one recursive lock, so a run sees
 // a stable chain and a handler is never destroyed while it runs. Runs on different threads follow
-// one another. A handler may unregister itself (or register others) from freeMemory. A subclass
-// must call unregisterHandler() in its own destructor, before its members go.
+// one another. A handler may unregister itself (or register others) from freeMemory.
+//
+// A handler joins the chain only once it is whole: a subclass calls registerHandler() at the end of
+// its own constructor, never earlier, since a run on another thread may call freeMemory() as soon
+// as the handler is in the chain. Likewise it calls unregisterHandler() first in its destructor,
+// before its members go.
 
 namespace qor::memory {
 
 class NewHandler {
 public:
-    // With `registerNow`, the handler joins the chain at once.
-    explicit NewHandler(bool registerNow);
+    // Not yet in the chain: see the class comment.
+    NewHandler() = default;
     virtual ~NewHandler();
     NewHandler(const NewHandler&) = delete;
     NewHandler& operator=(const NewHandler&) = delete;

@@ -52,7 +52,9 @@ void failAddressSpaceProbes(int times) { g_failingProbes = times; }
 
 // ---- TextureGLNewHandler ----
 
-TextureGLNewHandler::TextureGLNewHandler(TextureGLCache* cache) : NewHandler(true), _cache(cache) {}
+TextureGLNewHandler::TextureGLNewHandler(TextureGLCache* cache) : _cache(cache) {
+    registerHandler();  // last: the chain may call freeMemory at once, on any thread
+}
 
 TextureGLNewHandler::~TextureGLNewHandler() { unregisterHandler(); }
 
