@@ -45,7 +45,6 @@
 #include <vector>
 
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include "Commands.h"
 #include "SaveImage.h"
@@ -359,7 +358,7 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         progress.changed.notifyAll();
     };
 
-    const bool bar = isatty(STDERR_FILENO) != 0;
+    const bool bar = progressBarWanted();
     void (*previous)(int) = std::signal(SIGINT, onInterrupt);
     auto score = std::make_shared<imaging::LineOrderScoreFunction>();
     std::deque<SharedPtr<RequestHandle>> running;  // the batches not yet ended, oldest first

@@ -1,8 +1,8 @@
-// qor tiles [--width N] [--height N] [--tile N] [--save FILE.jpg]: computes a generated image through the tile
-// pipeline and checks every pixel against a direct computation.
+// qor tiles [--width N] [--height N] [--tile N] [--save FILE.jpg]: computes a generated image
+// through the tile pipeline and checks every pixel against a direct computation.
 //
 // The image is a procedural source whose pixels are a function of their coordinates and of the
-// source's version. The run asks for every tile asynchronously, centre first, and reports progress;
+// source's version. The run asks for every tile asynchronously, centre first, with a progress bar;
 // then changes the version and asks again (the cached tiles of the old version must not come
 // back); then reads a region that reaches past the top-left corner as one tile, mirrored. Any pixel
 // that differs from the direct computation makes the exit status 1.
@@ -110,25 +110,29 @@ struct Round {
     double seconds = 0;
 };
 
-// Asks for every tile at once and checks each as it arrives.
+// Asks for every tile at once and checks each as it arrives, with a progress bar on standard error
+// when it is a terminal. Tiles arrive on the workers; `mutex` guards `round`, `done` and the bar.
 Round requestAll(const SharedPtr<Procedural>& source) {
     const TileLayout layout = source->tileLayout();
     ImageSource::TileSet all;
     layout.tiles(all);
+    const unsigned long total = all.size();
     const unsigned version = source->version();
+    const bool bar = progressBarWanted();
     Round round;
     Mutex mutex;
     ConditionVariable ended;
     bool done = false;
-    long lastStep = -1;  // the last tenth printed; tiles arrive on several threads, so only rises count
+    unsigned long drawnPercent = 0;
     const auto start = std::chrono::steady_clock::now();
     auto callback = [&](const ComputedTileInfo& info) {
         ScopedLock<Mutex> lock(mutex);
         if (info.type == ComputedTileInfo::RequestEnded) {
+            if (bar) drawProgressBar(round.tiles, total, "tiles", true);
             round.error = info.status != ComputedTileInfo::Success;
             if (round.error)
-                std::fprintf(stderr, "qor: request ended with status %d: %s\n", int(info.status),
-                             info.errorMessage.c_str());
+                std::fprintf(stderr, "qor: tiles: the request ended with status %d: %s\n",
+                             int(info.status), info.errorMessage.c_str());
             done = true;
             ended.notifyAll();
             return;
@@ -136,18 +140,14 @@ Round requestAll(const SharedPtr<Procedural>& source) {
         ++round.tiles;
         round.bad += mismatches(*info.tile, layout.getTileRect(info.pos.x, info.pos.y),
                                 source->size(), version);
-    };
-    auto progress = [&](double fraction) {
-        const long percent = long(fraction * 100.0);
-        ScopedLock<Mutex> lock(mutex);
-        if (percent / 10 <= lastStep) return;
-        lastStep = percent / 10;
-        std::printf("  %3ld%%\n", percent);
+        if (bar && round.tiles * 100 / total > drawnPercent) {
+            drawnPercent = round.tiles * 100 / total;
+            drawProgressBar(round.tiles, total, "tiles", false);
+        }
     };
     const GenVec<int, 2> center(source->width() / 2, source->height() / 2);
     auto handle = source->requestTiles(
-        all, std::make_shared<imaging::DFSCenteredScoreFunction>(center), callback, true,
-        progress);
+        all, std::make_shared<imaging::DFSCenteredScoreFunction>(center), callback, true, {});
     {
         ScopedLock<Mutex> lock(mutex);
         while (!done) ended.wait(lock);
