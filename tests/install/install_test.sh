@@ -24,7 +24,7 @@ expected="qor $VERSION: 4x2 tile, pixel 0.375"
     { cat "$WORK/cmake.log" >&2; fail "find_package(qor) in $PREFIX"; }
 "$CMAKE" --build "$WORK/cmake" >"$WORK/cmake.log" 2>&1 ||
     { cat "$WORK/cmake.log" >&2; fail "building against the CMake package"; }
-got=$("$WORK/cmake/consumer") || fail "the program built through the CMake package failed"
+got=$("$WORK/cmake/consumer") || fail "the program built through the CMake package: exit status $?"
 [ "$got" = "$expected" ] || fail "CMake package: printed '$got', not '$expected'"
 
 # pkg-config, as a Makefile would use it.
@@ -39,7 +39,7 @@ libdir=$("$PKG_CONFIG" --variable=libdir qor)
 "$CXX" -std=c++20 "$HERE/consumer/main.cpp" -o "$WORK/pc-consumer" \
     $("$PKG_CONFIG" --cflags --libs qor) -Wl,-rpath,"$libdir" ||
     fail "building with pkg-config --cflags --libs qor"
-got=$("$WORK/pc-consumer") || fail "the program built through pkg-config failed"
+got=$("$WORK/pc-consumer") || fail "the program built through pkg-config: exit status $?"
 [ "$got" = "$expected" ] || fail "pkg-config: printed '$got', not '$expected'"
 
 # Every installed header, with only qor.pc's flags: none may need an internal header left out or

@@ -40,8 +40,6 @@ for c in $SUBCOMMANDS; do
     page=$(cat out)
     run help "$c"
     [ "$(cat out)" = "$page" ] || fail "qor help $c differs from qor $c --help"
-    run "$c" -h
-    [ "$(cat out)" = "$page" ] || fail "qor $c -h differs from qor $c --help"
 
     run "$c" --no-such-option
     [ "$status" -eq 2 ] || fail "qor $c --no-such-option: exit status $status, not 2"
@@ -49,6 +47,10 @@ for c in $SUBCOMMANDS; do
         fail "qor $c --no-such-option: not one line naming the option: $(cat err)"
     [ -s out ] && fail "qor $c --no-such-option printed on standard output"
 done
+run export -h
+[ "$status" -eq 0 ] && head -n 1 out | grep -q "^usage: qor export\b" || fail "qor export -h: no help"
+run -h
+[ "$status" -eq 0 ] && [ "$(cat out)" = "$overview" ] || fail "qor -h differs from qor help"
 for bad in "--no-such-option" "no-such-subcommand" "help no-such-subcommand" "" "--log"; do
     # shellcheck disable=SC2086
     run $bad
