@@ -15,12 +15,12 @@
 
 #include "Commands.h"
 #include "base/thread/Mutex.h"
+#include "imageio/ImageIO.h"
 #include "imaging/Image.h"
 #include "imaging/ImageSource.h"
 #include "imaging/ImageTile.h"
 #include "imaging/TileCache.h"
 #include "imaging/TileScoreFunctions.h"
-#include "imageio/ImageIO.h"
 
 namespace qor::tool {
 
@@ -38,10 +38,14 @@ constexpr unsigned long kMaxSide = 65536;
 // The pixel of (x, y) at a version, channel by channel.
 unsigned char pixel(int x, int y, unsigned version, int channel) {
     switch (channel) {
-        case 0: return (unsigned char)(x * 3 + y);
-        case 1: return (unsigned char)((x ^ y) + version * 17);
-        case 2: return (unsigned char)(y * 5 + (x >> 4));
-        default: return 255;
+        case 0:
+            return (unsigned char)(x * 3 + y);
+        case 1:
+            return (unsigned char)((x ^ y) + version * 17);
+        case 2:
+            return (unsigned char)(y * 5 + (x >> 4));
+        default:
+            return 255;
     }
 }
 
@@ -152,8 +156,7 @@ Round requestAll(const SharedPtr<Procedural>& source) {
         ScopedLock<Mutex> lock(mutex);
         while (!done) ended.wait(lock);
     }
-    round.seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    round.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     (void)handle;
     return round;
 }
@@ -225,7 +228,8 @@ int runTilesDemo(const std::vector<std::string>& args) {
         std::printf("saved %s\n", savePath.c_str());
     }
     if (bad || failed) {
-        std::fprintf(stderr, "qor: tiles: the pipeline's pixels differ from the direct computation\n");
+        std::fprintf(stderr,
+                     "qor: tiles: the pipeline's pixels differ from the direct computation\n");
         return 1;
     }
     std::printf("all pixels match\n");

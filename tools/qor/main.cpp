@@ -60,9 +60,8 @@ struct GlobalOptions {
     bool help = false;    // -h, --help
 };
 
-// The number of v's of "-v", "-vv", ... ("--verbose" counts one); 0 for anything else.
+// The number of v's of "-v", "-vv", ...; 0 for anything else.
 int verbosityOf(const std::string& arg) {
-    if (arg == "--verbose") return 1;
     if (arg.size() < 2 || arg[0] != '-') return 0;
     return arg.find_first_not_of('v', 1) == std::string::npos ? int(arg.size() - 1) : 0;
 }
