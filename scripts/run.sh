@@ -7,6 +7,8 @@ cmake --preset release >/dev/null
 cmake --build --preset release
 QOR=build/release/qor
 "$QOR" --version
+"$QOR" help
+"$QOR" export --help
 "$QOR" jobs --width 64 --depth 8
 SAMPLES=$(mktemp -d)
 trap 'rm -rf "$SAMPLES"' EXIT
@@ -53,6 +55,13 @@ exiv2 -it "$SAMPLES/harbour.jpg"  # inserts harbour-thumb.jpg as the EXIF thumbn
 "$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/half.exr" --scale 0.5
 "$QOR" export "$SAMPLES/tower.jpg" -o "$SAMPLES/tower-upright.jpg" --size 800x800 --quality 85 \
     --profile adobergb
+# The library's log: on standard error with -v, in a file with --log, and nowhere without them.
+"$QOR" -v export "$SAMPLES/generated.jpg" -o "$SAMPLES/quarter.jpg" --scale 0.25
+"$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/quarter.jpg" --scale 0.25 -vv \
+    --log "$SAMPLES/qor.log" 2>/dev/null
+echo "qor.log: $(wc -l <"$SAMPLES/qor.log") lines of the library's log"
+quiet=$("$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/quarter.jpg" --scale 0.25 2>&1)
+[ -z "$quiet" ] || { echo "qor export without -v printed: $quiet" >&2; exit 1; }
 for bad in "-o $SAMPLES/x.png" "--scale 0" "--size 10 -o $SAMPLES/x.jpg" "--quality 101" \
     "--profile cmyk" "--size 10x10 --scale 0.5 -o $SAMPLES/x.jpg"; do
     status=0

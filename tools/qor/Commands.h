@@ -1,7 +1,13 @@
 #pragma once
-// The tool's subcommands, one function each. Each returns the process exit status.
+// The tool's subcommands, one function each, and the table that names them with their help.
+// Each function returns the process exit status: 0 done, 1 a file failed, 2 bad usage, 130
+// interrupted. main.cpp parses the global options (-v, --log, --help) and checks every option
+// against the table before a subcommand runs, so a subcommand sees only its own arguments.
 
+#include <cstdio>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qor::tool {
@@ -13,9 +19,42 @@ int usageError(const std::string& message);
 bool parseCount(const std::string& text, unsigned long& value);
 
 // Redraws a one-line progress bar on standard error ("[####....]  42% 21/50 <unit>"); `final`
-// ends the line.
+// ends the line. Callers draw it only when standard error is a terminal (progressBarWanted).
 void drawProgressBar(unsigned long done, unsigned long total, const char* unit, bool final);
+bool progressBarWanted();
 
+using CommandFunction = int (*)(const std::vector<std::string>& args);
+
+// One option of a subcommand, as its help shows it and as main.cpp recognises it.
+struct OptionInfo {
+    const char* name;   // "--size", "-o"
+    const char* value;  // the placeholder of its value ("WxH"); nullptr for a switch
+    const char* text;   // what it does, with its range and default
+};
+
+// A subcommand: one line for the list, and its help page.
+struct CommandInfo {
+    const char* name;
+    const char* summary;      // one line in 'qor help'
+    const char* synopsis;     // the arguments after "qor <name>"
+    const char* description;  // what it does and prints, wrapped when shown
+    std::span<const OptionInfo> options;
+    const char* example;  // one command line
+    CommandFunction run;
+};
+
+// Every subcommand, in the order 'qor help' lists them.
+std::span<const CommandInfo> commands();
+const CommandInfo* findCommand(std::string_view name);
+const OptionInfo* findOption(const CommandInfo& command, std::string_view name);
+
+// The list of subcommands with the global options, as 'qor help' prints it.
+void printOverview(std::FILE* out);
+// One subcommand's page, as 'qor help <name>' and 'qor <name> --help' print it.
+void printCommandHelp(const CommandInfo& command, std::FILE* out);
+
+int runHelp(const std::vector<std::string>& args);
+int runVersion(const std::vector<std::string>& args);
 int runJobsDemo(const std::vector<std::string>& args);
 int runTilesDemo(const std::vector<std::string>& args);
 int runPipelineDemo(const std::vector<std::string>& args);

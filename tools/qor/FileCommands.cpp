@@ -8,7 +8,7 @@
 //
 // A bad file (missing, empty, truncated, not an image) gives one line on standard error, and the
 // command goes on with the next; the exit status is 1 when any file was bad. The library's own log
-// lines are held back while a file is read: the first warning among them (or, when nothing came
+// lines are recorded while a file is read: the first warning among them (or, when nothing came
 // out, the first line at all) is the reason given on that one line. A file counts as bad when
 // nothing could be read from it or the library warned while reading it (a truncated JPEG decodes to
 // a partial picture with a warning). Everything runs on the main thread.
@@ -52,12 +52,12 @@ const char* itemTypeName(imageio::ItemType type) {
     }
 }
 
-// Runs `read` with the library's log lines held back. Returns why the file is bad: the first line
+// Runs `read` with the library's log lines recorded. Returns why the file is bad: the first line
 // at warning level or above, or, when `produced` says that nothing came out, the first line of any
 // level or `fallback`. Empty when the file is good.
 template <class Read, class Produced>
 std::string readQuietly(Read&& read, Produced&& produced, const char* fallback) {
-    LogCapture capture(true);
+    LogCapture capture(false);  // the lines still reach the log where -v or --log sends it
     read();
     const std::vector<LogCapture::Entry> lines = capture.entries();
     for (const LogCapture::Entry& line : lines)

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "Commands.h"
-#include "base/Log.h"
 #include "gpu/HeadlessContext.h"
 #include "gpu/Renderer.h"
 #include "gpu/gl2/RendererGL.h"
@@ -20,11 +19,8 @@ int runGpuInfo(const std::vector<std::string>& args) {
         std::printf("no usable GL context: %s\n", why.c_str());
         return 0;
     }
-    bool loaded;
-    {
-        LogCapture quiet;  // the renderer's start-up report goes to the log only
-        loaded = gpu::loadRenderer();
-    }
+    // The renderer's start-up report goes to the library's log, shown with -v.
+    const bool loaded = gpu::loadRenderer();
     auto* r = dynamic_cast<gpu::RendererGL*>(gpu::renderer().get());
     if (!loaded || !r) {
         std::printf("no usable GL context: the renderer could not be loaded\n");
@@ -41,10 +37,7 @@ int runGpuInfo(const std::vector<std::string>& args) {
         std::printf("free texture memory:  %llu MiB\n",
                     static_cast<unsigned long long>(memory.freeBytes >> 20));
     std::printf("uniqueId:             %s\n", r->uniqueId().c_str());
-    {
-        LogCapture quiet;
-        gpu::unloadRenderer();
-    }
+    gpu::unloadRenderer();
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // qor jobs [--width N] [--depth N]: runs a graph of small computational jobs through the job system
-// and checks the result against a sequential computation.
+// and checks the result against a sequential computation. A progress bar is drawn on standard
+// error when it is a terminal.
 //
 // The graph has `depth` layers of `width` jobs. A job of layer 0 hashes its own position; a job of
 // a later layer hashes its position with the results of two jobs of the layer before (the one below
@@ -140,8 +141,6 @@ std::uint64_t sequentialChecksum(unsigned width, unsigned depth) {
     return checksum;
 }
 
-// Parses a whole decimal number; false for anything else.
-
 }  // namespace
 
 int runJobsDemo(const std::vector<std::string>& args) {
@@ -187,19 +186,27 @@ int runJobsDemo(const std::vector<std::string>& args) {
     std::fflush(stdout);
 
     thread::DependentJobExecutor executor(dispatcher);
-    std::mutex printMutex;
-    unsigned nextTenth = 1;
+    // Jobs end on the workers; the bar is redrawn under `barMutex` when its percentage changes.
+    const bool bar = progressBarWanted();
+    std::mutex barMutex;
+    unsigned long drawnPercent = 0;  // guarded by barMutex
     auto started = std::chrono::steady_clock::now();
     bool ok = executor.process(nullptr, {terminator}, [&](const SharedPtr<DependentJob>&) {
+        if (!bar) return;
         unsigned done, running, count;
         executor.progress(done, running, count);
-        std::lock_guard<std::mutex> lock(printMutex);
         // The job reporting now still counts as running.
-        if (count == 0 || std::uint64_t(done + 1) * 10 < std::uint64_t(nextTenth) * count) return;
-        while (std::uint64_t(nextTenth) * count <= std::uint64_t(done + 1) * 10) ++nextTenth;
-        std::printf("progress: %u done, %u running, %u total\n", done + 1, running - 1, count);
-        std::fflush(stdout);
+        const unsigned long ended = done + 1, percent = count ? ended * 100 / count : 100;
+        std::lock_guard<std::mutex> lock(barMutex);
+        if (percent <= drawnPercent) return;
+        drawnPercent = percent;
+        drawProgressBar(ended, count, "jobs", false);
     });
+    if (bar) {
+        unsigned done, running, count;
+        executor.progress(done, running, count);
+        drawProgressBar(done, count, "jobs", true);
+    }
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 

@@ -28,6 +28,8 @@
 // Threads: the main thread submits batches, draws the progress bar and waits; tiles arrive on the
 // job system's workers, which update the shared counters under `Progress::mutex`.
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -43,9 +45,6 @@
 #include <system_error>
 #include <utility>
 #include <vector>
-
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include "Commands.h"
 #include "SaveImage.h"
@@ -78,10 +77,14 @@ constexpr double kMaxScale = 16.0;
 // Channel `c` of input pixel (x, y).
 inline unsigned inputValue(int x, int y, int c) {
     switch (c) {
-        case 0: return unsigned(x) & 255u;
-        case 1: return unsigned(y) & 255u;
-        case 2: return unsigned(x + y) & 255u;
-        default: return 255u;
+        case 0:
+            return unsigned(x) & 255u;
+        case 1:
+            return unsigned(y) & 255u;
+        case 2:
+            return unsigned(x + y) & 255u;
+        default:
+            return 255u;
     }
 }
 
@@ -110,11 +113,12 @@ protected:
                 const std::uint32_t xx = std::uint32_t(rect.xmin() + i);
                 if constexpr (std::endian::native == std::endian::little) {
                     // One word per pixel, bytes R, G, B, A in memory: the loop vectorises.
-                    const std::uint32_t word = (xx & 255u) | (yy & 255u) << 8 |
-                                               ((xx + yy) & 255u) << 16 | 0xff000000u;
+                    const std::uint32_t word =
+                        (xx & 255u) | (yy & 255u) << 8 | ((xx + yy) & 255u) << 16 | 0xff000000u;
                     std::memcpy(row + i * 4, &word, 4);
                 } else {
-                    for (int c = 0; c < 4; ++c) row[i * 4 + c] = (unsigned char)inputValue(int(xx), int(yy), c);
+                    for (int c = 0; c < 4; ++c)
+                        row[i * 4 + c] = (unsigned char)inputValue(int(xx), int(yy), c);
                 }
             }
         }
@@ -162,7 +166,8 @@ unsigned long sampleMismatches(const ImageTile& tile, const Recti& rect, double 
         for (int i : xs) {
             const unsigned char* px = data->row(j) + i * 4;
             for (int c = 0; c < 4; ++c) {
-                const int want = int(directScaled(rect.xmin() + i, rect.ymin() + j, c, scale, inSize));
+                const int want =
+                    int(directScaled(rect.xmin() + i, rect.ymin() + j, c, scale, inSize));
                 if (std::abs(int(px[c]) - want) > 1) {
                     ++bad;
                     break;
@@ -201,7 +206,6 @@ struct Progress {
 volatile std::sig_atomic_t g_interrupted = 0;
 extern "C" void onInterrupt(int) { g_interrupted = 1; }
 
-
 // Parses "WxH" into sides from 1 to kMaxSide.
 bool parseSize(const std::string& text, unsigned long& w, unsigned long& h) {
     const size_t x = text.find('x');
@@ -221,7 +225,7 @@ struct Options {
     unsigned long width = 0, height = 0;
     double scale = 0;
     unsigned long cacheMb = 0;  // 0: 256, or 64 with --save (a save reads each tile once)
-    unsigned long batch = 0;  // tiles per request; 0: from the cache limit
+    unsigned long batch = 0;    // tiles per request; 0: from the cache limit
     bool check = false;
     std::string save;  // write the scaled image here instead of fetching its tiles
 };
@@ -242,7 +246,8 @@ int parseOptions(const std::vector<std::string>& args, Options& o) {
         const std::string& value = args[++i];
         if (option == "--save") {
             if (!savableExtension(value))
-                return usageError("pipeline: --save needs a file name ending in .jpg, .tif or .exr");
+                return usageError(
+                    "pipeline: --save needs a file name ending in .jpg, .tif or .exr");
             o.save = value;
         } else if (option == "--size") {
             if (!parseSize(value, o.width, o.height))
@@ -272,8 +277,8 @@ unsigned long long bytesPerOutputTile(const ScaledImageSource& scaled) {
     const TileLayout in = scaled.input()->source()->tileLayout();
     const Recti foot = scaled.inputFootprint(scaled.tileLayout().getTileRect(0, 0));
     const auto tilesOn = [](int extent, int tile) { return (extent + tile - 2) / tile + 1; };
-    const unsigned long long inputTiles =
-        (unsigned long long)tilesOn(foot.width(), in.tileSize.x) * tilesOn(foot.height(), in.tileSize.y);
+    const unsigned long long inputTiles = (unsigned long long)tilesOn(foot.width(), in.tileSize.x) *
+                                          tilesOn(foot.height(), in.tileSize.y);
     const unsigned long long tileBytes = 4ull * in.tileSize.x * in.tileSize.y;
     const GenVec<int, 2> out = scaled.tileLayout().tileSize;
     return inputTiles * tileBytes + 4ull * out.x * out.y;
@@ -311,10 +316,11 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         memory::NmStatistic nm;
         memory::nmGetStatistic(&nm);
         if (status == 0)
-            std::printf("saved %s: %dx%d, wall %.3f s, %.1f Mpixel/s; swap-outs %llu; peak RSS %ld MB\n",
-                        o.save.c_str(), outSize.x, outSize.y, seconds,
-                        double(outSize.x) * outSize.y / seconds / 1e6,
-                        (unsigned long long)nm.writeOperations, usage.ru_maxrss / 1024);
+            std::printf(
+                "saved %s: %dx%d, wall %.3f s, %.1f Mpixel/s; swap-outs %llu; peak RSS %ld MB\n",
+                o.save.c_str(), outSize.x, outSize.y, seconds,
+                double(outSize.x) * outSize.y / seconds / 1e6,
+                (unsigned long long)nm.writeOperations, usage.ru_maxrss / 1024);
         scaled.reset();
         input.reset();
         imaging::TileCache::clearCache();
@@ -329,11 +335,11 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         total, o.batch ? o.batch
                        : std::max<unsigned long long>(limit / 2 / bytesPerOutputTile(*scaled), 2));
     const unsigned long batches = (total + perBatch - 1) / perBatch;
-    std::printf("input %lux%lu RGBA8 in tiles of %dx%d, scaled by %g to %dx%d: %lu tiles in %lu "
-                "batches of up to %lu tiles, tile cache limit %lu MB\n",
-                o.width, o.height, input->tileLayout().tileSize.x, input->tileLayout().tileSize.y,
-                o.scale, outSize.x, outSize.y, total, batches, perBatch,
-                o.cacheMb);
+    std::printf(
+        "input %lux%lu RGBA8 in tiles of %dx%d, scaled by %g to %dx%d: %lu tiles in %lu "
+        "batches of up to %lu tiles, tile cache limit %lu MB\n",
+        o.width, o.height, input->tileLayout().tileSize.x, input->tileLayout().tileSize.y, o.scale,
+        outSize.x, outSize.y, total, batches, perBatch, o.cacheMb);
 
     Progress progress;
     auto onTile = [&](const ComputedTileInfo& info) {
@@ -342,9 +348,10 @@ int runPipelineDemo(const std::vector<std::string>& args) {
             ++progress.batchesEnded;
             if (info.status != ComputedTileInfo::Success && !progress.failed) {
                 progress.failed = true;
-                progress.failure = info.status == ComputedTileInfo::Cancelled  ? "cancelled"
-                                   : info.status == ComputedTileInfo::Outdated ? "outdated"
-                                                                               : info.errorMessage.c_str();
+                progress.failure = info.status == ComputedTileInfo::Cancelled ? "cancelled"
+                                   : info.status == ComputedTileInfo::Outdated
+                                       ? "outdated"
+                                       : info.errorMessage.c_str();
             }
             progress.changed.notifyAll();
             return;
@@ -359,7 +366,7 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         progress.changed.notifyAll();
     };
 
-    const bool bar = isatty(STDERR_FILENO) != 0;
+    const bool bar = progressBarWanted();
     void (*previous)(int) = std::signal(SIGINT, onInterrupt);
     auto score = std::make_shared<imaging::LineOrderScoreFunction>();
     std::deque<SharedPtr<RequestHandle>> running;  // the batches not yet ended, oldest first
@@ -369,8 +376,10 @@ int runPipelineDemo(const std::vector<std::string>& args) {
     for (;;) {
         while (running.size() < 2 && submitted < batches) {
             ImageSource::TileSet tiles;
-            for (unsigned long i = submitted * perBatch; i < std::min(total, (submitted + 1) * perBatch); ++i)
-                tiles.insert(GenVec<int, 2>(int(i % unsigned(count.x)), int(i / unsigned(count.x))));
+            for (unsigned long i = submitted * perBatch;
+                 i < std::min(total, (submitted + 1) * perBatch); ++i)
+                tiles.insert(
+                    GenVec<int, 2>(int(i % unsigned(count.x)), int(i / unsigned(count.x))));
             running.push_back(scaled->requestTiles(tiles, score, onTile, true, {}));
             ++submitted;
         }
@@ -421,12 +430,13 @@ int runPipelineDemo(const std::vector<std::string>& args) {
         struct rusage usage {};
         getrusage(RUSAGE_SELF, &usage);
         std::printf("tiles %lu, wall %.3f s, %.1f tiles/s, scaled image %dx%d, mean %.4f\n",
-                    progress.tiles, seconds, double(progress.tiles) / seconds, outSize.x,
-                    outSize.y, double(progress.sum) / (4.0 * double(outSize.x) * double(outSize.y)));
-        std::printf("tile cache: %zu entries, %llu of %llu bytes, %llu evictions; swap-outs %llu; "
-                    "peak RSS %ld MB\n",
-                    stats.entries, stats.bytes, stats.limit, stats.evictions,
-                    (unsigned long long)nm.writeOperations, usage.ru_maxrss / 1024);
+                    progress.tiles, seconds, double(progress.tiles) / seconds, outSize.x, outSize.y,
+                    double(progress.sum) / (4.0 * double(outSize.x) * double(outSize.y)));
+        std::printf(
+            "tile cache: %zu entries, %llu of %llu bytes, %llu evictions; swap-outs %llu; "
+            "peak RSS %ld MB\n",
+            stats.entries, stats.bytes, stats.limit, stats.evictions,
+            (unsigned long long)nm.writeOperations, usage.ru_maxrss / 1024);
         if (progress.tiles != total) {
             std::fprintf(stderr, "qor: pipeline: %lu of %lu tiles delivered\n", progress.tiles,
                          total);

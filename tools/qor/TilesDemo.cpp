@@ -1,8 +1,8 @@
-// qor tiles [--width N] [--height N] [--tile N] [--save FILE.jpg]: computes a generated image through the tile
-// pipeline and checks every pixel against a direct computation.
+// qor tiles [--width N] [--height N] [--tile N] [--save FILE.jpg]: computes a generated image
+// through the tile pipeline and checks every pixel against a direct computation.
 //
 // The image is a procedural source whose pixels are a function of their coordinates and of the
-// source's version. The run asks for every tile asynchronously, centre first, and reports progress;
+// source's version. The run asks for every tile asynchronously, centre first, with a progress bar;
 // then changes the version and asks again (the cached tiles of the old version must not come
 // back); then reads a region that reaches past the top-left corner as one tile, mirrored. Any pixel
 // that differs from the direct computation makes the exit status 1.
@@ -15,12 +15,12 @@
 
 #include "Commands.h"
 #include "base/thread/Mutex.h"
+#include "imageio/ImageIO.h"
 #include "imaging/Image.h"
 #include "imaging/ImageSource.h"
 #include "imaging/ImageTile.h"
 #include "imaging/TileCache.h"
 #include "imaging/TileScoreFunctions.h"
-#include "imageio/ImageIO.h"
 
 namespace qor::tool {
 
@@ -38,10 +38,14 @@ constexpr unsigned long kMaxSide = 65536;
 // The pixel of (x, y) at a version, channel by channel.
 unsigned char pixel(int x, int y, unsigned version, int channel) {
     switch (channel) {
-        case 0: return (unsigned char)(x * 3 + y);
-        case 1: return (unsigned char)((x ^ y) + version * 17);
-        case 2: return (unsigned char)(y * 5 + (x >> 4));
-        default: return 255;
+        case 0:
+            return (unsigned char)(x * 3 + y);
+        case 1:
+            return (unsigned char)((x ^ y) + version * 17);
+        case 2:
+            return (unsigned char)(y * 5 + (x >> 4));
+        default:
+            return 255;
     }
 }
 
@@ -110,25 +114,29 @@ struct Round {
     double seconds = 0;
 };
 
-// Asks for every tile at once and checks each as it arrives.
+// Asks for every tile at once and checks each as it arrives, with a progress bar on standard error
+// when it is a terminal. Tiles arrive on the workers; `mutex` guards `round`, `done` and the bar.
 Round requestAll(const SharedPtr<Procedural>& source) {
     const TileLayout layout = source->tileLayout();
     ImageSource::TileSet all;
     layout.tiles(all);
+    const unsigned long total = all.size();
     const unsigned version = source->version();
+    const bool bar = progressBarWanted();
     Round round;
     Mutex mutex;
     ConditionVariable ended;
     bool done = false;
-    long lastStep = -1;  // the last tenth printed; tiles arrive on several threads, so only rises count
+    unsigned long drawnPercent = 0;
     const auto start = std::chrono::steady_clock::now();
     auto callback = [&](const ComputedTileInfo& info) {
         ScopedLock<Mutex> lock(mutex);
         if (info.type == ComputedTileInfo::RequestEnded) {
+            if (bar) drawProgressBar(round.tiles, total, "tiles", true);
             round.error = info.status != ComputedTileInfo::Success;
             if (round.error)
-                std::fprintf(stderr, "qor: request ended with status %d: %s\n", int(info.status),
-                             info.errorMessage.c_str());
+                std::fprintf(stderr, "qor: tiles: the request ended with status %d: %s\n",
+                             int(info.status), info.errorMessage.c_str());
             done = true;
             ended.notifyAll();
             return;
@@ -136,24 +144,19 @@ Round requestAll(const SharedPtr<Procedural>& source) {
         ++round.tiles;
         round.bad += mismatches(*info.tile, layout.getTileRect(info.pos.x, info.pos.y),
                                 source->size(), version);
-    };
-    auto progress = [&](double fraction) {
-        const long percent = long(fraction * 100.0);
-        ScopedLock<Mutex> lock(mutex);
-        if (percent / 10 <= lastStep) return;
-        lastStep = percent / 10;
-        std::printf("  %3ld%%\n", percent);
+        if (bar && round.tiles * 100 / total > drawnPercent) {
+            drawnPercent = round.tiles * 100 / total;
+            drawProgressBar(round.tiles, total, "tiles", false);
+        }
     };
     const GenVec<int, 2> center(source->width() / 2, source->height() / 2);
     auto handle = source->requestTiles(
-        all, std::make_shared<imaging::DFSCenteredScoreFunction>(center), callback, true,
-        progress);
+        all, std::make_shared<imaging::DFSCenteredScoreFunction>(center), callback, true, {});
     {
         ScopedLock<Mutex> lock(mutex);
         while (!done) ended.wait(lock);
     }
-    round.seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    round.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     (void)handle;
     return round;
 }
@@ -225,7 +228,8 @@ int runTilesDemo(const std::vector<std::string>& args) {
         std::printf("saved %s\n", savePath.c_str());
     }
     if (bad || failed) {
-        std::fprintf(stderr, "qor: tiles: the pipeline's pixels differ from the direct computation\n");
+        std::fprintf(stderr,
+                     "qor: tiles: the pipeline's pixels differ from the direct computation\n");
         return 1;
     }
     std::printf("all pixels match\n");

@@ -1,69 +1,29 @@
 // qor: the command-line tool over libqor.
-// Usage: qor <subcommand> [arguments]. Bad input gives one line on standard error and exit status 2.
+// Usage: qor [-v | -vv] [--log FILE] <subcommand> [arguments]. Bad input gives one line on standard
+// error and exit status 2.
+//
+// main parses the global options wherever they stand, answers --help for every subcommand from the
+// table in Help.cpp, rejects options the table does not list for the subcommand, and sets up the
+// library's log before the subcommand runs: the log stays off standard error unless -v or
+// QOR_LOG_LEVEL asks for it, so that a subcommand prints only its results and one line per error.
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "Commands.h"
-#include "base/Version.h"
-
-namespace {
-
-struct Command {
-    const char* name;
-    const char* summary;
-    int (*run)(const std::vector<std::string>& args);
-};
-
-int runHelp(const std::vector<std::string>& args);
-
-int runVersion(const std::vector<std::string>& args) {
-    if (!args.empty()) return qor::tool::usageError("version takes no arguments");
-    std::printf("qor %s\n", qor::version());
-    return 0;
-}
-
-const Command kCommands[] = {
-    {"help", "list the subcommands", runHelp},
-    {"version", "print the library's version", runVersion},
-    {"jobs", "run a job graph on the job system and report its progress (--width N --depth N)",
-     qor::tool::runJobsDemo},
-    {"tiles",
-     "compute a generated image through the tile pipeline and check every pixel "
-     "(--width N --height N --tile N)",
-     qor::tool::runTilesDemo},
-    {"pipeline",
-     "scale a generated image through the tile pipeline and report tiles per second "
-     "(--size WxH --scale S [--cache-mb N] [--batch N] [--check] [--save FILE.jpg|.tif|.exr])",
-     qor::tool::runPipelineDemo},
-    {"info",
-     "item type, checksum, metadata fields and raw metadata of image or video files "
-     "([--json] FILE...)",
-     qor::tool::runInfo},
-    {"thumb", "a JPEG or BMP thumbnail of an image or video file (FILE [--size WxH] -o OUT)",
-     qor::tool::runThumb},
-    {"checksum", "the item checksum of each file (FILE...)", qor::tool::runChecksum},
-    {"export",
-     "write a picture file as JPEG, TIFF or OpenEXR, resized through the tile pipeline "
-     "(IN -o OUT.jpg|.tif|.exr [--size WxH | --scale S] [--quality Q] [--profile NAME])",
-     qor::tool::runExport},
-    {"gpuinfo", "the GL renderer, its version, capability bits and uniqueId", qor::tool::runGpuInfo},
-};
-
-int runHelp(const std::vector<std::string>&) {
-    std::printf("usage: qor <subcommand> [arguments]\n\nsubcommands:\n");
-    for (const Command& c : kCommands) std::printf("  %-10s %s\n", c.name, c.summary);
-    std::printf("\noptions:\n  --version  same as 'qor version'\n");
-    return 0;
-}
-
-}  // namespace
+#include "base/Log.h"
 
 namespace qor::tool {
+
 int usageError(const std::string& message) {
     std::fprintf(stderr, "qor: %s\n", message.c_str());
     return 2;
@@ -75,6 +35,8 @@ bool parseCount(const std::string& text, unsigned long& value) {
     return ec == std::errc() && ptr == end && !text.empty();
 }
 
+bool progressBarWanted() { return isatty(STDERR_FILENO) != 0; }
+
 void drawProgressBar(unsigned long done, unsigned long total, const char* unit, bool final) {
     constexpr int kWidth = 40;
     const double fraction = total ? double(done) / double(total) : 1.0;
@@ -84,15 +46,92 @@ void drawProgressBar(unsigned long done, unsigned long total, const char* unit, 
                  total, unit, final ? "\n" : "");
     std::fflush(stderr);
 }
+
 }  // namespace qor::tool
 
+namespace {
+
+using qor::tool::CommandInfo;
+using qor::tool::usageError;
+
+struct GlobalOptions {
+    int verbosity = 0;    // the number of v's in -v, -vv, -vvv
+    std::string logFile;  // --log
+    bool help = false;    // -h, --help
+};
+
+// The number of v's of "-v", "-vv", ...; 0 for anything else.
+int verbosityOf(const std::string& arg) {
+    if (arg.size() < 2 || arg[0] != '-') return 0;
+    return arg.find_first_not_of('v', 1) == std::string::npos ? int(arg.size() - 1) : 0;
+}
+
+// Where the library's log goes. Standard error only with -v or QOR_LOG_LEVEL (which the log
+// reads itself); --log FILE adds the file. With neither, the level is raised past every line so
+// that none is formatted. Returns 0, or 1 after one line when FILE cannot be opened.
+int setUpLog(const GlobalOptions& options) {
+    const char* env = std::getenv("QOR_LOG_LEVEL");
+    const bool fromEnvironment = env && *env;
+    if (options.verbosity > 0)
+        qor::setLogLevel(std::max(int(qor::LogInfo) - (options.verbosity - 1), int(qor::LogTrace)));
+    qor::setLogToStderr(options.verbosity > 0 || fromEnvironment);
+    if (!options.logFile.empty() && !qor::setLogFile(options.logFile)) {
+        std::fprintf(stderr, "qor: cannot open the log file '%s': %s\n", options.logFile.c_str(),
+                     std::strerror(errno));
+        return 1;
+    }
+    if (options.verbosity == 0 && !fromEnvironment && options.logFile.empty())
+        qor::setLogLevel(qor::LogError + 1);
+    return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    if (argc < 2) return qor::tool::usageError("missing subcommand (try 'qor help')");
-    std::string name = argv[1];
-    if (name == "--version") name = "version";
-    if (name == "--help" || name == "-h") name = "help";
-    std::vector<std::string> args(argv + 2, argv + argc);
-    for (const Command& c : kCommands)
-        if (name == c.name) return c.run(args);
-    return qor::tool::usageError("unknown subcommand '" + name + "' (try 'qor help')");
+    GlobalOptions global;
+    const CommandInfo* command = nullptr;
+    std::vector<std::string> args;  // the subcommand's own arguments
+    std::string unknown;            // the first option the subcommand does not know
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        // An option's value is passed on as it stands, even when it looks like an option.
+        if (const qor::tool::OptionInfo* option = command ? findOption(*command, arg) : nullptr;
+            option && option->value) {
+            args.push_back(arg);
+            if (i + 1 < argc) args.push_back(argv[++i]);
+            continue;
+        }
+        if (const int v = verbosityOf(arg)) {
+            global.verbosity += v;
+        } else if (arg == "--log" || arg.starts_with("--log=")) {
+            if (arg == "--log" && i + 1 >= argc) return usageError("--log needs a file name");
+            global.logFile = arg == "--log" ? argv[++i] : arg.substr(6);
+            if (global.logFile.empty()) return usageError("--log needs a file name");
+        } else if (arg == "-h" || arg == "--help") {
+            global.help = true;
+        } else if (!command) {
+            if (arg == "--version") arg = "version";
+            if (arg.starts_with("-"))
+                return usageError("unknown option '" + arg + "' (try 'qor help')");
+            command = qor::tool::findCommand(arg);
+            if (!command) return usageError("unknown subcommand '" + arg + "' (try 'qor help')");
+        } else {
+            if (arg.size() > 1 && arg[0] == '-' && !findOption(*command, arg) && unknown.empty())
+                unknown = arg;
+            args.push_back(arg);
+        }
+    }
+    if (global.help) {
+        if (command)
+            qor::tool::printCommandHelp(*command, stdout);
+        else
+            qor::tool::printOverview(stdout);
+        return 0;
+    }
+    if (!command) return usageError("missing subcommand (try 'qor help')");
+    if (!unknown.empty())
+        return usageError(std::string(command->name) + ": unknown option '" + unknown +
+                          "' (try 'qor " + command->name + " --help')");
+    if (const int status = setUpLog(global)) return status;
+    return command->run(args);
 }

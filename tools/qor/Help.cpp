@@ -1,0 +1,271 @@
+// The table of subcommands and their help pages. main.cpp checks every option against this table
+// before a subcommand runs, so an option is accepted only when its help shows it.
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Commands.h"
+#include "base/Version.h"
+
+namespace qor::tool {
+
+namespace {
+
+constexpr int kWidth = 80;  // help text is wrapped to this many columns
+
+const OptionInfo kJobsOptions[] = {
+    {"--width", "N", "jobs per layer, 1 to 100000 (default 64)"},
+    {"--depth", "N", "layers, 1 to 100000 (default 64); width x depth is at most 1000000"},
+};
+
+const OptionInfo kTilesOptions[] = {
+    {"--width", "N", "image width, 1 to 65536 (default 1500)"},
+    {"--height", "N", "image height, 1 to 65536 (default 1000)"},
+    {"--tile", "N", "tile side, 1 to 65536 (default 256)"},
+    {"--save", "FILE", "also write the whole image to FILE as JPEG"},
+};
+
+const OptionInfo kPipelineOptions[] = {
+    {"--size", "WxH", "size of the generated input, each side 1 to 1048576 (required)"},
+    {"--scale", "S", "scale factor, above 0 and at most 16 (required)"},
+    {"--cache-mb", "N", "tile cache limit in MB, 16 to 65536 (default 256, 64 with --save)"},
+    {"--batch", "N",
+     "tiles per request (default: as many as half the cache limit holds); memory grows with it"},
+    {"--check", nullptr,
+     "compare sampled pixels of every tile with a direct computation; exit status 1 on a "
+     "difference"},
+    {"--save", "FILE",
+     "write the scaled image to FILE (.jpg, .tif or .exr) row by row through the image saver "
+     "instead, and report the wall time and peak memory"},
+};
+
+const OptionInfo kInfoOptions[] = {
+    {"--json", nullptr, "print one JSON array with an object per file"},
+    {"--verify", nullptr, "decode each picture at a reduced size to prove its pixels are there"},
+};
+
+const OptionInfo kThumbOptions[] = {
+    {"--size", "WxH", "the box the thumbnail fits inside, each side 1 to 16384 (default 256x256)"},
+    {"-o", "OUT", "the thumbnail file, .jpg, .jpeg or .bmp (required)"},
+};
+
+const OptionInfo kExportOptions[] = {
+    {"-o", "OUT", "the output file, .jpg, .jpeg, .tif, .tiff or .exr (required)"},
+    {"--size", "WxH", "fit inside W x H, each side 1 to 1073741824 (default: the picture's size)"},
+    {"--scale", "S", "resize by S, above 0 and at most 16; not with --size"},
+    {"--quality", "Q", "JPEG quality, 0 to 100 (default 90)"},
+    {"--profile", "NAME",
+     "srgb, adobergb or linear: convert from the file's embedded profile (sRGB when it has none) "
+     "and embed NAME in JPEG and TIFF output (default: the pixels as they are, no profile)"},
+};
+
+const CommandInfo kCommands[] = {
+    {"help",
+     "list the subcommands, or show the help of one",
+     "[SUBCOMMAND]",
+     "Lists the subcommands and the global options, or shows the help of one subcommand: "
+     "'qor help SUBCOMMAND' is the same as 'qor SUBCOMMAND --help'.",
+     {},
+     "qor help export",
+     runHelp},
+    {"version",
+     "print the library's version",
+     "",
+     "Prints the library's version.",
+     {},
+     "qor version",
+     runVersion},
+    {"jobs", "run a generated job graph on the job system and check its result",
+     "[--width N] [--depth N]",
+     "Runs a generated graph of jobs on the job system: layers of jobs, each depending on two "
+     "jobs of the layer before, with a progress bar. Prints the job count, the wall time, jobs per "
+     "second and the checksum of the last layer, which is checked against a sequential "
+     "computation; exit status 1 when they differ.",
+     kJobsOptions, "qor jobs --width 256 --depth 32", runJobsDemo},
+    {"tiles", "check the tile pipeline's pixels on a generated image",
+     "[--width N] [--height N] [--tile N] [--save FILE]",
+     "Computes a generated image through the tile pipeline: every tile, centre first, with a "
+     "progress bar; every tile again after a version change, when no tile of the old version may "
+     "come back from the cache; then a region reaching past the top-left corner, mirrored. Every "
+     "pixel is checked against a direct computation; exit status 1 on a mismatch.",
+     kTilesOptions, "qor tiles --width 3000 --height 2000 --save generated.jpg", runTilesDemo},
+    {"pipeline", "time the tile pipeline scaling a generated image",
+     "--size WxH --scale S [--cache-mb N] [--batch N] [--check] [--save FILE]",
+     "Scales a generated W x H image by S (area averaging) through the tile pipeline and fetches "
+     "every tile of the result in batches, with a progress bar. Prints the tile count, the wall "
+     "time, tiles per second, the scaled size and the mean of its pixels, and the tile cache's "
+     "statistics. Memory stays within about 1.5 times the tile cache limit unless --batch is "
+     "given. Ctrl-C cancels (exit status 130).",
+     kPipelineOptions, "qor pipeline --size 8000x8000 --scale 0.25 --check", runPipelineDemo},
+    {"info", "item type, checksum and metadata of image and video files",
+     "[--json] [--verify] FILE...",
+     "Shows the item type, the item checksum, the typed metadata fields and the raw metadata map "
+     "(EXIF, IPTC and XMP keys) of each image or video file. A bad file (missing, empty, not a "
+     "picture) gives one line on standard error, the other files are still shown, and the exit "
+     "status is 1.",
+     kInfoOptions, "qor info --verify photo.jpg clip.mp4", runInfo},
+    {"thumb", "a JPEG or BMP thumbnail of an image or video file", "FILE [--size WxH] -o OUT",
+     "Writes a thumbnail of an image or video file, fitted inside the box, as JPEG (.jpg, .jpeg) "
+     "or BMP (.bmp) by OUT's extension, and prints its size. A JPEG's EXIF thumbnail serves when "
+     "it fills the box. A bad file gives one line on standard error and exit status 1.",
+     kThumbOptions, "qor thumb photo.jpg --size 320x240 -o photo-small.jpg", runThumb},
+    {"checksum",
+     "the item checksum of each file",
+     "FILE...",
+     "Prints the item checksum of each file, the MD5 of its first 20480 bytes, beside its name. "
+     "The file is not decoded, so a truncated picture is not found out ('qor info --verify' "
+     "does that). A bad file gives one line on standard error, the others are still done, and the "
+     "exit status is 1.",
+     {},
+     "qor checksum photo.jpg clip.mp4",
+     runChecksum},
+    {"export", "write a picture file as JPEG, TIFF or OpenEXR, optionally resized",
+     "IN -o OUT [--size WxH | --scale S] [--quality Q] [--profile NAME]",
+     "Writes a picture file (JPEG, PNG, TIFF, OpenEXR, WebP, HEIF, ...) as JPEG, LZW TIFF (8 or 16 "
+     "bits, as the picture) or half-float OpenEXR, by OUT's extension. The picture is read tile by "
+     "tile, turned upright by its orientation, resized through the tile pipeline and written "
+     "with a progress bar; memory follows the picture's width, not its size. Ctrl-C cancels "
+     "(exit status 130, nothing written); an unreadable input gives exit status 1.",
+     kExportOptions, "qor export photo.png -o photo.jpg --size 1920x1080 --quality 85", runExport},
+    {"gpuinfo",
+     "the GL renderer, its version, capability bits and uniqueId",
+     "",
+     "Creates a headless GL context and prints what the renderer finds: the renderer and version "
+     "strings, the system and texture capability bits, the largest texture, the free texture "
+     "memory where the driver tells it, and the renderer's uniqueId. Without a usable GL context "
+     "it says so, with exit status 0.",
+     {},
+     "qor gpuinfo",
+     runGpuInfo},
+};
+
+// Writes `text` wrapped at kWidth, each line indented by `indent` columns, the first starting at
+// column `column` (already written).
+void printWrapped(std::FILE* out, std::string_view text, int indent, int column) {
+    bool lineEmpty = true;
+    while (!text.empty()) {
+        const size_t space = text.find(' ');
+        const std::string_view word = text.substr(0, space);
+        text = space == std::string_view::npos ? std::string_view() : text.substr(space + 1);
+        if (word.empty()) continue;
+        if (!lineEmpty && column + 1 + int(word.size()) > kWidth) {
+            std::fprintf(out, "\n%*s", indent, "");
+            column = indent;
+            lineEmpty = true;
+        }
+        if (!lineEmpty) {
+            std::fputc(' ', out);
+            ++column;
+        }
+        std::fwrite(word.data(), 1, word.size(), out);
+        column += int(word.size());
+        lineEmpty = false;
+    }
+    std::fputc('\n', out);
+}
+
+// "  --size WxH      text", with the texts of a list aligned at `textColumn`.
+void printItem(std::FILE* out, const std::string& head, const char* text, int textColumn) {
+    std::fprintf(out, "  %-*s", textColumn - 2, head.c_str());
+    int column = std::max(textColumn, 2 + int(head.size()));
+    if (column > textColumn) {  // a head too long for its column gets a line of its own
+        std::fprintf(out, "\n%*s", textColumn, "");
+        column = textColumn;
+    }
+    printWrapped(out, text, textColumn, column);
+}
+
+std::string optionHead(const OptionInfo& option) {
+    return option.value ? std::string(option.name) + " " + option.value : option.name;
+}
+
+struct GlobalOption {
+    const char* head;
+    const char* text;
+};
+
+const GlobalOption kGlobalOptions[] = {
+    {"-h, --help", "show the help of the subcommand, or this list"},
+    {"-v, -vv, -vvv",
+     "show the library's log on standard error: information, debug or trace lines"},
+    {"--log FILE", "append the library's log to FILE (information and up, or as -v says)"},
+    {"--version", "the same as 'qor version'"},
+};
+
+}  // namespace
+
+std::span<const CommandInfo> commands() { return kCommands; }
+
+const CommandInfo* findCommand(std::string_view name) {
+    for (const CommandInfo& command : kCommands)
+        if (name == command.name) return &command;
+    return nullptr;
+}
+
+const OptionInfo* findOption(const CommandInfo& command, std::string_view name) {
+    for (const OptionInfo& option : command.options)
+        if (name == option.name) return &option;
+    return nullptr;
+}
+
+void printOverview(std::FILE* out) {
+    std::fprintf(out,
+                 "usage: qor [-v | -vv] [--log FILE] SUBCOMMAND [ARGUMENTS]\n\nsubcommands:\n");
+    for (const CommandInfo& command : kCommands) printItem(out, command.name, command.summary, 12);
+    std::fprintf(out, "\nglobal options, before or after the subcommand:\n");
+    for (const GlobalOption& option : kGlobalOptions) printItem(out, option.head, option.text, 17);
+    std::fputc('\n', out);
+    printWrapped(out,
+                 "Without -v, --log or QOR_LOG_LEVEL the library's log is not shown. "
+                 "QOR_LOG_LEVEL=N shows it on standard error from level N up (0 trace, 1 debug, "
+                 "2 information, 3 warning, 4 error).",
+                 0, 0);
+    std::fputc('\n', out);
+    printWrapped(out,
+                 "Exit status: 0 done, 1 a file failed, 2 bad usage (one line on standard error), "
+                 "130 interrupted by Ctrl-C.",
+                 0, 0);
+    std::fprintf(out,
+                 "\n'qor help SUBCOMMAND' or 'qor SUBCOMMAND --help' shows a subcommand's "
+                 "arguments.\n");
+}
+
+void printCommandHelp(const CommandInfo& command, std::FILE* out) {
+    std::fprintf(out, "usage: qor %s%s%s\n\n", command.name, *command.synopsis ? " " : "",
+                 command.synopsis);
+    printWrapped(out, command.description, 0, 0);
+    if (!command.options.empty()) {
+        size_t longest = 0;
+        for (const OptionInfo& option : command.options)
+            longest = std::max(longest, optionHead(option).size());
+        const int textColumn = std::min(int(longest) + 4, 20);
+        std::fprintf(out, "\noptions:\n");
+        for (const OptionInfo& option : command.options)
+            printItem(out, optionHead(option), option.text, textColumn);
+    }
+    std::fprintf(out, "\nexample:\n  %s\n", command.example);
+    std::fprintf(out, "\nglobal options: -v, -vv, --log FILE (see 'qor help')\n");
+}
+
+int runHelp(const std::vector<std::string>& args) {
+    if (args.empty()) {
+        printOverview(stdout);
+        return 0;
+    }
+    if (args.size() > 1) return usageError("help: give one subcommand");
+    const CommandInfo* command = findCommand(args[0]);
+    if (!command) return usageError("help: unknown subcommand '" + args[0] + "' (try 'qor help')");
+    printCommandHelp(*command, stdout);
+    return 0;
+}
+
+int runVersion(const std::vector<std::string>& args) {
+    if (!args.empty()) return usageError("version takes no arguments");
+    std::printf("qor %s\n", qor::version());
+    return 0;
+}
+
+}  // namespace qor::tool
