@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "base/Md5Stream.h"
 #include "base/time/Timestamp.h"
@@ -72,6 +73,52 @@ TEST(Timestamp, StringFormRoundTripsExactly) {
     }
     EXPECT_EQ(Timestamp::fromMicroseconds(-1).toString(), "1969-12-31T23:59:59.999999Z");
     EXPECT_EQ(Timestamp::fromMicroseconds(-1).toTime_t(), -1);
+}
+
+// The calendar against the C library's timegm and gmtime_r: every day of the years around 1970
+// and 2000, of the century years whose leap rule differs, and of the first and last years, with
+// the time of day moving through the day. February 29th exists only in leap years; an impossible
+// day (which timegm would roll into the next month) gives null.
+TEST(Timestamp, CalendarAgreesWithTheCLibraryAcrossLeapYearsAndBefore1970) {
+    std::vector<int> years = {1, 4, 100, 400, 1600, 1700, 1800, 2100, 2200, 2400, 9996, 9999};
+    for (int y = 1890; y <= 2110; ++y) years.push_back(y);
+    int step = 0, days = 0;
+    for (int y : years)
+        for (int m = 1; m <= 12; ++m)
+            for (int d = 1; d <= 31; ++d) {
+                ++step;
+                const int hour = step % 24, minute = step * 7 % 60, second = step * 13 % 60;
+                std::tm fields{};
+                fields.tm_year = y - 1900;
+                fields.tm_mon = m - 1;
+                fields.tm_mday = d;
+                fields.tm_hour = hour;
+                fields.tm_min = minute;
+                fields.tm_sec = second;
+                const time_t expected = timegm(&fields);  // normalises fields in place
+                const Timestamp t = Timestamp::fromFields(y, m, d, hour, minute, second, step);
+                if (fields.tm_mday != d) {
+                    EXPECT_TRUE(t.isNull()) << y << "-" << m << "-" << d;
+                    continue;
+                }
+                ++days;
+                ASSERT_FALSE(t.isNull()) << y << "-" << m << "-" << d;
+                EXPECT_EQ(t.toTime_t(), expected) << y << "-" << m << "-" << d;
+                EXPECT_EQ(t.microseconds() - int64_t(expected) * 1000000, step);
+
+                std::tm back{};
+                ASSERT_TRUE(gmtime_r(&expected, &back));
+                char text[32];
+                std::snprintf(text, sizeof text, "%04d:%02d:%02d %02d:%02d:%02d",
+                              back.tm_year + 1900, back.tm_mon + 1, back.tm_mday, back.tm_hour,
+                              back.tm_min, back.tm_sec);
+                EXPECT_EQ(t.toMetaString(), text);
+                EXPECT_EQ(Timestamp::fromString(t.toString()), t) << t.toString();
+            }
+    EXPECT_GE(days, int(years.size()) * 365);
+    EXPECT_EQ(Timestamp::fromFields(1969, 12, 31, 23, 59, 59).toTime_t(), -1);
+    EXPECT_TRUE(Timestamp::fromFields(1900, 2, 29).isNull());
+    EXPECT_FALSE(Timestamp::fromFields(1600, 2, 29).isNull());
 }
 
 TEST(Timestamp, ComparesAndMeasuresDifferences) {
