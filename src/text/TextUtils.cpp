@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <new>
 
 namespace qor::text {
@@ -36,7 +37,7 @@ bool parseInteger(std::string_view text, T& out) {
 }
 
 // OpenSSL, libcurl and ICU take int or int32_t lengths. Longer text goes through them in pieces
-// of at most `most` units, each cut moved back (by three units at most) while `cutsHere(text, n)`
+// of at most `most` units, each cut moved back (by four units at most) while `cutsHere(text, n)`
 // says no. kPiece is a multiple of 3 and of 4, so that base64 groups are never cut.
 constexpr size_t kPiece = size_t(3) << 28;
 
@@ -87,22 +88,25 @@ std::string mapCase(std::string_view utf8, bool upper) {
 
 // curl_easy_escape/curl_easy_unescape on one piece; they ignore the handle argument and read a
 // length of 0 as "up to the NUL", so empty pieces never reach them.
+struct CurlFree {
+    void operator()(char* text) const { curl_free(text); }
+};
+using CurlText = std::unique_ptr<char, CurlFree>;
+
 void appendEscaped(std::string& out, std::string_view piece) {
     if (piece.empty()) return;
-    char* escaped = curl_easy_escape(nullptr, piece.data(), static_cast<int>(piece.size()));
+    const CurlText escaped(curl_easy_escape(nullptr, piece.data(), static_cast<int>(piece.size())));
     if (!escaped) throw std::bad_alloc();
-    out += escaped;
-    curl_free(escaped);
+    out += escaped.get();
 }
 
 void appendUnescaped(std::string& out, std::string_view piece) {
     if (piece.empty()) return;
     int length = 0;
-    char* plain =
-        curl_easy_unescape(nullptr, piece.data(), static_cast<int>(piece.size()), &length);
+    const CurlText plain(
+        curl_easy_unescape(nullptr, piece.data(), static_cast<int>(piece.size()), &length));
     if (!plain) throw std::bad_alloc();
-    out.append(plain, static_cast<size_t>(length));
-    curl_free(plain);
+    out.append(plain.get(), static_cast<size_t>(length));
 }
 
 bool startsWithNoCase(std::string_view s, std::string_view prefix) {
