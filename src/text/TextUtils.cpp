@@ -1,8 +1,17 @@
 #include "text/TextUtils.h"
 
+#include <curl/curl.h>
+#include <openssl/evp.h>
+#include <unicode/bytestream.h>
+#include <unicode/casemap.h>
+#include <unicode/ustring.h>
+
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <memory>
+#include <new>
 
 namespace qor::text {
 
@@ -27,157 +36,77 @@ bool parseInteger(std::string_view text, T& out) {
     return true;
 }
 
-// One code point from UTF-8 at s[i]; returns its length, or 0 for an invalid sequence.
-size_t decodeUtf8(std::string_view s, size_t i, char32_t& cp) {
-    auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-    unsigned char b0 = byte(i);
-    if (b0 < 0x80) {
-        cp = b0;
-        return 1;
+// OpenSSL, libcurl and ICU take int or int32_t lengths. Longer text goes through them in pieces
+// of at most `most` units, each cut moved back (by four units at most) while `cutsHere(text, n)`
+// says no. kPiece is a multiple of 3 and of 4, so that base64 groups are never cut.
+constexpr size_t kPiece = size_t(3) << 28;
+
+template <class Char, class CutsHere, class Fn>
+void inPieces(std::basic_string_view<Char> text, size_t most, CutsHere cutsHere, Fn fn) {
+    while (text.size() > most) {
+        size_t n = most;
+        while (n > most - 4 && !cutsHere(text, n)) --n;
+        fn(text.substr(0, n));
+        text.remove_prefix(n);
     }
-    size_t len;
-    char32_t min;
-    if ((b0 & 0xE0) == 0xC0) {
-        len = 2, cp = b0 & 0x1F, min = 0x80;
-    } else if ((b0 & 0xF0) == 0xE0) {
-        len = 3, cp = b0 & 0x0F, min = 0x800;
-    } else if ((b0 & 0xF8) == 0xF0) {
-        len = 4, cp = b0 & 0x07, min = 0x10000;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size()) return 0;
-    for (size_t k = 1; k < len; ++k) {
-        unsigned char b = byte(i + k);
-        if ((b & 0xC0) != 0x80) return 0;
-        cp = (cp << 6) | (b & 0x3F);
-    }
-    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-    return len;
+    fn(text);
 }
 
-void appendUtf8(std::string& out, char32_t cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
+bool anywhere(std::string_view, size_t) { return true; }
+
+// Not in front of a UTF-8 continuation byte.
+bool betweenCodePoints(std::string_view s, size_t n) {
+    return (static_cast<unsigned char>(s[n]) & 0xC0) != 0x80;
 }
 
-// Latin Extended-A pairs: in these ranges the upper-case letter has the lower code point and the
-// two differ by one; `upperEven` tells which parity is upper case.
-struct PairRange {
-    char32_t first, last;
-    bool upperEven;
-};
-constexpr PairRange kPairs[] = {{0x0100, 0x0137, true},
-                                {0x0139, 0x0148, false},
-                                {0x014A, 0x0177, true},
-                                {0x0179, 0x017E, false}};
-
-char32_t toUpper(char32_t c) {
-    if (c >= 'a' && c <= 'z') return c - 0x20;
-    if (c < 0xB5) return c;
-    if ((c >= 0xE0 && c <= 0xFE && c != 0xF7)) return c - 0x20;
-    if (c == 0xFF) return 0x178;
-    for (const PairRange& r : kPairs) {
-        if (c >= r.first && c <= r.last) {
-            bool even = (c % 2) == 0;
-            return even == r.upperEven ? c : c - 1;
-        }
-    }
-    if ((c >= 0x3B1 && c <= 0x3C1) || (c >= 0x3C3 && c <= 0x3CB)) return c - 0x20;
-    if (c == 0x3C2) return 0x3A3;
-    if (c == 0x3AC) return 0x386;
-    if (c >= 0x3AD && c <= 0x3AF) return c - 0x25;
-    if (c == 0x3CC) return 0x38C;
-    if (c == 0x3CD || c == 0x3CE) return c - 0x3F;
-    if (c >= 0x430 && c <= 0x44F) return c - 0x20;
-    if (c >= 0x450 && c <= 0x45F) return c - 0x50;
-    return c;
+// Not between the two halves of a surrogate pair.
+bool betweenUtf16CodePoints(std::u16string_view s, size_t n) {
+    return !(s[n - 1] >= 0xD800 && s[n - 1] <= 0xDBFF);
 }
 
-char32_t toLower(char32_t c) {
-    if (c >= 'A' && c <= 'Z') return c + 0x20;
-    if (c < 0xC0) return c;
-    if (c <= 0xDE && c != 0xD7) return c + 0x20;
-    if (c == 0x178) return 0xFF;
-    for (const PairRange& r : kPairs) {
-        if (c >= r.first && c <= r.last) {
-            bool even = (c % 2) == 0;
-            return even == r.upperEven ? c + 1 : c;
-        }
-    }
-    if ((c >= 0x391 && c <= 0x3A1) || (c >= 0x3A3 && c <= 0x3AB)) return c + 0x20;
-    if (c == 0x386) return 0x3AC;
-    if (c >= 0x388 && c <= 0x38A) return c + 0x25;
-    if (c == 0x38C) return 0x3CC;
-    if (c == 0x38E || c == 0x38F) return c + 0x3F;
-    if (c >= 0x410 && c <= 0x42F) return c + 0x20;
-    if (c >= 0x400 && c <= 0x40F) return c + 0x50;
-    return c;
-}
+// Not inside a "%XX" escape.
+bool betweenEscapes(std::string_view s, size_t n) { return s[n - 1] != '%' && s[n - 2] != '%'; }
 
-template <class Map>
-std::string mapCase(std::string_view s, Map map) {
+// Full Unicode case mapping in the root locale, so that the result never depends on the process
+// locale; ICU copies ill-formed UTF-8 sequences unchanged.
+std::string mapCase(std::string_view utf8, bool upper) {
     std::string out;
-    out.reserve(s.size());
-    for (size_t i = 0; i < s.size();) {
-        unsigned char b = static_cast<unsigned char>(s[i]);
-        if (b < 0x80) {
-            out += static_cast<char>(map(b));
-            ++i;
-            continue;
-        }
-        char32_t cp;
-        size_t len = decodeUtf8(s, i, cp);
-        if (len == 0) {
-            out += s[i++];
-            continue;
-        }
-        appendUtf8(out, map(cp));
-        i += len;
-    }
-    return out;
-}
-
-bool isUnreserved(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~';
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-std::string percentEncode(std::string_view text, bool keepSlash) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(text.size() + text.size() / 2);
-    for (char ch : text) {
-        unsigned char c = static_cast<unsigned char>(ch);
-        if (isUnreserved(c) || (keepSlash && c == '/')) {
-            out += ch;
+    out.reserve(utf8.size());
+    icu::StringByteSink<std::string> sink(&out);
+    inPieces(utf8, kPiece, betweenCodePoints, [&](std::string_view piece) {
+        UErrorCode err = U_ZERO_ERROR;
+        const icu::StringPiece text(piece.data(), static_cast<int32_t>(piece.size()));
+        if (upper) {
+            icu::CaseMap::utf8ToUpper("", 0, text, sink, nullptr, err);
         } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
+            icu::CaseMap::utf8ToLower("", 0, text, sink, nullptr, err);
         }
-    }
+        if (err == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
+    });
     return out;
+}
+
+// curl_easy_escape/curl_easy_unescape on one piece; they ignore the handle argument and read a
+// length of 0 as "up to the NUL", so empty pieces never reach them.
+struct CurlFree {
+    void operator()(char* text) const { curl_free(text); }
+};
+using CurlText = std::unique_ptr<char, CurlFree>;
+
+void appendEscaped(std::string& out, std::string_view piece) {
+    if (piece.empty()) return;
+    const CurlText escaped(curl_easy_escape(nullptr, piece.data(), static_cast<int>(piece.size())));
+    if (!escaped) throw std::bad_alloc();
+    out += escaped.get();
+}
+
+void appendUnescaped(std::string& out, std::string_view piece) {
+    if (piece.empty()) return;
+    int length = 0;
+    const CurlText plain(
+        curl_easy_unescape(nullptr, piece.data(), static_cast<int>(piece.size()), &length));
+    if (!plain) throw std::bad_alloc();
+    out.append(plain.get(), static_cast<size_t>(length));
 }
 
 bool startsWithNoCase(std::string_view s, std::string_view prefix) {
@@ -188,17 +117,6 @@ bool startsWithNoCase(std::string_view s, std::string_view prefix) {
         if (a != prefix[i]) return false;
     }
     return true;
-}
-
-const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-int base64Value(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
 }
 
 }  // namespace
@@ -248,10 +166,9 @@ std::string dtostr(double value) {
     return std::string(buf, end);
 }
 
-std::string upcase(std::string_view utf8) { return mapCase(utf8, toUpper); }
+std::string upcase(std::string_view utf8) { return mapCase(utf8, true); }
 
-std::string downcase(std::string_view utf8) { return mapCase(utf8, toLower); }
-
+std::string downcase(std::string_view utf8) { return mapCase(utf8, false); }
 std::string_view trimView(std::string_view text) {
     while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
     while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
@@ -260,26 +177,27 @@ std::string_view trimView(std::string_view text) {
 
 std::string trim(std::string_view text) { return std::string(trimView(text)); }
 
-std::string urlEncode(std::string_view text) { return percentEncode(text, false); }
-
-std::string urlDecode(std::string_view text, bool plusAsSpace) {
+std::string urlEncode(std::string_view text) {
     std::string out;
-    out.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
-        if (c == '%' && i + 2 < text.size()) {
-            int hi = hexValue(text[i + 1]), lo = hexValue(text[i + 2]);
-            if (hi >= 0 && lo >= 0) {
-                out += static_cast<char>(hi * 16 + lo);
-                i += 2;
-                continue;
-            }
-        }
-        out += (plusAsSpace && c == '+') ? ' ' : c;
-    }
+    out.reserve(text.size() + text.size() / 2);
+    inPieces(text, kPiece, anywhere, [&](std::string_view piece) { appendEscaped(out, piece); });
     return out;
 }
 
+std::string urlDecode(std::string_view text, bool plusAsSpace) {
+    std::string spaced;
+    if (plusAsSpace && text.find('+') != std::string_view::npos) {
+        // Before decoding, so that an escaped plus ("%2B") stays a plus.
+        spaced = text;
+        std::replace(spaced.begin(), spaced.end(), '+', ' ');
+        text = spaced;
+    }
+    std::string out;
+    out.reserve(text.size());
+    inPieces(text, kPiece, betweenEscapes,
+             [&](std::string_view piece) { appendUnescaped(out, piece); });
+    return out;
+}
 bool isFileUrl(std::string_view text) { return startsWithNoCase(text, "file:"); }
 
 std::string urlToLocalPath(std::string_view url) {
@@ -297,33 +215,28 @@ std::string urlToLocalPath(std::string_view url) {
 
 std::string localPathToUrl(std::string_view path) {
     while (!path.empty() && path.front() == '/') path.remove_prefix(1);
-    return "file:///" + percentEncode(path, true);
+    std::string out = "file:///";
+    out.reserve(out.size() + path.size() + path.size() / 2);
+    // Each part on its own, so that the separators stay.
+    for (size_t start = 0;;) {
+        const size_t slash = path.find('/', start);
+        appendEscaped(out, path.substr(start, slash - start));
+        if (slash == std::string_view::npos) break;
+        out += '/';
+        start = slash + 1;
+    }
+    return out;
 }
 
 std::string base64Encode(const void* data, size_t size) {
-    const unsigned char* p = static_cast<const unsigned char*>(data);
-    std::string out;
-    out.reserve((size + 2) / 3 * 4);
-    size_t i = 0;
-    for (; i + 3 <= size; i += 3) {
-        uint32_t v = (uint32_t(p[i]) << 16) | (uint32_t(p[i + 1]) << 8) | p[i + 2];
-        out += kBase64[v >> 18];
-        out += kBase64[(v >> 12) & 63];
-        out += kBase64[(v >> 6) & 63];
-        out += kBase64[v & 63];
-    }
-    if (size - i == 1) {
-        uint32_t v = uint32_t(p[i]) << 16;
-        out += kBase64[v >> 18];
-        out += kBase64[(v >> 12) & 63];
-        out += "==";
-    } else if (size - i == 2) {
-        uint32_t v = (uint32_t(p[i]) << 16) | (uint32_t(p[i + 1]) << 8);
-        out += kBase64[v >> 18];
-        out += kBase64[(v >> 12) & 63];
-        out += kBase64[(v >> 6) & 63];
-        out += '=';
-    }
+    std::string out((size + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock adds a NUL
+    unsigned char* to = reinterpret_cast<unsigned char*>(out.data());
+    inPieces(std::string_view(static_cast<const char*>(data), size), kPiece, anywhere,
+             [&](std::string_view piece) {
+                 to += EVP_EncodeBlock(to, reinterpret_cast<const unsigned char*>(piece.data()),
+                                       static_cast<int>(piece.size()));
+             });
+    out.resize(out.size() - 1);
     return out;
 }
 
@@ -331,30 +244,35 @@ std::string base64Encode(std::string_view data) { return base64Encode(data.data(
 
 bool base64Decode(std::string_view text, std::string& out) {
     out.clear();
-    out.reserve(text.size() / 4 * 3);
-    uint32_t acc = 0;
-    int bits = 0, count = 0, padding = 0;
-    for (char c : text) {
-        if (isSpace(c)) continue;
-        if (c == '=') {
-            ++padding;
-            continue;
-        }
-        int v = base64Value(c);
-        if (v < 0 || padding > 0) return false;
-        acc = (acc << 6) | static_cast<uint32_t>(v);
-        bits += 6;
-        ++count;
-        if (bits >= 8) {
-            bits -= 8;
-            out += static_cast<char>((acc >> bits) & 0xFF);
-        }
-    }
-    // A final group of one character cannot be; padding, when present, must complete the group.
-    if (count % 4 == 1) return false;
-    if (padding > 0 && (count + padding) % 4 != 0) return false;
-    if (padding > 2) return false;
-    return true;
+    // EVP_DecodeBlock wants complete groups of four without white space, reads '=' anywhere as
+    // zero bits and ignores some characters at the end; our rules are checked here first.
+    std::string groups;
+    groups.reserve(text.size() + 2);
+    for (char c : text)
+        if (!isSpace(c)) groups += c;
+    const size_t data = groups.find_last_not_of('=') + 1;  // 0 when all is padding or empty
+    const size_t padding = groups.size() - data;
+    const bool alphabet = std::all_of(groups.begin(), groups.begin() + data, [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               c == '+' || c == '/';
+    });
+    if (!alphabet || data % 4 == 1 || padding > 2 || (padding > 0 && groups.size() % 4 != 0))
+        return false;
+    if (groups.empty()) return true;
+    groups.append((4 - data % 4) % 4 - padding, '=');
+
+    out.resize(groups.size() / 4 * 3);
+    unsigned char* to = reinterpret_cast<unsigned char*>(out.data());
+    bool ok = true;
+    inPieces(std::string_view(groups), kPiece, anywhere, [&](std::string_view piece) {
+        const int n = EVP_DecodeBlock(to, reinterpret_cast<const unsigned char*>(piece.data()),
+                                      static_cast<int>(piece.size()));
+        ok = ok && n >= 0;
+        to += std::max(n, 0);
+    });
+    // The padding characters come out as zero bytes.
+    out.resize(out.size() - (groups.size() - data));
+    return ok;
 }
 
 std::string base64Decode(std::string_view text) {
@@ -364,41 +282,33 @@ std::string base64Decode(std::string_view text) {
 }
 
 std::u16string utf8_to_utf16(std::string_view utf8) {
-    std::u16string out;
-    out.reserve(utf8.size());
-    for (size_t i = 0; i < utf8.size();) {
-        char32_t cp;
-        size_t len = decodeUtf8(utf8, i, cp);
-        if (len == 0) {
-            cp = 0xFFFD;
-            len = 1;
-        }
-        i += len;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out += static_cast<char16_t>(0xD800 + (cp >> 10));
-            out += static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
-        } else {
-            out += static_cast<char16_t>(cp);
-        }
-    }
+    // Never more UTF-16 units than UTF-8 bytes.
+    std::u16string out(utf8.size(), u'\0');
+    size_t written = 0;
+    inPieces(utf8, kPiece, betweenCodePoints, [&](std::string_view piece) {
+        int32_t length = 0;
+        UErrorCode err = U_ZERO_ERROR;
+        u_strFromUTF8WithSub(out.data() + written, static_cast<int32_t>(piece.size()), &length,
+                             piece.data(), static_cast<int32_t>(piece.size()), 0xFFFD, nullptr,
+                             &err);
+        written += U_SUCCESS(err) ? static_cast<size_t>(length) : 0;
+    });
+    out.resize(written);
     return out;
 }
 
 std::string utf16_to_utf8(std::u16string_view utf16) {
-    std::string out;
-    out.reserve(utf16.size());
-    for (size_t i = 0; i < utf16.size(); ++i) {
-        char32_t cp = utf16[i];
-        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < utf16.size() && utf16[i + 1] >= 0xDC00 &&
-            utf16[i + 1] <= 0xDFFF) {
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (utf16[i + 1] - 0xDC00);
-            ++i;
-        } else if (cp >= 0xD800 && cp <= 0xDFFF) {
-            cp = 0xFFFD;
-        }
-        appendUtf8(out, cp);
-    }
+    // At most three bytes for each UTF-16 unit (four for a pair of two).
+    std::string out(utf16.size() * 3, '\0');
+    size_t written = 0;
+    inPieces(utf16, kPiece / 4, betweenUtf16CodePoints, [&](std::u16string_view piece) {
+        int32_t length = 0;
+        UErrorCode err = U_ZERO_ERROR;
+        u_strToUTF8WithSub(out.data() + written, static_cast<int32_t>(piece.size() * 3), &length,
+                           piece.data(), static_cast<int32_t>(piece.size()), 0xFFFD, nullptr, &err);
+        written += U_SUCCESS(err) ? static_cast<size_t>(length) : 0;
+    });
+    out.resize(written);
     return out;
 }
 

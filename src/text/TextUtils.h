@@ -2,6 +2,9 @@
 // Text conversions shared by the whole system: numbers, case, URL encoding, file URLs, base64,
 // UTF-8/UTF-16. All functions are pure: they keep no state, are safe on any thread and never
 // depend on the C locale. None throws, except std::bad_alloc.
+//
+// Case and UTF conversions are ICU's, percent-encoding is libcurl's and base64 is OpenSSL's; the
+// rules below are what these functions promise, whichever library does the work.
 
 #include <cstddef>
 #include <cstdint>
@@ -26,8 +29,10 @@ double frstrtod(std::string_view text, double fallback = 0.0);
 // Shortest text that reads back as the same double, with '.' whatever the locale.
 std::string dtostr(double value);
 
-// Upper-/lower-cases UTF-8 text: ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic letters.
-// Other characters and invalid bytes are copied unchanged.
+// Upper-/lower-cases UTF-8 text with Unicode's full case mapping in the root locale, the same
+// whatever the process locale: every script with case, and a letter may become several ("ß" ->
+// "SS", "İ" -> "i̇"); a final sigma lower-cases to "ς". Ill-formed byte sequences are copied
+// unchanged.
 std::string upcase(std::string_view utf8);
 std::string downcase(std::string_view utf8);
 
@@ -36,7 +41,7 @@ std::string_view trimView(std::string_view text);
 std::string trim(std::string_view text);
 
 // Percent-encodes every byte outside the RFC 3986 unreserved set (A-Z a-z 0-9 - . _ ~), with
-// upper-case hex digits: "a b&ä" gives "a%20b%26%C3%A4".
+// upper-case hex digits: "a b&ä" gives "a%20b%26%C3%A4" (the form OAuth signatures need).
 std::string urlEncode(std::string_view text);
 // Undoes %XX escapes (either case of hex digits); a '%' not followed by two hex digits is kept as
 // it stands. With plusAsSpace (HTML form bodies) '+' becomes a space.
@@ -60,7 +65,9 @@ bool base64Decode(std::string_view text, std::string& out);
 // The same, giving an empty string on failure.
 std::string base64Decode(std::string_view text);
 
-// UTF-8 <-> UTF-16. Invalid input (bad bytes, lone surrogates) becomes U+FFFD.
+// UTF-8 <-> UTF-16. Invalid input becomes U+FFFD: a lone surrogate, and in UTF-8 each maximal
+// ill-formed part (a truncated sequence gives one U+FFFD, a byte that can never start or continue
+// one its own), as Unicode recommends.
 std::u16string utf8_to_utf16(std::string_view utf8);
 std::string utf16_to_utf8(std::u16string_view utf16);
 

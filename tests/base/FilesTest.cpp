@@ -440,6 +440,34 @@ TEST(Path, CopyUrlCopiesContentsAndTimes) {
     EXPECT_EQ(readText(dir / "dst.jpg"), "other");
 }
 
+// Replacing goes through a new file that takes the target's name: a second name of the old file
+// keeps the old contents, and the new file has the source's permission bits, not the old target's.
+TEST(Path, CopyOntoAnExistingFileReplacesItWhole) {
+    TempDir dir;
+    ASSERT_TRUE(dir.ok());
+    writeText(dir / "src.jpg", "new contents");
+    ASSERT_EQ(::chmod((dir / "src.jpg").c_str(), 0640), 0);
+    writeText(dir / "dst.jpg", "old");
+    ASSERT_EQ(::chmod((dir / "dst.jpg").c_str(), 0600), 0);
+    ASSERT_EQ(::link((dir / "dst.jpg").c_str(), (dir / "old.jpg").c_str()), 0);
+
+    copyUrl(dir / "src.jpg", dir / "dst.jpg", true);
+    EXPECT_EQ(readText(dir / "dst.jpg"), "new contents");
+    EXPECT_EQ(readText(dir / "old.jpg"), "old");
+    struct stat st;
+    ASSERT_EQ(::stat((dir / "dst.jpg").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(st.st_nlink, 1u);
+    EXPECT_EQ(listNames(dir.path()), (std::vector<std::string>{"dst.jpg", "old.jpg", "src.jpg"}));
+
+    try {
+        fileSize(dir / "missing.jpg");
+        FAIL() << "a missing file has a size";
+    } catch (const FilesystemException& e) {
+        EXPECT_NE(e.message().find("missing.jpg': No such file"), std::string::npos) << e.message();
+    }
+}
+
 TEST(Path, FailedCopyLeavesNoPartialTarget) {
     TempDir dir;
     ASSERT_TRUE(dir.ok());
@@ -490,13 +518,79 @@ TEST(Path, MoveUrlCopiesAcrossFileSystems) {
     writeText(here / "single.jpg", "s");
     const Timestamp t = Timestamp::fromTime_t(1000000000);
     setLastWriteTime(here / "bag/sub/x.jpg", t);
+    // Links stay links (also broken ones), and modes and times come along, a read-only folder's
+    // too once it is filled.
+    ASSERT_EQ(::symlink("sub/x.jpg", (here / "bag/link.jpg").c_str()), 0);
+    ASSERT_EQ(::symlink("nowhere", (here / "bag/broken").c_str()), 0);
+    ASSERT_EQ(::chmod((here / "bag/sub/x.jpg").c_str(), 0444), 0);
+    setLastWriteTime(here / "bag/sub", t);
+    ASSERT_EQ(::chmod((here / "bag/sub").c_str(), 0555), 0);
 
     moveUrl(here / "bag", there / "bag");
     moveUrl(here / "single.jpg", there / "single.jpg");
     EXPECT_EQ(readText(there / "bag/sub/x.jpg"), "x");
     EXPECT_EQ(lastWriteTime(there / "bag/sub/x.jpg"), t);
+    EXPECT_EQ(lastWriteTime(there / "bag/sub"), t);
     EXPECT_EQ(readText(there / "single.jpg"), "s");
     EXPECT_TRUE(listNames(here.path()).empty());
+    struct stat st;
+    ASSERT_EQ(::lstat((there / "bag/link.jpg").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(readText(there / "bag/link.jpg"), "x");
+    ASSERT_EQ(::lstat((there / "bag/broken").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(::stat((there / "bag/sub/x.jpg").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0444u);
+    ASSERT_EQ(::stat((there / "bag/sub").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0555u);
+    ::chmod((there / "bag/sub").c_str(), 0755);  // so that the folder can be removed
+
+    // An existing target is refused and the source stays where it was.
+    writeText(here / "again.jpg", "again");
+    EXPECT_THROW(moveUrl(here / "again.jpg", there / "single.jpg"), FilesystemException);
+    EXPECT_EQ(readText(here / "again.jpg"), "again");
+    EXPECT_EQ(readText(there / "single.jpg"), "s");
+    moveUrl(here / "again.jpg", there / "single.jpg", true);
+    EXPECT_EQ(readText(there / "single.jpg"), "again");
+    EXPECT_FALSE(exists(here / "again.jpg"));
+}
+
+// Removing counts every entry and never follows a link out of the tree.
+TEST(Path, RemoveAllRemovesLinksNotTheirTargets) {
+    TempDir dir;
+    ASSERT_TRUE(dir.ok());
+    createDirectoryFromUrl(dir / "keep");
+    writeText(dir / "keep/x.jpg", "x");
+    createDirectoryFromUrl(dir / "tree/a/b");
+    writeText(dir / "tree/a/b/y.jpg", "y");
+    ASSERT_EQ(::symlink((dir / "keep").c_str(), (dir / "tree/a/keep").c_str()), 0);
+    EXPECT_EQ(removeAll(dir / "tree"), 5u);  // tree, a, b, y.jpg, the link
+    EXPECT_EQ(readText(dir / "keep/x.jpg"), "x");
+    EXPECT_EQ(removeAll(dir / "tree"), 0u);
+    EXPECT_THROW(removeFile(dir / "keep"), FilesystemException);  // not empty
+}
+
+// Threads that create the same folders at once all succeed; exactly one made the last part.
+TEST(PathThreads, CreatingTheSameFoldersAtOnceSucceedsEverywhere) {
+    TempDir dir;
+    ASSERT_TRUE(dir.ok());
+    for (int round = 0; round < 20; ++round) {
+        const std::string deep = dir / (std::to_string(round) + "/a/b/c/d");
+        std::atomic<int> created{0}, failed{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&] {
+                try {
+                    if (createDirectoryFromUrl(deep)) ++created;
+                } catch (const FilesystemException&) {
+                    ++failed;
+                }
+            });
+        for (std::thread& t : threads) t.join();
+        EXPECT_EQ(failed.load(), 0);
+        EXPECT_EQ(created.load(), 1);
+        EXPECT_TRUE(isDirectory(deep));
+    }
 }
 
 TEST(Path, UrlIteratorListsEntriesInNameOrder) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "base/Md5Stream.h"
 #include "base/time/Timestamp.h"
@@ -74,6 +75,52 @@ TEST(Timestamp, StringFormRoundTripsExactly) {
     EXPECT_EQ(Timestamp::fromMicroseconds(-1).toTime_t(), -1);
 }
 
+// The calendar against the C library's timegm and gmtime_r: every day of the years around 1970
+// and 2000, of the century years whose leap rule differs, and of the first and last years, with
+// the time of day moving through the day. February 29th exists only in leap years; an impossible
+// day (which timegm would roll into the next month) gives null.
+TEST(Timestamp, CalendarAgreesWithTheCLibraryAcrossLeapYearsAndBefore1970) {
+    std::vector<int> years = {1, 4, 100, 400, 1600, 1700, 1800, 2100, 2200, 2400, 9996, 9999};
+    for (int y = 1890; y <= 2110; ++y) years.push_back(y);
+    int step = 0, days = 0;
+    for (int y : years)
+        for (int m = 1; m <= 12; ++m)
+            for (int d = 1; d <= 31; ++d) {
+                ++step;
+                const int hour = step % 24, minute = step * 7 % 60, second = step * 13 % 60;
+                std::tm fields{};
+                fields.tm_year = y - 1900;
+                fields.tm_mon = m - 1;
+                fields.tm_mday = d;
+                fields.tm_hour = hour;
+                fields.tm_min = minute;
+                fields.tm_sec = second;
+                const time_t expected = timegm(&fields);  // normalises fields in place
+                const Timestamp t = Timestamp::fromFields(y, m, d, hour, minute, second, step);
+                if (fields.tm_mday != d) {
+                    EXPECT_TRUE(t.isNull()) << y << "-" << m << "-" << d;
+                    continue;
+                }
+                ++days;
+                ASSERT_FALSE(t.isNull()) << y << "-" << m << "-" << d;
+                EXPECT_EQ(t.toTime_t(), expected) << y << "-" << m << "-" << d;
+                EXPECT_EQ(t.microseconds() - int64_t(expected) * 1000000, step);
+
+                std::tm back{};
+                ASSERT_TRUE(gmtime_r(&expected, &back));
+                char text[32];
+                std::snprintf(text, sizeof text, "%04d:%02d:%02d %02d:%02d:%02d",
+                              back.tm_year + 1900, back.tm_mon + 1, back.tm_mday, back.tm_hour,
+                              back.tm_min, back.tm_sec);
+                EXPECT_EQ(t.toMetaString(), text);
+                EXPECT_EQ(Timestamp::fromString(t.toString()), t) << t.toString();
+            }
+    EXPECT_GE(days, int(years.size()) * 365);
+    EXPECT_EQ(Timestamp::fromFields(1969, 12, 31, 23, 59, 59).toTime_t(), -1);
+    EXPECT_TRUE(Timestamp::fromFields(1900, 2, 29).isNull());
+    EXPECT_FALSE(Timestamp::fromFields(1600, 2, 29).isNull());
+}
+
 TEST(Timestamp, ComparesAndMeasuresDifferences) {
     const Timestamp a = Timestamp::fromTime_t(1000);
     const Timestamp b = a.addSeconds(2.5);
@@ -138,10 +185,26 @@ TEST(TextUtils, ParsesDoublesWithADotInAnyLocale) {
 
 TEST(TextUtils, ChangesCaseOfAsciiAndEuropeanLetters) {
     EXPECT_EQ(upcase("abc.jpg"), "ABC.JPG");
-    EXPECT_EQ(upcase("äöüéñ ÿ ąž αβς яё ß 1€"), "ÄÖÜÉÑ Ÿ ĄŽ ΑΒΣ ЯЁ ß 1€");
+    EXPECT_EQ(upcase("äöüéñ ÿ ąž αβς яё 1€"), "ÄÖÜÉÑ Ÿ ĄŽ ΑΒΣ ЯЁ 1€");
     EXPECT_EQ(downcase("ÄÖÜÉÑ Ÿ ĄŽ ΑΒ ЯЁ"), "äöüéñ ÿ ąž αβ яё");
     EXPECT_EQ(upcase(std::string("a\xff\xc3", 3)), std::string("A\xff\xc3", 3));  // bad bytes kept
     EXPECT_EQ(trim("  a b \t\n"), "a b");
+}
+
+TEST(TextUtils, ChangesCaseOfEveryScriptWithFullMappings) {
+    // Beyond Latin, Greek and Cyrillic: Armenian, Georgian Mtavruli, Latin Extended-B and
+    // Deseret, whose letters lie outside the BMP (four bytes in UTF-8).
+    EXPECT_EQ(upcase("աբ ǆ ა 𐐨𐐩"), "ԱԲ Ǆ Ა 𐐀𐐁");
+    EXPECT_EQ(downcase("ԱԲ Ǆ 𐐀𐐁"), "աբ ǆ 𐐨𐐩");
+    // Full mappings change lengths: a sharp s upper-cases to two letters and the dotted capital
+    // I lower-cases to i and a combining dot, so names that differ only so compare equal.
+    EXPECT_EQ(upcase("Straße"), upcase("STRASSE"));
+    EXPECT_EQ(downcase("İ"), "i\u0307");
+    EXPECT_EQ(downcase("ΟΔΟΣ ΟΔΟΣ."), "οδος οδος.");  // final sigma
+    // Ill-formed parts between letters are kept byte for byte, the letters around them mapped.
+    const std::string broken("\xc3\xa4\xe2\x82z\xed\xa0\x80\xf0\x90\x90\xa8\xc0", 13);
+    EXPECT_EQ(upcase(broken), std::string("\xc3\x84\xe2\x82Z\xed\xa0\x80\xf0\x90\x90\x80\xc0", 13));
+    EXPECT_EQ(upcase(std::string("a\0b", 3)), std::string("A\0B", 3));
 }
 
 TEST(TextUtils, UrlEncodesAllButUnreservedBytes) {
@@ -154,6 +217,9 @@ TEST(TextUtils, UrlEncodesAllButUnreservedBytes) {
     EXPECT_EQ(urlDecode("a%20b%c3%A4"), "a bä");
     EXPECT_EQ(urlDecode("100%+%zz%4"), "100%+%zz%4");  // bad escapes stay as they are
     EXPECT_EQ(urlDecode("a+b", true), "a b");
+    EXPECT_EQ(urlDecode("a+b%2B", true), "a b+");  // an escaped plus stays a plus
+    EXPECT_EQ(urlDecode("a+b%2B"), "a+b+");
+    EXPECT_EQ(urlEncode(""), "");
     const std::string all = [] {
         std::string s;
         for (int c = 0; c < 256; ++c) s += static_cast<char>(c);
@@ -189,11 +255,17 @@ TEST(TextUtils, Base64MatchesRfc4648Vectors) {
         EXPECT_TRUE(base64Decode(encoded, out)) << encoded;
         EXPECT_EQ(out, plain);
     }
-    EXPECT_EQ(base64Decode("Zm9vYg"), "foob");          // padding may be left out
-    EXPECT_EQ(base64Decode("Zm9v\r\nYmFy"), "foobar");  // line breaks are skipped
+    EXPECT_EQ(base64Decode("Zm9vYg"), "foob");             // padding may be left out
+    EXPECT_EQ(base64Decode("Zm9v\r\nYmFy"), "foobar");     // line breaks are skipped
+    EXPECT_EQ(base64Decode(" Zm 9v\tY g =\n= "), "foob");  // white space anywhere, padding too
+    EXPECT_EQ(base64Decode("Zm9vYmE"), "fooba");
     std::string out;
-    for (const char* bad : {"Zm9v!", "Z", "Zg=", "Zg===", "Zg==Zg==", "Zm=9"})
+    EXPECT_TRUE(base64Decode(" \n", out));
+    EXPECT_EQ(out, "");
+    for (const char* bad : {"Zm9v!", "Z", "Zg=", "Zg===", "Zg==Zg==", "Zm=9", "Zm9v-", "Zm9v=", "=",
+                            "====", "Zm9v\x80"})
         EXPECT_FALSE(base64Decode(bad, out)) << bad;
+    EXPECT_EQ(base64Decode("Zm=9"), "");
 
     std::string all;
     for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
@@ -211,6 +283,59 @@ TEST(TextUtils, ConvertsBetweenUtf8AndUtf16) {
               u"a\uFFFDb");
     EXPECT_EQ(utf8_to_utf16("\xed\xa0\x80"), u"\uFFFD\uFFFD\uFFFD");  // encoded surrogate
     EXPECT_EQ(utf16_to_utf8(std::u16string(1, char16_t(0xD800))), "\xEF\xBF\xBD");
+}
+
+// UTF-8 of one code point, written out here so that the conversions are checked against an
+// encoder of their own.
+std::string utf8Of(char32_t c) {
+    std::string s;
+    if (c < 0x80) {
+        s += char(c);
+    } else if (c < 0x800) {
+        s += {char(0xC0 | c >> 6), char(0x80 | (c & 0x3F))};
+    } else if (c < 0x10000) {
+        s += {char(0xE0 | c >> 12), char(0x80 | (c >> 6 & 0x3F)), char(0x80 | (c & 0x3F))};
+    } else {
+        s += {char(0xF0 | c >> 18), char(0x80 | (c >> 12 & 0x3F)), char(0x80 | (c >> 6 & 0x3F)),
+              char(0x80 | (c & 0x3F))};
+    }
+    return s;
+}
+
+TEST(TextUtils, Utf16RoundTripsEveryScalarValue) {
+    std::string all;
+    size_t units = 0;
+    for (char32_t c = 0; c <= 0x10FFFF; ++c) {
+        if (c >= 0xD800 && c <= 0xDFFF) continue;
+        all += utf8Of(c);
+        units += c >= 0x10000 ? 2 : 1;
+    }
+    const std::u16string wide = utf8_to_utf16(all);
+    ASSERT_EQ(wide.size(), units);
+    EXPECT_EQ(wide.substr(0, 3), std::u16string(u"\0\x01\x02", 3));  // NUL is a character
+    EXPECT_EQ(wide.substr(units - 2), u"\U0010FFFF");
+    EXPECT_EQ(utf16_to_utf8(wide), all);
+}
+
+TEST(TextUtils, ReplacesEachIllFormedPartOnce) {
+    const std::pair<std::string, std::u16string> cases[] = {
+        {"\xe2\x82"
+         "a",
+         u"\uFFFDa"},                   // truncated three-byte sequence: one part
+        {"\xf0\x9f\x98", u"\uFFFD"},    // truncated at the end
+        {"\xc0\xaf", u"\uFFFD\uFFFD"},  // overlong '/', never valid
+        {"\xf4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},            // above U+10FFFF
+        {"\xf8\x88\x80\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},  // five-byte form
+        {"\x80"
+         "a\xbf",
+         u"\uFFFDa\uFFFD"},  // stray continuation bytes
+    };
+    for (const auto& [bytes, expected] : cases) EXPECT_EQ(utf8_to_utf16(bytes), expected) << bytes;
+
+    // UTF-16: only whole pairs make a character; a low half first, a high half at the end or a
+    // high half before another character are each replaced.
+    EXPECT_EQ(utf16_to_utf8(u"\xDE00\xD83D"), "\uFFFD\uFFFD");
+    EXPECT_EQ(utf16_to_utf8(std::u16string{0xD83D, u'a', 0xD83D, 0xDE00}), "\uFFFDa😀");
 }
 
 // --- MD5 -------------------------------------------------------------------------------------

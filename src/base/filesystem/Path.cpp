@@ -1,18 +1,19 @@
 #include "base/filesystem/Path.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <filesystem>
 #include <system_error>
 
 #include "text/TextUtils.h"
 
 namespace qor::filesystem {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -81,26 +82,35 @@ std::string_view leafView(std::string_view path) {
     return pos == std::string_view::npos ? path : path.substr(pos + 1);
 }
 
-std::string systemReason(int err) { return std::system_category().message(err); }
+// What went wrong, from an errno value or a std::filesystem error code; 0 or no code means the
+// target was there already. Taken by value where errno is passed, which later calls may change.
+std::string reasonOf(int err) {
+    return err ? std::system_category().message(err) : std::string("target exists");
+}
+std::string reasonOf(const std::error_code& ec) {
+    return ec ? ec.message() : std::string("target exists");
+}
 
-[[noreturn]] void fail(std::string_view what, std::string_view path, int err) {
+template <class Reason>
+[[noreturn]] void fail(std::string_view what, std::string_view path, Reason reason) {
     std::string msg(what);
     msg += " '";
     msg += path;
     msg += "': ";
-    msg += systemReason(err);
+    msg += reasonOf(reason);
     throw FilesystemException(msg);
 }
 
+template <class Reason>
 [[noreturn]] void fail2(std::string_view what, std::string_view from, std::string_view to,
-                        int err) {
+                        Reason reason) {
     std::string msg(what);
     msg += " '";
     msg += from;
     msg += "' to '";
     msg += to;
     msg += "': ";
-    msg += err ? systemReason(err) : std::string("target exists");
+    msg += reasonOf(reason);
     throw FilesystemException(msg);
 }
 
@@ -110,91 +120,40 @@ int64_t toMicros(const struct timespec& ts) {
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-// Closes a descriptor at the end of a scope.
-struct Fd {
-    int fd = -1;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd() {
-        if (fd >= 0) ::close(fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int release() {
-        int f = fd;
-        fd = -1;
-        return f;
-    }
-};
-
-// Copies all bytes from `in` to `out`; returns 0 or an errno value.
-int copyData(int in, int out) {
-    // copy_file_range lets the kernel copy (or share extents) without a round trip through user
-    // memory; fall back to read/write where it is not supported.
-    for (;;) {
-        ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-        if (n == 0) return 0;
-        if (n > 0) continue;
-        if (errno == EINTR) continue;
-        if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP ||
-            errno == EPERM) {
-            break;
-        }
-        return errno;
-    }
-    std::vector<char> buffer(1 << 20);
-    for (;;) {
-        ssize_t n = ::read(in, buffer.data(), buffer.size());
-        if (n == 0) return 0;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        for (ssize_t done = 0; done < n;) {
-            ssize_t w = ::write(out, buffer.data() + done, static_cast<size_t>(n - done));
-            if (w < 0) {
-                if (errno == EINTR) continue;
-                return errno;
-            }
-            done += w;
-        }
-    }
+// Gives `path` the access and modification times of `source` (std::filesystem sets only the
+// latter). Returns 0 or an errno value.
+int copyTimes(const struct stat& source, const std::string& path) {
+    const struct timespec times[2] = {source.st_atim, source.st_mtim};
+    return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0 ? 0 : errno;
 }
 
 void copyFile(const std::string& from, const std::string& to, bool overwrite) {
-    Fd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (in.fd < 0) fail2("Cannot copy", from, to, errno);
     struct stat st;
-    if (::fstat(in.fd, &st) != 0) fail2("Cannot copy", from, to, errno);
+    if (::stat(from.c_str(), &st) != 0) fail2("Cannot copy", from, to, errno);
     if (S_ISDIR(st.st_mode)) fail2("Cannot copy", from, to, EISDIR);
     if (!overwrite && exists(to)) fail2("Cannot copy", from, to, 0);
 
+    // The data go to a fresh temporary file beside the target, which takes the target name only
+    // when complete.
     std::string folder = parentPath(to);
     if (folder.empty()) folder = ".";
     std::string tmp = pathJoin(folder, ".qor-copy-XXXXXX");
-    Fd out(::mkostemp(tmp.data(), O_CLOEXEC));
-    if (out.fd < 0) fail2("Cannot copy", from, to, errno);
-
-    auto abandon = [&](int err) {
-        ::close(out.release());
+    const int fd = ::mkostemp(tmp.data(), O_CLOEXEC);
+    if (fd < 0) fail2("Cannot copy", from, to, errno);
+    ::close(fd);
+    // The reason by value: unlink may change errno.
+    auto abandon = [&](auto reason) {
         ::unlink(tmp.c_str());
-        fail2("Cannot copy", from, to, err);
+        fail2("Cannot copy", from, to, reason);
     };
-    if (int err = copyData(in.fd, out.fd)) abandon(err);
-    if (::fchmod(out.fd, st.st_mode & 07777) != 0) abandon(errno);
-    struct timespec times[2] = {st.st_atim, st.st_mtim};
-    if (::futimens(out.fd, times) != 0) abandon(errno);
-    if (::close(out.release()) != 0) {
-        int err = errno;
-        ::unlink(tmp.c_str());
-        fail2("Cannot copy", from, to, err);
-    }
+    // copy_file lets the kernel copy the data and gives the copy the source's permission bits.
+    std::error_code ec;
+    fs::copy_file(from, tmp, fs::copy_options::overwrite_existing, ec);
+    if (ec) abandon(ec);
+    if (int err = copyTimes(st, tmp)) abandon(err);
 
     if (overwrite) {
-        if (::rename(tmp.c_str(), to.c_str()) != 0) {
-            int err = errno;
-            ::unlink(tmp.c_str());
-            fail2("Cannot copy", from, to, err);
-        }
+        if (::rename(tmp.c_str(), to.c_str()) != 0) abandon(errno);
         return;
     }
     // link() refuses an existing target atomically; where hard links are not supported fall back
@@ -203,39 +162,33 @@ void copyFile(const std::string& from, const std::string& to, bool overwrite) {
         ::unlink(tmp.c_str());
         return;
     }
-    int err = errno;
-    if (err == EEXIST || exists(to)) {
-        ::unlink(tmp.c_str());
-        fail2("Cannot copy", from, to, 0);
-    }
-    if (::rename(tmp.c_str(), to.c_str()) != 0) {
-        err = errno;
-        ::unlink(tmp.c_str());
-        fail2("Cannot copy", from, to, err);
-    }
+    if (errno == EEXIST || exists(to)) abandon(0);
+    if (::rename(tmp.c_str(), to.c_str()) != 0) abandon(errno);
 }
 
-// Recursive copy for moves across file systems. The target must not exist.
+// Recursive copy for moves across file systems, keeping modes and times; symbolic links are
+// copied as links. The target must not exist.
 void copyTree(const std::string& from, const std::string& to) {
-    struct stat st;
-    if (::lstat(from.c_str(), &st) != 0) fail("Cannot read", from, errno);
-    if (S_ISLNK(st.st_mode)) {
-        std::string target(4096, '\0');
-        ssize_t n = ::readlink(from.c_str(), target.data(), target.size());
-        if (n < 0) fail("Cannot read link", from, errno);
-        target.resize(static_cast<size_t>(n));
-        if (::symlink(target.c_str(), to.c_str()) != 0) fail("Cannot create link", to, errno);
+    std::error_code ec;
+    const fs::file_status status = fs::symlink_status(from, ec);
+    if (ec) fail("Cannot read", from, ec);
+    if (fs::is_symlink(status)) {
+        fs::copy_symlink(from, to, ec);
+        if (ec) fail("Cannot create link", to, ec);
         return;
     }
-    if (!S_ISDIR(st.st_mode)) {
+    if (!fs::is_directory(status)) {
         copyFile(from, to, false);
         return;
     }
+    // Created writable; the source's permission bits and times follow once it is filled.
     if (::mkdir(to.c_str(), 0700) != 0) fail("Cannot create folder", to, errno);
     for (UrlIterator it(from); it.valid(); it.next()) copyTree(it.path(), pathJoin(to, it.name()));
-    ::chmod(to.c_str(), st.st_mode & 07777);
-    struct timespec times[2] = {st.st_atim, st.st_mtim};
-    ::utimensat(AT_FDCWD, to.c_str(), times, 0);
+    fs::permissions(to, status.permissions(), ec);
+    if (ec) fail("Cannot set the permissions of", to, ec);
+    struct stat st;
+    if (::stat(from.c_str(), &st) != 0) fail("Cannot read", from, errno);
+    if (int err = copyTimes(st, to)) fail("Cannot set the time of", to, err);
 }
 
 }  // namespace
@@ -309,18 +262,18 @@ bool isHiddenName(std::string_view path) {
 }
 
 bool exists(std::string_view url) {
-    struct stat st;
-    return ::stat(local(url).c_str(), &st) == 0;
+    std::error_code ec;
+    return fs::exists(local(url), ec);
 }
 
 bool isDirectory(std::string_view url) {
-    struct stat st;
-    return ::stat(local(url).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    std::error_code ec;
+    return fs::is_directory(local(url), ec);
 }
 
 bool isFile(std::string_view url) {
-    struct stat st;
-    return ::stat(local(url).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    std::error_code ec;
+    return fs::is_regular_file(local(url), ec);
 }
 
 UrlInfo getUrlInfo(std::string_view url) {
@@ -337,65 +290,57 @@ UrlInfo getUrlInfo(std::string_view url) {
 }
 
 uint64_t fileSize(std::string_view url) {
-    std::string path = local(url);
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) fail("Cannot examine", path, errno);
-    return static_cast<uint64_t>(st.st_size);
+    const std::string path = local(url);
+    std::error_code ec;
+    const uintmax_t size = fs::file_size(path, ec);
+    if (ec) fail("Cannot examine", path, ec);
+    return size;
 }
 
 bool createDirectoryFromUrl(std::string_view url) {
-    std::string path = normalizePathUnix(local(url));
+    const std::string path = normalizePathUnix(local(url));
     if (path.empty()) throw FilesystemException("Cannot create folder: empty path");
-    struct stat st;
-    if (::stat(path.c_str(), &st) == 0) {
-        if (S_ISDIR(st.st_mode)) return false;
-        fail("Cannot create folder", path, ENOTDIR);
-    }
-    std::string parent = parentPath(path);
-    if (!parent.empty() && parent != path) createDirectoryFromUrl(parent);
-    if (::mkdir(path.c_str(), 0777) != 0) {
-        int err = errno;
-        // Another thread or process may have made it in the meantime.
-        if (err == EEXIST && isDirectory(path)) return false;
-        fail("Cannot create folder", path, err);
-    }
-    return true;
+    // Also when another thread or process makes a part of it at the same time.
+    std::error_code ec;
+    const bool created = fs::create_directories(path, ec);
+    if (ec) fail("Cannot create folder", path, ec);
+    return created;
 }
 
 void moveUrl(std::string_view fromUrl, std::string_view toUrl, bool overwrite) {
-    std::string from = local(fromUrl), to = local(toUrl);
-    struct stat st;
-    if (::lstat(from.c_str(), &st) != 0) fail2("Cannot move", from, to, errno);
-    int rc;
+    const std::string from = local(fromUrl), to = local(toUrl);
+    std::error_code ec;
+    const fs::file_status status = fs::symlink_status(from, ec);
+    if (ec) fail2("Cannot move", from, to, ec);
     if (overwrite) {
-        rc = ::rename(from.c_str(), to.c_str());
-    } else {
-        rc = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-        if (rc != 0 && (errno == EINVAL || errno == ENOSYS || errno == ENOTSUP)) {
+        fs::rename(from, to, ec);
+    } else if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+        // std::filesystem has no rename that refuses an existing target.
+        ec.assign(errno, std::system_category());
+        if (ec == std::errc::invalid_argument || ec == std::errc::function_not_supported ||
+            ec == std::errc::not_supported) {
             if (exists(to)) fail2("Cannot move", from, to, 0);
-            rc = ::rename(from.c_str(), to.c_str());
+            ec.clear();
+            fs::rename(from, to, ec);
         }
     }
-    if (rc == 0) return;
-    int err = errno;
-    if (err == EEXIST) fail2("Cannot move", from, to, 0);
-    if (err != EXDEV) fail2("Cannot move", from, to, err);
+    if (!ec) return;
+    if (ec == std::errc::file_exists) fail2("Cannot move", from, to, 0);
+    if (ec != std::errc::cross_device_link) fail2("Cannot move", from, to, ec);
 
-    if (S_ISDIR(st.st_mode)) {
+    // Across file systems: copy, then remove the source.
+    if (fs::is_directory(status)) {
         if (exists(to)) fail2("Cannot move", from, to, overwrite ? ENOTEMPTY : 0);
         try {
             copyTree(from, to);
         } catch (const FilesystemException& e) {
-            try {
-                removeAll(to);
-            } catch (const FilesystemException&) {
-            }
+            fs::remove_all(to, ec);
             throw FilesystemException("Cannot move '" + from + "' to '" + to + "': " + e.message());
         }
         removeAll(from);
     } else {
         copyFile(from, to, overwrite);
-        if (::unlink(from.c_str()) != 0) fail("Moved but cannot remove source", from, errno);
+        if (!fs::remove(from, ec) && ec) fail("Moved but cannot remove source", from, ec);
     }
 }
 
@@ -424,54 +369,31 @@ void setLastWriteTime(std::string_view url, const time::Timestamp& t) {
 }
 
 bool removeFile(std::string_view url) {
-    std::string path = local(url);
-    if (::remove(path.c_str()) == 0) return true;
-    if (errno == ENOENT) return false;
-    fail("Cannot remove", path, errno);
+    const std::string path = local(url);
+    std::error_code ec;
+    const bool removed = fs::remove(path, ec);
+    if (ec) fail("Cannot remove", path, ec);
+    return removed;
 }
 
 uint64_t removeAll(std::string_view url) {
-    std::string path = local(url);
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0) {
-        if (errno == ENOENT) return 0;
-        fail("Cannot remove", path, errno);
-    }
-    uint64_t count = 0;
-    if (S_ISDIR(st.st_mode)) {
-        for (UrlIterator it(path); it.valid(); it.next()) count += removeAll(it.path());
-        if (::rmdir(path.c_str()) != 0) fail("Cannot remove", path, errno);
-    } else if (::unlink(path.c_str()) != 0) {
-        fail("Cannot remove", path, errno);
-    }
-    return count + 1;
+    const std::string path = local(url);
+    std::error_code ec;
+    const uintmax_t count = fs::remove_all(path, ec);
+    if (ec) fail("Cannot remove", path, ec);
+    return count;
 }
 
 UrlIterator::UrlIterator(std::string_view folderUrl) : _folder(local(folderUrl)) {
-    DIR* dir = ::opendir(_folder.c_str());
-    if (!dir) fail("Cannot list folder", _folder, errno);
-    int dirFd = ::dirfd(dir);
-    for (;;) {
-        errno = 0;
-        struct dirent* e = ::readdir(dir);
-        if (!e) {
-            int err = errno;
-            ::closedir(dir);
-            if (err != 0) fail("Cannot list folder", _folder, err);
-            break;
-        }
-        std::string_view name(e->d_name);
-        if (name == "." || name == "..") continue;
-        Entry entry{std::string(name), e->d_type == DT_DIR, e->d_type == DT_LNK};
-        if (e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) {
-            struct stat st;
-            if (e->d_type == DT_UNKNOWN &&
-                ::fstatat(dirFd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0)
-                entry.isSymlink = S_ISLNK(st.st_mode);
-            if (::fstatat(dirFd, e->d_name, &st, 0) == 0) entry.isDirectory = S_ISDIR(st.st_mode);
-        }
-        _entries.push_back(std::move(entry));
+    std::error_code ec;
+    for (fs::directory_iterator it(_folder, ec), end; !ec && it != end; it.increment(ec)) {
+        // The entry's type comes with the listing where the file system gives it; a link is
+        // followed for isDirectory (a broken link is no folder).
+        std::error_code ignored;
+        _entries.push_back(
+            {it->path().filename().string(), it->is_directory(ignored), it->is_symlink(ignored)});
     }
+    if (ec) fail("Cannot list folder", _folder, ec);
     std::sort(_entries.begin(), _entries.end(),
               [](const Entry& a, const Entry& b) { return a.name < b.name; });
 }

@@ -1,6 +1,6 @@
 #pragma once
-// Path and URL helpers over POSIX: text operations on paths (normalisation, joining, parts) and
-// file operations (directories, move, copy, times, iteration).
+// Path and URL helpers: text operations on paths (normalisation, joining, parts) and file
+// operations (directories, move, copy, times, iteration) on std::filesystem and POSIX.
 //
 // Paths are UTF-8 text. Functions that take a "url" accept a "file:" URL
 // ("file:///home/x/a%20b.jpg") or a plain path. Text functions are pure and never throw; file
@@ -77,7 +77,7 @@ struct UrlInfo {
 // the rest zero. Never throws.
 UrlInfo getUrlInfo(std::string_view url);
 
-// Size of a file in bytes. Throws FilesystemException when it cannot be examined.
+// Size of a file in bytes. Throws FilesystemException when it cannot be examined or is a folder.
 uint64_t fileSize(std::string_view url);
 
 // Creates a folder and any missing parents (mkdir -p, mode 0777 before the umask). Returns true
@@ -108,7 +108,8 @@ void setLastWriteTime(std::string_view url, const time::Timestamp& t);
 // Throws FilesystemException on other failures.
 bool removeFile(std::string_view url);
 // Removes a file or a folder with everything below it; symbolic links are removed, not followed.
-// Returns the number of entries removed. Throws FilesystemException on the first failure.
+// Returns the number of entries removed. Stops at the first failure and throws
+// FilesystemException naming `url` and the reason; what was removed until then stays removed.
 uint64_t removeAll(std::string_view url);
 
 // The entries of one folder, "." and ".." left out, sorted by name (byte order) so that walks are

@@ -9,47 +9,8 @@ namespace qor::time {
 namespace {
 
 constexpr int64_t kUsPerSecond = 1000000;
-constexpr int64_t kUsPerDay = 86400 * kUsPerSecond;
 
-// Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's days_from_civil).
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
-    y -= m <= 2;
-    const int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const unsigned yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-struct Civil {
-    int64_t year;
-    unsigned month, day;
-};
-
-Civil civilFromDays(int64_t z) {
-    z += 719468;
-    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const unsigned doe = static_cast<unsigned>(z - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    const unsigned d = doy - (153 * mp + 2) / 5 + 1;
-    const unsigned m = mp < 10 ? mp + 3 : mp - 9;
-    return {static_cast<int64_t>(yoe) + era * 400 + (m <= 2), m, d};
-}
-
-bool isLeap(int y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
-
-int daysInMonth(int y, int m) {
-    static const int days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    return m == 2 && isLeap(y) ? 29 : days[m - 1];
-}
-
-int64_t floorDiv(int64_t a, int64_t b) {
-    int64_t q = a / b;
-    if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
-    return q;
-}
+using Micros = std::chrono::sys_time<std::chrono::microseconds>;
 
 // A cursor over the text being parsed.
 struct Reader {
@@ -143,13 +104,18 @@ Timestamp Timestamp::fromSeconds(double seconds) {
 
 Timestamp Timestamp::fromFields(int year, int month, int day, int hour, int minute, int second,
                                 int microsecond) {
-    if (year < 1 || year > 9999 || month < 1 || month > 12 || day < 1 ||
-        day > daysInMonth(year, month) || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
-        second < 0 || second > 59 || microsecond < 0 || microsecond >= kUsPerSecond)
+    using namespace std::chrono;
+    if (year < 1 || year > 9999 || month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 ||
+        hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59 || microsecond < 0 ||
+        microsecond >= kUsPerSecond)
         return Timestamp();
-    int64_t days = daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
-    int64_t secs = static_cast<int64_t>(hour) * 3600 + minute * 60 + second;
-    return Timestamp(days * kUsPerDay + secs * kUsPerSecond + microsecond);
+    // Proleptic Gregorian calendar; ok() checks the day against the month and leap years.
+    const year_month_day date{std::chrono::year(year), std::chrono::month(unsigned(month)),
+                              std::chrono::day(unsigned(day))};
+    if (!date.ok()) return Timestamp();
+    const Micros t = sys_days(date) + hours(hour) + minutes(minute) + seconds(second) +
+                     std::chrono::microseconds(microsecond);
+    return Timestamp(t.time_since_epoch().count());
 }
 
 Timestamp Timestamp::fromMetaString(std::string_view text) {
@@ -166,7 +132,8 @@ bool Timestamp::fromString(std::string_view text, Timestamp& out) { return parse
 
 time_t Timestamp::toTime_t() const {
     if (isNull()) return 0;
-    return static_cast<time_t>(floorDiv(_us, kUsPerSecond));
+    return static_cast<time_t>(
+        std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(_us)).count());
 }
 
 double Timestamp::toSeconds() const { return isNull() ? 0.0 : static_cast<double>(_us) / 1e6; }
@@ -174,23 +141,26 @@ double Timestamp::toSeconds() const { return isNull() ? 0.0 : static_cast<double
 namespace {
 
 struct Fields {
-    int64_t year;
+    int year;
     unsigned month, day;
-    int hour, minute, second, micro;
+    long hour, minute, second, micro;
 };
 
+// The calendar's years run from -32767 to 32767: a value beyond them (which no parser makes)
+// comes out with a wrong year.
 Fields fieldsOf(int64_t us) {
-    int64_t days = floorDiv(us, kUsPerDay);
-    int64_t rest = us - days * kUsPerDay;
-    Civil c = civilFromDays(days);
-    int64_t secs = rest / kUsPerSecond;
-    return {c.year,
-            c.month,
-            c.day,
-            static_cast<int>(secs / 3600),
-            static_cast<int>(secs / 60 % 60),
-            static_cast<int>(secs % 60),
-            static_cast<int>(rest % kUsPerSecond)};
+    using namespace std::chrono;
+    const Micros t{microseconds(us)};
+    const sys_days day = floor<days>(t);
+    const year_month_day date(day);
+    const hh_mm_ss<microseconds> time(t - day);
+    return {int(date.year()),
+            unsigned(date.month()),
+            unsigned(date.day()),
+            long(time.hours().count()),
+            long(time.minutes().count()),
+            long(time.seconds().count()),
+            long(time.subseconds().count())};
 }
 
 }  // namespace
@@ -199,9 +169,8 @@ std::string Timestamp::toString() const {
     if (isNull()) return std::string();
     Fields f = fieldsOf(_us);
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%04lld-%02u-%02uT%02d:%02d:%02d.%06dZ",
-                  static_cast<long long>(f.year), f.month, f.day, f.hour, f.minute, f.second,
-                  f.micro);
+    std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02ld:%02ld:%02ld.%06ldZ", f.year, f.month,
+                  f.day, f.hour, f.minute, f.second, f.micro);
     return buf;
 }
 
@@ -209,8 +178,8 @@ std::string Timestamp::toMetaString() const {
     if (isNull()) return std::string();
     Fields f = fieldsOf(_us);
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%04lld:%02u:%02u %02d:%02d:%02d",
-                  static_cast<long long>(f.year), f.month, f.day, f.hour, f.minute, f.second);
+    std::snprintf(buf, sizeof buf, "%04d:%02u:%02u %02ld:%02ld:%02ld", f.year, f.month, f.day,
+                  f.hour, f.minute, f.second);
     return buf;
 }
 

@@ -1,7 +1,14 @@
 #include "imageio/decoders/detail/ImageResize.h"
 
+extern "C" {
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
 #include <algorithm>
-#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <new>
 #include <vector>
 
 #include "imageio/ImageScaling.h"
@@ -41,49 +48,59 @@ void unpremultiply(Rgba8& image) {
     }
 }
 
-// One axis of a bilinear enlargement: for target index t, the two source indices and the weight
-// of the second. Pixel centres line up: target t samples source (t + 0.5) * source / target - 0.5.
-struct Axis {
-    std::vector<int> first, second;
-    std::vector<float> weight;
+struct ScalerDeleter {
+    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
 
-    Axis(int source, int target) : first(target), second(target), weight(target) {
-        const double scale = double(source) / target;
-        for (int t = 0; t < target; ++t) {
-            const double s = std::clamp((t + 0.5) * scale - 0.5, 0.0, double(source - 1));
-            first[t] = int(s);
-            second[t] = std::min(source - 1, first[t] + 1);
-            weight[t] = float(s - first[t]);
-        }
+// Four 16-bit planes of one image: colour times alpha for R, G and B, and alpha times 255, each
+// at most 255 * 255, so that premultiplying loses nothing. Rows are padded to 64 bytes, which
+// libswscale's vector code wants.
+struct Planes {
+    int width, height;
+    ptrdiff_t stride;  // in samples
+    std::vector<uint16_t> samples;
+
+    Planes(int w, int h)
+        : width(w), height(h), stride((w + 31) / 32 * 32), samples(size_t(stride) * h * 4) {}
+    uint16_t* row(int plane, int y) {
+        return samples.data() + (size_t(plane) * height + y) * stride;
     }
 };
 
-SharedPtr<Rgba8> enlargeBilinear(const Rgba8& source, int width, int height) {
-    const Axis xs(source.width(), width);
-    const Axis ys(source.height(), height);
+SharedPtr<Rgba8> scaleWithSwscale(const Rgba8& source, int width, int height) {
+    // SWS_AREA: an area average where a side shrinks, bilinear where it grows. Grey planes are
+    // scaled as they are, with no conversion through another colour space.
+    std::unique_ptr<SwsContext, ScalerDeleter> scaler(
+        sws_getContext(source.width(), source.height(), AV_PIX_FMT_GRAY16, width, height,
+                       AV_PIX_FMT_GRAY16, SWS_AREA, nullptr, nullptr, nullptr));
+    if (!scaler) throw std::bad_alloc();
+
+    Planes in(source.width(), source.height());
+    for (int y = 0; y < in.height; ++y) {
+        const unsigned char* p = source.row(y);
+        uint16_t* rows[4] = {in.row(0, y), in.row(1, y), in.row(2, y), in.row(3, y)};
+        for (int x = 0; x < in.width; ++x, p += 4) {
+            for (int c = 0; c < 3; ++c) rows[c][x] = uint16_t(p[c] * p[3]);
+            rows[3][x] = uint16_t(p[3] * 255);
+        }
+    }
+    Planes out(width, height);
+    for (int plane = 0; plane < 4; ++plane) {
+        const uint8_t* const from[1] = {reinterpret_cast<const uint8_t*>(in.row(plane, 0))};
+        uint8_t* const to[1] = {reinterpret_cast<uint8_t*>(out.row(plane, 0))};
+        const int fromStride[1] = {int(in.stride * 2)}, toStride[1] = {int(out.stride * 2)};
+        sws_scale(scaler.get(), from, fromStride, 0, in.height, to, toStride);
+    }
+
     SharedPtr<Rgba8> result = Rgba8::create(width, height);
     for (int y = 0; y < height; ++y) {
-        const unsigned char* rows[2] = {source.row(ys.first[y]), source.row(ys.second[y])};
-        const float wy[2] = {1 - ys.weight[y], ys.weight[y]};
-        unsigned char* out = result->row(y);
-        for (int x = 0; x < width; ++x) {
-            const int columns[2] = {xs.first[x] * 4, xs.second[x] * 4};
-            const float wx[2] = {1 - xs.weight[x], xs.weight[x]};
-            float acc[4] = {0, 0, 0, 0};
-            for (int j = 0; j < 2; ++j)
-                for (int i = 0; i < 2; ++i) {
-                    const unsigned char* p = rows[j] + columns[i];
-                    const float w = wy[j] * wx[i] * p[3];
-                    acc[0] += w * p[0];
-                    acc[1] += w * p[1];
-                    acc[2] += w * p[2];
-                    acc[3] += w;
-                }
-            const float unpremultiply = acc[3] > 0 ? 1.0f / acc[3] : 0.0f;
+        unsigned char* p = result->row(y);
+        const uint16_t* rows[4] = {out.row(0, y), out.row(1, y), out.row(2, y), out.row(3, y)};
+        for (int x = 0; x < width; ++x, p += 4) {
+            const int alpha = rows[3][x];
             for (int c = 0; c < 3; ++c)
-                out[x * 4 + c] = static_cast<unsigned char>(
-                    std::clamp(std::lround(acc[c] * unpremultiply), 0L, 255L));
-            out[x * 4 + 3] = static_cast<unsigned char>(std::clamp(std::lround(acc[3]), 0L, 255L));
+                p[c] = alpha ? uint8_t(std::min(255, (rows[c][x] * 255 + alpha / 2) / alpha)) : 0;
+            p[3] = uint8_t(std::min(255, (alpha + 127) / 255));
         }
     }
     return result;
@@ -93,7 +110,7 @@ SharedPtr<Rgba8> enlargeBilinear(const Rgba8& source, int width, int height) {
 
 SharedPtr<Rgba8> resizeRgba(SharedPtr<Rgba8> image, int width, int height) {
     if (width > image->width() || height > image->height())
-        return enlargeBilinear(*image, width, height);
+        return scaleWithSwscale(*image, width, height);
     const bool translucent = !opaque(*image);
     if (translucent) premultiply(*image);
     SharedPtr<Rgba8> result =
