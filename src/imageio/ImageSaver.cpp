@@ -18,8 +18,7 @@ using imaging::RawPixelFormat;
 using thread::Mutex;
 
 namespace {
-const char* const kLostTilesMessage =
-    "terminating tile callback without having computed all tiles";
+const char* const kLostTilesMessage = "terminating tile callback without having computed all tiles";
 }  // namespace
 
 // Tile callbacks hold the gate, not the saver: the destructor closes it, and a callback that
@@ -183,8 +182,9 @@ void ImageSaver::saveImpl(const String& path, RawPixelFormat format, IImageSaver
     // throw, but the file is not written: the caller hears of it here rather than only through
     // status().
     if (state == SaveFailed)
-        throw ImageSaverException("ImageSaver::save(): the image changed while it was being "
-                                  "saved to " + std::string(path.view()));
+        throw ImageSaverException(
+            "ImageSaver::save(): the image changed while it was being saved to " +
+            std::string(path.view()));
 }
 
 void ImageSaver::initUnlocked() {

@@ -63,9 +63,7 @@ private:
     const imaging::TileLayout _layout;
 };
 
-bool folderIsEmpty(const TempFolder& folder) {
-    return std::filesystem::is_empty(folder.path());
-}
+bool folderIsEmpty(const TempFolder& folder) { return std::filesystem::is_empty(folder.path()); }
 
 TEST(ImageSaver, TilesLostAtTheEndOfTheRequestFailTheSaveWithTheirMessage) {
     TempFolder folder;
@@ -82,7 +80,8 @@ TEST(ImageSaver, TilesLostAtTheEndOfTheRequestFailTheSaveWithTheirMessage) {
     }
     EXPECT_EQ(saver.status(), ImageSaver::SaveFailed);
     EXPECT_TRUE(saver.finished());
-    EXPECT_TRUE(log.contains("image size is (96,96) pixels. in tiles (3,3). tile size is (32,32)."));
+    EXPECT_TRUE(
+        log.contains("image size is (96,96) pixels. in tiles (3,3). tile size is (32,32)."));
     EXPECT_TRUE(log.contains("row 1 has 1 unfinished tiles."));
     EXPECT_TRUE(log.contains("row 2 has 0 unfinished tiles."));
     // The saver's own assertion, and none from the pipeline: the callback threw nothing.
