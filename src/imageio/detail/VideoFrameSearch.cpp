@@ -68,6 +68,8 @@ public:
     }
 
     VideoFrame take() { return _found ? std::move(_frame) : std::move(_last); }
+    // False when the first frame could not be allocated.
+    bool allocated() const { return bool(_frame); }
 
 private:
     const VideoCodecCalls& _calls;
@@ -84,7 +86,7 @@ VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t ta
     error = AVERROR_EOF;
     Packet packet(av_packet_alloc());
     FrameSearch search(calls, target, error);
-    if (!packet) {
+    if (!packet || !search.allocated()) {
         error = AVERROR(ENOMEM);
         return nullptr;
     }
