@@ -38,6 +38,10 @@ imaging::TileLayout layoutFor(const ImageIOImageSourceBase::ConstructionParam& p
 
 // The colour conversion of each tile from the file's profile to the common one, in the tiles'
 // own format; empty when there is nothing to convert.
+// The transform is built for `format`, not for 8-bit RGBA always: the loader's source delivers
+// its tiles in the source's format, which may be 16-bit or float, and a transform made for 8-bit
+// samples cannot convert those (their 8-bit view is null, so the picture would silently stay in
+// the file's colour space, or be misread). For an 8-bit RGBA source the two are the same.
 ImageLoader::PostProcess colourPostProcess(const SharedPtr<ColorProfile>& imageProfile,
                                            const SharedPtr<ColorProfile>& commonProfile,
                                            RawPixelFormat format) {

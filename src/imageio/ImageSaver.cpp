@@ -17,6 +17,10 @@ using imaging::ImagingException;
 using imaging::RawPixelFormat;
 using thread::Mutex;
 
+namespace {
+const char* const kLostTilesMessage = "terminating tile callback without having computed all tiles";
+}  // namespace
+
 // Tile callbacks hold the gate, not the saver: the destructor closes it, and a callback that
 // arrives later finds nobody. Lock order: the gate's mutex, then the saver's.
 struct ImageSaver::CallbackGate {
@@ -127,7 +131,9 @@ void ImageSaver::saveImpl(const String& path, RawPixelFormat format, IImageSaver
         _done = false;
     }
     const auto started = std::chrono::steady_clock::now();
-    startTask();
+    // Each row loop starts the request first thing, so that a format without one computes no
+    // tiles.
+    bool knownFormat = true;
     switch (format) {
 #define QOR_SAVER_CASE(F) \
     case imaging::F: rowLoop<imaging::F>(path, *saver); break;
@@ -140,35 +146,45 @@ void ImageSaver::saveImpl(const String& path, RawPixelFormat format, IImageSaver
         QOR_SAVER_CASE(PfRGBA16F)
         QOR_SAVER_CASE(PfRGBA32F)
 #undef QOR_SAVER_CASE
-        default: {
-            QOR_ASSERT_TEXT(false, "false");
-            {
-                ScopedLock<Mutex> lock(_mutex);
-                _ok = false;
-            }
-            endSave(true);
-            throw ImageSaverException("ImageSaver::save(): cannot save pixels of format " +
-                                      std::string(imaging::pixelFormatString(format).view()));
-        }
+        default: knownFormat = false;
+    }
+    if (!knownFormat) {
+        // A format with no row loop is the caller's mistake: asserted, and the save ends failed
+        // without an exception, as no tile or module has failed.
+        QOR_ASSERT_TEXT(false, "false");
+        ScopedLock<Mutex> lock(_mutex);
+        _ok = false;
+        _saveState = SaveFailed;
+        ++_generation;
+        _done = true;
+        _condition.notifyAll();
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     imaging::ErrorDescription error;
     bool ok = false;
+    bool lostTiles = false;
     SaveStatus state = SaveIdle;
     {
         ScopedLock<Mutex> lock(_mutex);
         error = _error;
         ok = _ok;
+        lostTiles = _lostTiles;
         state = _saveState;
     }
     QOR_LOG(LogDebug, "Finished saving full image. status = %* time = %*", ok, seconds);
+    if (!knownFormat) return;
     if (error.errorOccurred)
         throw ImagingException(error.type, std::string(error.message.view()),
                                std::string(logSourcePath(__FILE__)));
+    if (lostTiles) throw ImageSaverException(kLostTilesMessage);
+    // A request that ended because the image changed under it (Outdated) carries no error to
+    // throw, but the file is not written: the caller hears of it here rather than only through
+    // status().
     if (state == SaveFailed)
-        throw ImageSaverException("ImageSaver::save(): the image changed or its tiles were lost "
-                                  "while it was being saved to " + std::string(path.view()));
+        throw ImageSaverException(
+            "ImageSaver::save(): the image changed while it was being saved to " +
+            std::string(path.view()));
 }
 
 void ImageSaver::initUnlocked() {
@@ -180,6 +196,7 @@ void ImageSaver::initUnlocked() {
     _ok = true;
     _cancelled = false;
     _error = imaging::ErrorDescription();
+    _lostTiles = false;
     ++_generation;
     _imageRect = math::Recti(math::GenVec<int, 2>(0, 0), _image->size());
     _layout = _image->tileLayout();
@@ -263,9 +280,10 @@ void ImageSaver::tileNotify(unsigned generation, const ComputedTileInfo& cti) {
                 std::any_of(_tileArrayRows.begin(), _tileArrayRows.end(), [](int n) { return n; });
             // Tiles of rows the writer has already passed are counted down to 0 as well.
             if (unfinished) {
+                // Recorded, not thrown: the callback runs on a pipeline thread, and the saving
+                // thread throws it once the request has ended (saveImpl).
                 QOR_ASSERT_TEXT(false, "!(*it)");
-                const char* first = "terminating tile callback without having computed all tiles";
-                QOR_LOG(LogError, "%*", first);
+                QOR_LOG(LogError, "%*", kLostTilesMessage);
                 QOR_LOG(LogError,
                         "image size is (%*,%*) pixels. in tiles (%*,%*). tile size is (%*,%*).",
                         _imageRect.width(), _imageRect.height(), _layout.tileCount.x,
@@ -273,10 +291,11 @@ void ImageSaver::tileNotify(unsigned generation, const ComputedTileInfo& cti) {
                 for (size_t row = 0; row < _tileArrayRows.size(); ++row)
                     QOR_LOG(LogError, "row %* has %* unfinished tiles.", row, _tileArrayRows[row]);
                 _ok = false;
-                _condition.notifyAll();
-                throw ImageSaverException(first);
+                _lostTiles = true;
+                _tileArray.assign(_tileArray.columns(), _tileArray.rows(), nullptr);
+            } else {
+                _allTilesDone = true;
             }
-            _allTilesDone = true;
         }
     } else {
         _ok = false;
@@ -329,6 +348,7 @@ void ImageSaver::rowLoop(const String& path, IImageSaver& saver) {
         width = _imageRect.width();
         height = _imageRect.height();
     }
+    startTask();
     std::vector<SharedPtr<const View>> rowImages(size_t(std::max(tilesPerRow, 0)));
     std::vector<Element> buffer(size_t(width) * N);
 

@@ -48,8 +48,10 @@ public:
 
     // Writes the image to `path` in `format` through the saver given at construction (or asserts
     // and fails without one). Blocks until the file is complete, cancelled or failed. Throws
-    // ImageSaverException (no saver, a second save at the same time, lost tiles, module errors)
-    // or ImagingException with the code and text of a failed tile.
+    // ImageSaverException (no saver, a second save at the same time, tiles lost at the end of the
+    // request, the image changed, module errors) or ImagingException with the code and text of a
+    // failed tile. A format with no row loop logs the assertion "false" and ends SaveFailed
+    // without an exception.
     void save(const String& path, imaging::RawPixelFormat format);
     void save(const String& path, imaging::RawPixelFormat format, IImageSaver& saver);
     void save4ub(const String& path);
@@ -112,6 +114,8 @@ private:
     int _currentTileRow = -1;
     SaveStatus _saveState QOR_GUARDED_BY(_mutex) = SaveIdle;
     imaging::ErrorDescription _error QOR_GUARDED_BY(_mutex);
+    // The request ended without delivering every tile; save() throws ImageSaverException.
+    bool _lostTiles QOR_GUARDED_BY(_mutex) = false;
     // Tiles of an earlier save that arrive late are told apart by the save's number.
     unsigned _generation QOR_GUARDED_BY(_mutex) = 0;
     // Lets tile callbacks that outlive this object find it gone.

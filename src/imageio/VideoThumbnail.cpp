@@ -18,6 +18,7 @@ extern "C" {
 
 #include "base/Log.h"
 #include "imageio/decoders/detail/DecodeSupport.h"
+#include "imageio/detail/VideoFrameSearch.h"
 
 namespace qor::imageio {
 
@@ -29,8 +30,6 @@ using detail::Rgba8Image;
 constexpr int kMaxThumbnailSide = 256;
 // The frame is taken at this time or at a tenth of the length, whichever is earlier.
 constexpr int64_t kThumbnailTime = AV_TIME_BASE;  // 1 second
-// Packets read after the seek before the last decoded frame is taken as it is.
-constexpr int kMaxPackets = 2000;
 
 // FFmpeg's warnings and errors go to our log at debug level; its chatter below that is dropped.
 void logFromFfmpeg(void* context, int level, const char* format, va_list arguments) {
@@ -54,19 +53,11 @@ struct InputClose {
 struct CodecFree {
     void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
 };
-struct FrameFree {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
 struct ScalerFree {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
 using Input = std::unique_ptr<AVFormatContext, InputClose>;
 using Codec = std::unique_ptr<AVCodecContext, CodecFree>;
-using Frame = std::unique_ptr<AVFrame, FrameFree>;
-using Packet = std::unique_ptr<AVPacket, PacketFree>;
 using Scaler = std::unique_ptr<SwsContext, ScalerFree>;
 
 // FFmpeg takes a location as a URL; a plain path goes through its file protocol, so that no name
@@ -97,54 +88,6 @@ int64_t thumbnailTime(const AVFormatContext* input, const AVStream* stream) {
     const int64_t at = std::min(kThumbnailTime, length / 10);
     const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
     return start + av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
-}
-
-// Decodes frames from the read position on until one lies at or after `target` (any frame when
-// `target` is AV_NOPTS_VALUE). At the end of the file, or after kMaxPackets packets, the last
-// frame decoded is taken. Null when no frame decodes; `error` then holds FFmpeg's last error.
-Frame decodeFrameAt(AVFormatContext* input, AVCodecContext* codec, int streamIndex, int64_t target,
-                    int& error) {
-    Packet packet(av_packet_alloc());
-    Frame frame(av_frame_alloc());
-    Frame last;
-    if (!packet || !frame) {
-        error = AVERROR(ENOMEM);
-        return nullptr;
-    }
-    error = AVERROR_EOF;
-    bool draining = false;
-    for (int packets = 0; packets < kMaxPackets;) {
-        if (!draining) {
-            const int read = av_read_frame(input, packet.get());
-            if (read < 0) {
-                draining = true;
-                avcodec_send_packet(codec, nullptr);
-            } else {
-                const bool ours = packet->stream_index == streamIndex;
-                if (ours) {
-                    ++packets;
-                    const int sent = avcodec_send_packet(codec, packet.get());
-                    if (sent < 0 && sent != AVERROR(EAGAIN)) error = sent;
-                }
-                av_packet_unref(packet.get());
-                if (!ours) continue;
-            }
-        }
-        for (;;) {
-            const int received = avcodec_receive_frame(codec, frame.get());
-            if (received == AVERROR(EAGAIN)) break;
-            if (received < 0) {
-                if (received != AVERROR_EOF) error = received;
-                return last;
-            }
-            const int64_t time = frame->best_effort_timestamp;
-            if (target == AV_NOPTS_VALUE || time == AV_NOPTS_VALUE || time >= target) return frame;
-            last = std::move(frame);
-            frame.reset(av_frame_alloc());
-            if (!frame) return last;
-        }
-    }
-    return last;
 }
 
 // `image` turned clockwise by `turns` quarter turns.
@@ -233,13 +176,19 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     else
         error = codec ? avcodec_parameters_to_context(codec.get(), parameters) : AVERROR(ENOMEM);
     if (error >= 0) error = avcodec_open2(codec.get(), decoder, nullptr);
-    Frame frame;
+    detail::VideoFrame frame;
     if (error >= 0) {
         const int64_t target = thumbnailTime(input.get(), stream);
         if (target != AV_NOPTS_VALUE &&
             av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
             av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
-        frame = decodeFrameAt(input.get(), codec.get(), streamIndex, target, error);
+        AVFormatContext* file = input.get();
+        AVCodecContext* decoding = codec.get();
+        const detail::VideoCodecCalls calls{
+            [file](AVPacket* packet) { return av_read_frame(file, packet); },
+            [decoding](const AVPacket* packet) { return avcodec_send_packet(decoding, packet); },
+            [decoding](AVFrame* out) { return avcodec_receive_frame(decoding, out); }};
+        frame = detail::findFrameAt(calls, streamIndex, target, error);
     }
     SharedPtr<Rgba8Image> thumbnail;
     if (frame) {

@@ -10,12 +10,11 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <random>
 #include <thread>
 
-#include "TestJpeg.h"
+#include "CodecTestSupport.h"
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
@@ -644,10 +643,8 @@ TEST(DecoderThreads, ConcurrentDecodesMatchSequentialOnes) {
             for (int round = 0; round < 5; ++round) {
                 const size_t i = size_t(t + round) % paths.size();
                 const ImageOut got = decode(paths[i], Vec(13, 13)).image;
-                if (!got || got->width() != expected[i]->width() ||
-                    std::memcmp(got->data(), expected[i]->data(),
-                                got->byteStride() * size_t(got->height())) != 0)
-                    ++mismatches;
+                // Pixels only: the padding at the end of each row is never written.
+                if (!got || testing::maxDifference(*got, *expected[i]) != 0) ++mismatches;
             }
         });
     }

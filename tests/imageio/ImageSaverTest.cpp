@@ -141,7 +141,12 @@ TEST(ExportData, ServesRowsAndDropsTheFourthChannelForThreeChannelRequests) {
     ASSERT_TRUE(rgb);
     for (int x = 0; x < 3; ++x)
         for (int c = 0; c < 3; ++c) EXPECT_EQ(rgb[3 * x + c], pixel(x, 1, c));
-    EXPECT_FALSE(rows.getRow(12, DtRGB16, Recti(0, 1, 3, 1))) << "2-byte rows from 1-byte pixels";
+    {
+        LogCapture log;
+        EXPECT_FALSE(rows.getRow(12, DtRGB16, Recti(0, 1, 3, 1)))
+            << "2-byte rows from 1-byte pixels";
+        EXPECT_EQ(log.assertions("rowBytes == _size.x * bytes * chan"), 1u);
+    }
     EXPECT_EQ(moduleChannels(DtRGBA16F), 4);
     EXPECT_EQ(moduleBytesPerChannel(DtRGB32F), 4);
     EXPECT_EQ(moduleDataType(imaging::PfRGB16F), DtRGB16F);
@@ -352,8 +357,12 @@ TEST(ImageSaver, TileErrorReachesTheCallerAndLeavesNoFile) {
     EXPECT_EQ(strayFiles(folder), 0);
 
     ImageSaver none(Image::create(source), nullptr);
+    LogCapture log;
     EXPECT_THROW(none.save(FastString<char>(path), imaging::PfRGB8), ImageSaverException);
     EXPECT_EQ(none.status(), ImageSaver::SaveFailed);
+    EXPECT_EQ(log.assertions("ImageSaver needs update of your code, please look at ImageSaver.cpp/.h"),
+              1u);
+    EXPECT_EQ(log.assertions("saver"), 1u);
 }
 
 // Files of this process may grow to `bytes` while it lives: a write past that fails with EFBIG,
@@ -429,11 +438,16 @@ TEST(ImageSaverThreads, CancelAndASecondSaveDuringARun) {
     ASSERT_TRUE(source->waitHeld());
     EXPECT_EQ(saver.status(), ImageSaver::Running);
     EXPECT_FALSE(saver.finished());
-    try {
-        saver.save(FastString<char>(folder.path() + "/second.tif"), imaging::PfRGB8);
-        ADD_FAILURE() << "a second save ran";
-    } catch (const ImageSaverException& e) {
-        EXPECT_STREQ(e.what(), "ImageSaver::save() asynchronous call!");
+    {
+        LogCapture log;
+        try {
+            saver.save(FastString<char>(folder.path() + "/second.tif"), imaging::PfRGB8);
+            ADD_FAILURE() << "a second save ran";
+        } catch (const ImageSaverException& e) {
+            EXPECT_STREQ(e.what(), "ImageSaver::save() asynchronous call!");
+        }
+        EXPECT_EQ(log.assertions("_saveState != Running"), 1u);
+        EXPECT_TRUE(log.contains("Looks like ImageSaver is used multiple times!"));
     }
     EXPECT_EQ(saver.status(), ImageSaver::Running) << "the first save goes on";
     saver.cancel();

@@ -18,7 +18,48 @@ const JOCTET EndOfImage[2] = {0xFF, JPEG_EOI};
     std::longjmp(reinterpret_cast<JpegErrorManager*>(object->err)->jump, 1);
 }
 
-void outputMessage(j_common_ptr object) { QOR_LOG(LogDebug, "libjpeg: %*", jpegMessage(object)); }
+// Every callback below is called by libjpeg, whose C frames an exception must never cross: they
+// catch whatever the file throws, log without throwing, and report through libjpeg's own error
+// path (error_exit, a long jump) or by ending the input.
+
+// Logs `text`, or `format` with the file's name and `what`; a failure of the log itself (no
+// memory) is dropped.
+void logNoThrow(int level, const char* text) noexcept {
+    try {
+        QOR_LOG(level, text);
+    } catch (...) {
+    }
+}
+
+void logNoThrow(int level, const char* format, const RandomAccessFile& file,
+                const char* what) noexcept {
+    try {
+        QOR_LOG(level, format, file.name(), what);
+    } catch (...) {
+    }
+}
+
+// Runs `io` on `file`: true when it returned, false when it threw, after logging `format` with the
+// file's name and the error's text.
+template <class Io>
+bool guardedIo(const RandomAccessFile& file, const char* format, Io&& io) noexcept {
+    try {
+        io();
+        return true;
+    } catch (const std::exception& e) {
+        logNoThrow(LogError, format, file, e.what());
+    } catch (...) {
+        logNoThrow(LogError, format, file, "unknown exception");
+    }
+    return false;
+}
+
+void outputMessage(j_common_ptr object) noexcept {
+    try {
+        QOR_LOG(LogDebug, "libjpeg: %*", jpegMessage(object));
+    } catch (...) {
+    }
+}
 
 // Allocates a T from the object's permanent pool; it goes with the object.
 template <class T>
@@ -42,15 +83,13 @@ void rafTermSource(j_decompress_ptr) {}
 boolean rafFillInputBuffer(j_decompress_ptr cinfo) {
     RafSource* src = reinterpret_cast<RafSource*>(cinfo->src);
     size_t got = 0;
-    try {
-        if (src->position < src->file->size())
-            got = src->file->readAt(src->position, src->buffer, JpegFileBufferSize);
-    } catch (const std::exception& e) {
-        QOR_LOG(LogError, "JpegLib: When reading from: %*, Error: %*", src->file->name(), e.what());
+    if (!guardedIo(*src->file, "JpegLib: When reading from: %*, Error: %*", [src, &got] {
+            if (src->position < src->file->size())
+                got = src->file->readAt(src->position, src->buffer, JpegFileBufferSize);
+        }))
         got = 0;
-    }
     if (got == 0) {
-        QOR_LOG(LogWarning, "raf_fill_input_buffer: Premature end of file");
+        logNoThrow(LogWarning, "raf_fill_input_buffer: Premature end of file");
         src->pub.next_input_byte = EndOfImage;
         src->pub.bytes_in_buffer = sizeof EndOfImage;
         return TRUE;
@@ -116,31 +155,28 @@ void rafInitDestination(j_compress_ptr cinfo) {
 }
 
 // Writes the first `count` bytes of the buffer; raises a libjpeg error when that is impossible.
-// The error is raised outside the catch block, so that no exception object is alive during the
-// long jump.
+// The error is raised after guardedIo has returned, so that no exception object is alive during
+// the long jump.
 void rafWriteBlock(j_compress_ptr cinfo, size_t count) {
     RafDestination* dst = reinterpret_cast<RafDestination*>(cinfo->dest);
     if (count == 0) return;
     bool tooSmall = false;
-    bool failed = false;
-    try {
-        if (dst->fixedSize) {
-            const uint64_t size = dst->file->size();
-            tooSmall = size < dst->position || size - dst->position < count;
-        }
-        if (!tooSmall) {
-            dst->file->writeAt(dst->position, dst->buffer, count);
-            dst->position += count;
-        }
-    } catch (const std::exception& e) {
-        QOR_LOG(LogError, "JpegLib: When writing to: %*, Error: %*", dst->file->name(), e.what());
-        failed = true;
-    }
+    const bool written =
+        guardedIo(*dst->file, "JpegLib: When writing to: %*, Error: %*", [dst, count, &tooSmall] {
+            if (dst->fixedSize) {
+                const uint64_t size = dst->file->size();
+                tooSmall = size < dst->position || size - dst->position < count;
+            }
+            if (!tooSmall) {
+                dst->file->writeAt(dst->position, dst->buffer, count);
+                dst->position += count;
+            }
+        });
     if (tooSmall) {
-        QOR_LOG(LogError, "libjpeg: File too small for saving jpeg");
+        logNoThrow(LogError, "libjpeg: File too small for saving jpeg");
         ERREXIT(cinfo, JERR_BUFFER_SIZE);
     }
-    if (failed) ERREXIT(cinfo, JERR_FILE_WRITE);
+    if (!written) ERREXIT(cinfo, JERR_FILE_WRITE);
 }
 
 boolean rafEmptyOutputBuffer(j_compress_ptr cinfo) {
@@ -165,7 +201,7 @@ struct MemDestination {
 };
 
 [[noreturn]] void memTooSmall(j_compress_ptr cinfo) {
-    QOR_LOG(LogError, "libjpeg: File too small for saving jpeg");
+    logNoThrow(LogError, "libjpeg: File too small for saving jpeg");
     ERREXIT(cinfo, JERR_BUFFER_SIZE);
     std::abort();  // ERREXIT does not return
 }

@@ -4,8 +4,9 @@
 //
 // Each source and destination is allocated from the libjpeg object's permanent pool, so it lives
 // exactly as long as the object; the file or memory it reads or writes belongs to the caller and
-// must outlive the object. The callbacks never throw: failures of the file are logged, and either
-// end the input (sources) or raise a libjpeg error (destinations).
+// must outlive the object. The callbacks never throw, whatever the file throws (a std::exception
+// or not): failures of the file are logged, and either end the input (sources) or raise a libjpeg
+// error (destinations).
 //
 // Long jumps: error_exit long-jumps to the jmp_buf of the JpegErrorManager. Code between setjmp
 // and a libjpeg call must hold no live object with a destructor in the frames that the jump

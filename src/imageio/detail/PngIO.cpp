@@ -3,7 +3,6 @@
 #include <png.h>
 
 #include <cstdlib>
-#include <exception>
 
 #include "base/Log.h"
 
@@ -11,17 +10,22 @@ namespace qor::imageio::detail {
 
 namespace {
 
-// png_error long-jumps out of here; nothing with a destructor is alive when it is called.
+// Called by libpng, whose C frames no exception may cross: whatever the file throws ends in
+// png_error. That long-jumps out of here; nothing with a destructor is alive when it is called.
 void qorPngRead(png_structp png, png_bytep data, png_size_t length) {
     PngInput* input = static_cast<PngInput*>(png_get_io_ptr(png));
     bool ok = false;
     try {
         ok = input->file && input->file->readAt(input->position, data, length) == length;
-    } catch (const std::exception&) {
+    } catch (...) {
         ok = false;
     }
     if (!ok) {
-        QOR_LOG(LogError, "Couldn't read from file '%*'", input->name);
+        try {
+            QOR_LOG(LogError, "Couldn't read from file '%*'", input->name);
+        } catch (...) {
+            // out of memory for the log line: the error below is what matters
+        }
         png_error(png, "Read error in qor_png_read_function");
     }
     input->position += length;
@@ -39,7 +43,11 @@ void qorPngRead(png_structp png, png_bytep data, png_size_t length) {
 
 void qorPngWarning(png_structp png, png_const_charp message) {
     PngInput* input = static_cast<PngInput*>(png_get_error_ptr(png));
-    QOR_LOG(LogDebug, "libpng: %* ('%*')", message ? message : "", input->name);
+    try {
+        QOR_LOG(LogDebug, "libpng: %* ('%*')", message ? message : "", input->name);
+    } catch (...) {
+        // a warning not logged for want of memory
+    }
 }
 
 // libpng's allocations: a request over kPngChunkMallocMax fails, which libpng turns into a
