@@ -306,8 +306,13 @@ TEST_F(ImageMemory, ClearLevelNeverFallsBelowZeroUnderConcurrentAllocations) {
     LogCapture log;  // each fall logs a line
     std::atomic<bool> stop{false};
     std::atomic<unsigned> highest{0};
+    // Stands for allocations that succeed on another thread (each stores the relaxed level) and a
+    // limit set again meanwhile (the level back at the limit).
     std::thread allocs([&] {
-        while (!stop.load()) internal::s_clearLevel.store(internal::s_relaxedClearLevel.load());
+        while (!stop.load()) {
+            internal::s_clearLevel.store(40);
+            internal::s_clearLevel.store(internal::s_relaxedClearLevel.load());
+        }
     });
     for (int i = 0; i < 20000; ++i) {
         try {
@@ -316,7 +321,6 @@ TEST_F(ImageMemory, ClearLevelNeverFallsBelowZeroUnderConcurrentAllocations) {
         }
         const unsigned level = internal::s_clearLevel.load();
         if (level > highest.load()) highest = level;
-        internal::s_clearLevel.store(40);
     }
     stop = true;
     allocs.join();
