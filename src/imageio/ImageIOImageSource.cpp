@@ -10,7 +10,7 @@
 
 #include "base/Log.h"
 #include "base/resource/ResourceManager.h"
-#include "imageio/DecoderRegistry.h"
+#include "imageio/ImageScaling.h"
 #include "imageio/ImageLoader.h"
 #include "imageio/detail/LoaderImageSource.h"
 #include "imaging/ColorTransform.h"
@@ -61,6 +61,19 @@ ImageLoader::PostProcess colourPostProcess(const SharedPtr<ColorProfile>& imageP
     };
 }
 
+// `wanted` clamped side by side to [0, trueSize], and trueSize scaled uniformly to fit inside
+// that, each side rounded and at least 1. (0, 0) when a clamped side is 0, which includes every
+// side of an unknown true size (0, 0): such a size fails the construction.
+Vec2i clampAndFit(Vec2i wanted, Vec2i trueSize) {
+    const Vec2i clamped(std::clamp(wanted.x, 0, std::max(trueSize.x, 0)),
+                        std::clamp(wanted.y, 0, std::max(trueSize.y, 0)));
+    if (clamped.x == 0 || clamped.y == 0) return Vec2i(0, 0);
+    const double scale =
+        std::min(double(clamped.x) / trueSize.x, double(clamped.y) / trueSize.y);
+    return Vec2i(std::max(1, int(std::lround(trueSize.x * scale))),
+                 std::max(1, int(std::lround(trueSize.y * scale))));
+}
+
 bool vanished(const FastString<char>& path) {
     std::error_code ec;
     return !std::filesystem::exists(std::string(path.view()), ec);
@@ -70,9 +83,11 @@ bool vanished(const FastString<char>& path) {
 
 // ---------------------------------------------------------------- base
 
-ImageIOImageSourceBase::ImageIOImageSourceBase(const ConstructionParam& param)
+ImageIOImageSourceBase::ImageIOImageSourceBase(const ConstructionParam& param,
+                                               const String& knownPath)
     : ImageSource(param.size, param.format),
       _param(param),
+      _lastPath(knownPath),
       _layout(layoutFor(param)),
       _regionRead(param.regionRead),
       _imageType(param.imageType),
@@ -85,6 +100,10 @@ ImageIOImageSourceBase::~ImageIOImageSourceBase() = default;
 Vec2i ImageIOImageSourceBase::readSize(const String& path) {
     try {
         ImageLoader loader(path, false);
+        // Not only orientations 6 and 8 stand across: 5 and 7 are the same quarter turns with a
+        // mirror. The loader shows all four upright with the sides exchanged, and the layout made
+        // from this size must equal that of the loader's source (checked when it is made), so
+        // the size is exchanged for the four alike.
         return ImageLoader::orientedSize(loader.getMetadata()->size(), loader.orientation());
     } catch (const ResourceDeletedException&) {
         QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", path);
@@ -130,10 +149,12 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int 
 
 void ImageIOImageSourceBase::withLockedFile(const char* failure,
                                             const Function1<void, const String&>& read) {
-    String path;
+    // A lock that fails gives no path: the line then names the last one known.
+    String path = _lastPath;
     bool locked = false;
     try {
         path = lockFile();
+        _lastPath = path;
         locked = true;
         read(path);
         locked = false;
@@ -245,33 +266,38 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
 // ---------------------------------------------------------------- file path
 
 ImageIOImageSource::ImageIOImageSource(const String& path, const ConstructionParam& param)
-    : ImageIOImageSourceBase(param), _path(path) {}
+    : ImageIOImageSourceBase(param, path), _path(path) {}
 
 SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, ConstructionParam param) {
-    if (param.size == Vec2i(0, 0)) {
-        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
-        param.size = readSize(path);
-    }
-    if (param.size == Vec2i(0, 0)) {
-        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
-        return nullptr;
-    }
-    return (new ImageIOImageSource(path, param))->setupSelfRef();
+    if (param.size == Vec2i(0, 0)) param.size = readSizeLocked(path);
+    return createSized(path, param);
 }
 
 SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, RawPixelFormat format,
                                                   SharedPtr<ColorProfile> profile,
                                                   bool regionRead) {
     ConstructionParam param;
-    {
-        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
-        param.size = readSize(path);
-    }
+    param.size = readSizeLocked(path);
     param.format = format;
     param.commonProfile = std::move(profile);
     param.regionRead = regionRead;
     param.imageType = ImageLoader::ImageTypeFull;
-    return create(path, param);
+    // Not through the long form: that would read the size of a file that gave none once more.
+    return createSized(path, param);
+}
+
+Vec2i ImageIOImageSource::readSizeLocked(const String& path) {
+    filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+    return readSize(path);
+}
+
+SharedPtr<ImageSource> ImageIOImageSource::createSized(const String& path,
+                                                       const ConstructionParam& param) {
+    if (param.size == Vec2i(0, 0)) {
+        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
+        return nullptr;
+    }
+    return (new ImageIOImageSource(path, param))->setupSelfRef();
 }
 
 ImageIOImageSource::String ImageIOImageSource::lockFile() {
@@ -289,33 +315,30 @@ void ImageIOImageSource::unlockFile() {
 // ---------------------------------------------------------------- resource
 
 ResourceImageIOImageSource::ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,
-                                                       const ConstructionParam& param)
-    : ImageIOImageSourceBase(param), _manager(manager), _id(id) {}
+                                                       const ConstructionParam& param,
+                                                       const String& knownPath)
+    : ImageIOImageSourceBase(param, knownPath), _manager(manager), _id(id) {}
 
 SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
                                                           ConstructionParam param) {
     Vec2i trueSize(0, 0);
+    String path;
     try {
         ResourceFSScopedLock lock(manager, id, 0);
-        trueSize = readSize(String(lock.path()));
+        path = String(lock.path());
+        trueSize = readSize(path);
     } catch (const ResourceDeletedException& e) {
         QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", e.what());
     } catch (const std::exception& e) {
         QOR_LOG(LogError, "unknown uncaught exception '%*'", e.what());
         QOR_ASSERT_TEXT(false, "false");
     }
-    if (param.size == Vec2i(0, 0)) {
-        param.size = trueSize;
-    } else if (trueSize != Vec2i(0, 0)) {
-        const Vec2i clamped(std::clamp(param.size.x, 0, trueSize.x),
-                            std::clamp(param.size.y, 0, trueSize.y));
-        param.size = fitInside(trueSize, clamped);
-    }
+    param.size = param.size == Vec2i(0, 0) ? trueSize : clampAndFit(param.size, trueSize);
     if (param.size == Vec2i(0, 0)) {
         QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
         return nullptr;
     }
-    return (new ResourceImageIOImageSource(manager, id, param))->setupSelfRef();
+    return (new ResourceImageIOImageSource(manager, id, param, path))->setupSelfRef();
 }
 
 SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,

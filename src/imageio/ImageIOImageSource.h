@@ -15,8 +15,9 @@
 // known.
 //
 // Thread contract: tile jobs may come in at once on any threads. The source's _mutex (the
-// ImageSource mutex) guards _param.underlyingSource, _param.imageProfile and the file lock of the
-// ends, which are therefore present only between lockFile and unlockFile of one call under it.
+// ImageSource mutex) guards _param.underlyingSource, _param.imageProfile, _lastPath and the file
+// lock of the ends, which are therefore present only between lockFile and unlockFile of one call
+// under it.
 // Lock order: the source's mutex first, then the file lock. Tiles of the underlying source are
 // read without the mutex (that source serialises its own reads), so that workers read side by side.
 
@@ -76,7 +77,9 @@ public:
     static math::GenVec<int, 2> readSize(const String& path);
 
 protected:
-    ImageIOImageSourceBase(const ConstructionParam& param);
+    // `knownPath` is the file's path as far as it is known at construction: a failure to lock
+    // the file names it (or the path of the last lock) in its log line.
+    ImageIOImageSourceBase(const ConstructionParam& param, const String& knownPath);
 
     // Reads the file's tiles; throws ImageLoaderException (the pipeline fails the tile),
     // std::bad_alloc.
@@ -94,12 +97,14 @@ private:
     SharedPtr<imaging::ImageSource> makeUnderlyingSource();
     // Runs `read` with the file locked and its path; on a failure the file is unlocked, the line
     // `failure` (path, reason) logged and the exception thrown on. Called under _mutex.
-    void withLockedFile(const char* failure, const Function1<void, const String&>& read);
+    void withLockedFile(const char* failure, const Function1<void, const String&>& read)
+        QOR_REQUIRES(_mutex);
     SharedPtr<const imaging::ImageTile> computeThroughUnderlying(unsigned int column,
                                                                  unsigned int row);
     SharedPtr<const imaging::ImageTile> computeRegion(unsigned int column, unsigned int row);
 
     ConstructionParam _param QOR_GUARDED_BY(_mutex);
+    String _lastPath QOR_GUARDED_BY(_mutex);  // the path of the last lock, for failure lines
     const imaging::TileLayout _layout;
     const bool _regionRead;
     const int _imageType;
@@ -123,6 +128,13 @@ protected:
     void unlockFile() override;
 
 private:
+    // The size by readSize under a shared lock of `path`.
+    static math::GenVec<int, 2> readSizeLocked(const String& path);
+    // The source of `param`, whose size is known; null (after the logged assertion) when it is
+    // (0, 0).
+    static SharedPtr<imaging::ImageSource> createSized(const String& path,
+                                                       const ConstructionParam& param);
+
     const String _path;
     ScopedPtr<filesystem::FilesystemScopedLock> _fsLock;  // guarded by _mutex
 };
@@ -131,7 +143,9 @@ class ResourceImageIOImageSource : public ImageIOImageSourceBase {
 public:
     // The file's true size is read under the resource's lock. A given size is clamped to it side
     // by side and the true size fitted inside the result, so that the source is never larger
-    // than its file and keeps its proportions; (0, 0) takes the true size.
+    // than its file and keeps its proportions; (0, 0) takes the true size. Construction fails
+    // (null, after the logged assertion "param.size != Vec2i(0,0)") when the true size cannot be
+    // read or a given side is 0 or less.
     static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
                                                   ConstructionParam param);
     static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
@@ -146,7 +160,7 @@ public:
 
 protected:
     ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,
-                               const ConstructionParam& param);
+                               const ConstructionParam& param, const String& knownPath);
     String lockFile() override;
     void unlockFile() override;
 
