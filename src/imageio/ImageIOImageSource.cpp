@@ -16,6 +16,7 @@
 #include "imaging/ColorTransform.h"
 #include "imaging/ImageTile.h"
 #include "imaging/ImagingException.h"
+#include "imaging/ScaledImageSource.h"
 #include "imaging/TileCache.h"
 
 namespace qor::imageio {
@@ -284,6 +285,34 @@ SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, RawPixelFo
     param.imageType = ImageLoader::ImageTypeFull;
     // Not through the long form: that would read the size of a file that gave none once more.
     return createSized(path, param);
+}
+
+SharedPtr<imaging::Image> ImageIOImageSource::createScaled(const String& path,
+                                                           ConstructionParam param, double scale) {
+    Vec2i full(0, 0);
+    int reduction = 1;
+    try {
+        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+        const ImageLoader loader(path, false);
+        full = loader.size();
+        // A region read or a given underlying source has no band decoder to reduce with.
+        if (!param.regionRead && !param.underlyingSource)
+            reduction = detail::directReduction(loader, scale);
+        param.size = detail::reducedSize(loader, reduction);
+    } catch (const ImageLoaderException& e) {
+        QOR_LOG(LogError, "ImageIOImageSource: failed to read file '%*': %*", path, e.what());
+        return nullptr;
+    }
+    const SharedPtr<ImageSource> source = createSized(path, param);
+    if (!source) return nullptr;
+    SharedPtr<imaging::Image> image = imaging::Image::create(source);
+    const double rest = scale * reduction;  // what the decoder leaves to do
+    if (rest == 1.0) return image;
+    const Vec2i wanted = imaging::ScaledImageSource::scaledSize(full, scale);
+    image = imaging::Image::create(imaging::ScaledImageSource::create(image, rest));
+    // A last reduced pixel that covers less than d pixels of the file can add one pixel.
+    if (image->size() != wanted) image = image->getSubImage(math::Recti(Vec2i(0, 0), wanted));
+    return image;
 }
 
 Vec2i ImageIOImageSource::readSizeLocked(const String& path) {

@@ -25,6 +25,7 @@
 #include "base/resource/ResourceFSScopedLock.h"
 #include "base/filesystem/FilesystemScopedLock.h"
 #include "imaging/ColorProfile.h"
+#include "imaging/Image.h"
 #include "imaging/ImageSource.h"
 #include "imaging/PixelFormat.h"
 #include "imaging/TileLayout.h"
@@ -120,6 +121,17 @@ public:
                                                   imaging::RawPixelFormat format,
                                                   SharedPtr<imaging::ColorProfile> profile,
                                                   bool regionRead = false);
+    // The picture at `path` resampled by `scale` as ScaledImageSource resamples it:
+    // ceil(size * scale) pixels a side, each the area mean of the pixels under it. Where the file
+    // decodes a reduction of itself directly (a JPEG shown as stored, by 1/2, 1/4 or 1/8: see
+    // detail::directReduction), the file source is made at that size, the decoder does those
+    // first halvings and a ScaledImageSource only the rest; its pixels then differ from the full
+    // road's by what DCT scaling differs from area means (the low frequencies of each block
+    // against a box filter: a few levels, more at sharp edges). `param` gives all but the size,
+    // which is the file's. Null (logged) when the file cannot be read; throws Exception for a
+    // scale that ScaledImageSource refuses.
+    static SharedPtr<imaging::Image> createScaled(const String& path, ConstructionParam param,
+                                                  double scale);
     const String& path() const { return _path; }
 
 protected:
