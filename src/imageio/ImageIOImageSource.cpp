@@ -10,8 +10,8 @@
 
 #include "base/Log.h"
 #include "base/resource/ResourceManager.h"
-#include "imageio/ImageScaling.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/ImageScaling.h"
 #include "imageio/detail/LoaderImageSource.h"
 #include "imaging/ColorTransform.h"
 #include "imaging/ImageTile.h"
@@ -32,8 +32,8 @@ namespace {
 
 imaging::TileLayout layoutFor(const ImageIOImageSourceBase::ConstructionParam& param) {
     if (param.underlyingSource) return param.underlyingSource->tileLayout();
-    const Vec2i tile = param.tileSize != Vec2i(0, 0) ? param.tileSize
-                                                     : ImageSource::getGPUPreferredTileSize();
+    const Vec2i tile =
+        param.tileSize != Vec2i(0, 0) ? param.tileSize : ImageSource::getGPUPreferredTileSize();
     return imaging::TileLayout(param.size, tile, Vec2i(0, 0), param.size);
 }
 
@@ -57,7 +57,8 @@ ImageLoader::PostProcess colourPostProcess(const SharedPtr<ColorProfile>& imageP
             case imaging::PfRGBA32F:
                 if (auto d = tile->getRawDataTarget<imaging::PfRGBA32F>()) transform->apply(*d);
                 break;
-            default: break;
+            default:
+                break;
         }
     };
 }
@@ -69,8 +70,7 @@ Vec2i clampAndFit(Vec2i wanted, Vec2i trueSize) {
     const Vec2i clamped(std::clamp(wanted.x, 0, std::max(trueSize.x, 0)),
                         std::clamp(wanted.y, 0, std::max(trueSize.y, 0)));
     if (clamped.x == 0 || clamped.y == 0) return Vec2i(0, 0);
-    const double scale =
-        std::min(double(clamped.x) / trueSize.x, double(clamped.y) / trueSize.y);
+    const double scale = std::min(double(clamped.x) / trueSize.x, double(clamped.y) / trueSize.y);
     return Vec2i(std::max(1, int(std::lround(trueSize.x * scale))),
                  std::max(1, int(std::lround(trueSize.y * scale))));
 }
@@ -144,7 +144,7 @@ void ImageIOImageSourceBase::getTiles(TileArray& out, const TileSet& tiles, bool
 }
 
 SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int column,
-                                                                    unsigned int row) {
+                                                                   unsigned int row) {
     return _regionRead ? computeRegion(column, row) : computeThroughUnderlying(column, row);
 }
 
@@ -179,7 +179,8 @@ SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
         withLockedFile("ImageIOImageSource: failed to read file '%*': %*", [&](const String& path) {
             ImageLoader loader(path, false);
             if (!profile) profile = loader.getColorProfile();
-            const ImageLoader::PostProcess post = colourPostProcess(profile, _commonProfile, format);
+            const ImageLoader::PostProcess post =
+                colourPostProcess(profile, _commonProfile, format);
             source = loader.getImageSource(format, ImageLoader::ImageTypeFull, _layout.tileSize,
                                            post, _layout.imageSize);
             if (!source) throw std::bad_alloc();
@@ -218,25 +219,25 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
     {
         ScopedLock<thread::Mutex> lock(_mutex);
         imageProfile = _param.imageProfile;  // as above: the lambda works on a copy
-        withLockedFile("ImageIOImageSource: failed to read image data for '%*': %*",
-                       [&](const String& path) {
-            ImageLoader loader(path, false);
-            if (!imageProfile) imageProfile = loader.getColorProfile();
-            if (loader.size() == _layout.imageSize) {
-                tiledata = loader.getImage4ub(_imageType, rect);
-            } else {
-                // A resource source smaller than its file: the pixels under the tile, reduced.
-                const Vec2i full = loader.size();
-                const double sx = double(full.x) / _layout.imageSize.x;
-                const double sy = double(full.y) / _layout.imageSize.y;
-                const math::Recti under(
-                    Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
-                    Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
-                          std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
-                tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
-                                                      rect.width(), rect.height(), ScaleExact);
-            }
-        });
+        withLockedFile(
+            "ImageIOImageSource: failed to read image data for '%*': %*", [&](const String& path) {
+                ImageLoader loader(path, false);
+                if (!imageProfile) imageProfile = loader.getColorProfile();
+                if (loader.size() == _layout.imageSize) {
+                    tiledata = loader.getImage4ub(_imageType, rect);
+                } else {
+                    // A resource source smaller than its file: the pixels under the tile, reduced.
+                    const Vec2i full = loader.size();
+                    const double sx = double(full.x) / _layout.imageSize.x;
+                    const double sy = double(full.y) / _layout.imageSize.y;
+                    const math::Recti under(
+                        Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
+                        Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
+                              std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
+                    tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
+                                                          rect.width(), rect.height(), ScaleExact);
+                }
+            });
         _param.imageProfile = imageProfile;
     }
     // The colour work runs without the mutex, so that several tiles convert side by side.
@@ -292,7 +293,8 @@ SharedPtr<imaging::Image> ImageIOImageSource::createScaled(const String& path,
     Vec2i full(0, 0);
     int reduction = 1;
     try {
-        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+        filesystem::FilesystemScopedLock lock(path.view(),
+                                              filesystem::FilesystemScopedLock::Shared);
         const ImageLoader loader(path, false);
         full = loader.size();
         // A region read or a given underlying source has no band decoder to reduce with.
@@ -377,10 +379,12 @@ SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manag
     return create(manager, id, format, std::move(profile), nullptr, nullptr, regionRead, imageType);
 }
 
-SharedPtr<ImageSource> ResourceImageIOImageSource::create(
-    ResourceManager* manager, ResourceID id, RawPixelFormat format,
-    SharedPtr<ColorProfile> commonProfile, SharedPtr<ColorProfile> imageProfile,
-    SharedPtr<ImageSource> underlyingSource, bool regionRead, int imageType) {
+SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
+                                                          RawPixelFormat format,
+                                                          SharedPtr<ColorProfile> commonProfile,
+                                                          SharedPtr<ColorProfile> imageProfile,
+                                                          SharedPtr<ImageSource> underlyingSource,
+                                                          bool regionRead, int imageType) {
     ConstructionParam param;
     param.format = format;
     param.commonProfile = std::move(commonProfile);

@@ -22,8 +22,8 @@
 // read without the mutex (that source serialises its own reads), so that workers read side by side.
 
 #include "base/ResourceID.h"
-#include "base/resource/ResourceFSScopedLock.h"
 #include "base/filesystem/FilesystemScopedLock.h"
+#include "base/resource/ResourceFSScopedLock.h"
 #include "imaging/ColorProfile.h"
 #include "imaging/Image.h"
 #include "imaging/ImageSource.h"
@@ -164,11 +164,12 @@ public:
                                                   imaging::RawPixelFormat format,
                                                   SharedPtr<imaging::ColorProfile> profile,
                                                   bool regionRead, int imageType);
-    static SharedPtr<imaging::ImageSource> create(
-        ResourceManager* manager, ResourceID id, imaging::RawPixelFormat format,
-        SharedPtr<imaging::ColorProfile> commonProfile,
-        SharedPtr<imaging::ColorProfile> imageProfile,
-        SharedPtr<imaging::ImageSource> underlyingSource, bool regionRead, int imageType);
+    static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
+                                                  imaging::RawPixelFormat format,
+                                                  SharedPtr<imaging::ColorProfile> commonProfile,
+                                                  SharedPtr<imaging::ColorProfile> imageProfile,
+                                                  SharedPtr<imaging::ImageSource> underlyingSource,
+                                                  bool regionRead, int imageType);
 
 protected:
     ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,

@@ -15,8 +15,8 @@
 namespace qor::imageio {
 namespace {
 
-using testing::TempFolder;
 using testing::gradientImage;
+using testing::TempFolder;
 using String = FastString<char>;
 using Vec2i = math::GenVec<int, 2>;
 
@@ -52,11 +52,11 @@ TEST(ResourceImageIOImageSource, GivenSizesAreClampedAndFailWithoutATrueSize) {
         Vec2i expected;  // (0, 0): creation fails
     };
     const Case cases[] = {
-        {picture, {0, 0}, {120, 60}},    // the true size
-        {picture, {60, 1000}, {60, 30}}, // proportions kept inside the clamped box
-        {picture, {64, 0}, {0, 0}},      // a zero side clamps to nothing
-        {picture, {-5, 30}, {0, 0}},     // so does a negative one
-        {garbage, {50, 50}, {0, 0}},     // no true size: nothing to clamp to
+        {picture, {0, 0}, {120, 60}},     // the true size
+        {picture, {60, 1000}, {60, 30}},  // proportions kept inside the clamped box
+        {picture, {64, 0}, {0, 0}},       // a zero side clamps to nothing
+        {picture, {-5, 30}, {0, 0}},      // so does a negative one
+        {garbage, {50, 50}, {0, 0}},      // no true size: nothing to clamp to
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.wanted.x) + "x" + std::to_string(c.wanted.y));

@@ -55,8 +55,8 @@ constexpr unsigned long kMaxSide = 1ul << 30;
 
 struct ExportOptions {
     std::string input, output;
-    Vec2i size{0, 0};   // --size: fit inside; (0, 0) when not given
-    double scale = 0;   // --scale; 0 when not given
+    Vec2i size{0, 0};  // --size: fit inside; (0, 0) when not given
+    double scale = 0;  // --scale; 0 when not given
     int quality = 90;
     std::string profile;
 };
@@ -153,7 +153,7 @@ int runExport(const std::vector<std::string>& args) {
             std::fprintf(stderr, "qor: export: %s\n", e.what());
             return 1;
         }
-        const double scale = o.scale > 0                ? o.scale
+        const double scale = o.scale > 0             ? o.scale
                              : o.size != Vec2i(0, 0) ? fitScale(param.size, o.size)
                                                      : 1.0;
         const Vec2i out = imaging::ScaledImageSource::scaledSize(param.size, scale);

@@ -9,8 +9,8 @@
 
 #include "imageio/ImageScaling.h"
 #include "imageio/detail/LoaderPixels.h"
-#include "imaging/ImagingException.h"
 #include "imaging/ImageTile.h"
+#include "imaging/ImagingException.h"
 
 namespace qor::imageio::detail {
 
@@ -52,8 +52,7 @@ math::GenVec<int, 2> reducedSize(const ImageLoader& loader, int factor) {
 template <imaging::RawPixelFormat F>
 int LoaderImageSource<F>::jpegDenominator(const ImageLoader& loader, bool bands,
                                           math::GenVec<int, 2> size) {
-    if (!bands || loader.format() != ImageLoader::FormatJpeg || loader.orientation() != 1)
-        return 0;
+    if (!bands || loader.format() != ImageLoader::FormatJpeg || loader.orientation() != 1) return 0;
     if (size == loader.storedSize()) return 1;
     for (int denominator : kDctDenominators)
         if (size == reducedBy(loader.storedSize(), denominator)) return denominator;
@@ -164,8 +163,7 @@ auto LoaderImageSource<F>::keptBand(unsigned int row, unsigned int column)
 }
 
 template <imaging::RawPixelFormat F>
-auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
-    -> SharedPtr<const Data> {
+auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column) -> SharedPtr<const Data> {
     {
         ScopedLock<thread::Mutex> lock(_bandMutex);
         if (SharedPtr<const Data> band = keptBand(row, column)) return band;
@@ -235,7 +233,8 @@ auto LoaderImageSource<F>::readReduced(const math::Recti& rect) -> SharedPtr<con
         const double sx = double(full.x) / _layout.imageSize.x;
         const double sy = double(full.y) / _layout.imageSize.y;
         const math::Recti under(
-            math::GenVec<int, 2>(int(std::floor(rect.mins.x * sx)), int(std::floor(rect.mins.y * sy))),
+            math::GenVec<int, 2>(int(std::floor(rect.mins.x * sx)),
+                                 int(std::floor(rect.mins.y * sy))),
             math::GenVec<int, 2>(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
                                  std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
         return scaleTrilinear_destructive(_loader.read<unsigned char>(_imageType, under),
@@ -245,7 +244,7 @@ auto LoaderImageSource<F>::readReduced(const math::Recti& rect) -> SharedPtr<con
 
 template <imaging::RawPixelFormat F>
 SharedPtr<const imaging::ImageTile> LoaderImageSource<F>::computeTileData(unsigned int column,
-                                                                           unsigned int row) {
+                                                                          unsigned int row) {
     const math::Recti rect = _layout.getTileRect(int(column), int(row));
     SharedPtr<imaging::ImageTile> tile =
         imaging::ImageTile::create(rect.size(), F, getDrawParameters());

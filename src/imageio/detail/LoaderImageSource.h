@@ -33,11 +33,11 @@
 
 #include "base/thread/Mutex.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/detail/JpegBandReader.h"
+#include "imageio/detail/PngBandReader.h"
 #include "imaging/ImageSource.h"
 #include "imaging/RawImageStorage.h"
 #include "imaging/TileLayout.h"
-#include "imageio/detail/JpegBandReader.h"
-#include "imageio/detail/PngBandReader.h"
 
 namespace qor::imageio::detail {
 
