@@ -1,12 +1,12 @@
-// JPEG files read reduced by libjpeg's DCT scaling: the band reader's scaled bands, a loader's
-// source at a reduced size, and a file picture scaled through them against the full-size road.
+// JPEG files read reduced by libjpeg's DCT scaling: a loader's source at a reduced size, whose
+// band reader decodes scaled bands, and a file picture scaled through it against the full-size
+// road.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -14,7 +14,6 @@
 #include "CodecTestSupport.h"
 #include "imageio/ImageIOImageSource.h"
 #include "imageio/ImageLoader.h"
-#include "imageio/detail/JpegBandReader.h"
 #include "imageio/detail/LoaderImageSource.h"
 #include "imaging/ImageTile.h"
 #include "imaging/ScaledImageSource.h"
@@ -83,38 +82,9 @@ ImagePtr pixelsOf(const imaging::Image& image) {
     return testing::crop(*data, Recti(0, 0, data->width(), data->height()));
 }
 
-TEST(JpegBandReader, ScaledBandsMatchAWholeScaledDecode) {
-    TempFolder folder;
-    const std::string path = folder.write("p.jpg", photoLikeJpeg(301, 203));
-    for (int denominator : {2, 4, 8}) {
-        SCOPED_TRACE(denominator);
-        const ImagePtr whole = wholeScaledDecode(path, denominator);
-        const int height = (203 + denominator - 1) / denominator;
-        ASSERT_EQ(whole->width(), (301 + denominator - 1) / denominator);
-        ASSERT_EQ(whole->height(), height);
-        detail::JpegBandReader reader(path, ImageQualityBest, denominator);
-        // Bands of 10 lines going down, the last one short; then one above, from the top again.
-        for (int top = 0; top < height; top += 10) {
-            const int lines = std::min(10, height - top);
-            const ImagePtr band = reader.read(top, lines);
-            ASSERT_TRUE(band) << top;
-            EXPECT_EQ(testing::maxDifference(
-                          *band, *testing::crop(*whole, Recti(0, top, whole->width(), lines))),
-                      0)
-                << top;
-        }
-        EXPECT_EQ(reader.linesDecoded(), height);
-        const ImagePtr again = reader.read(3, 4);
-        ASSERT_TRUE(again);
-        EXPECT_EQ(
-            testing::maxDifference(*again, *testing::crop(*whole, Recti(0, 3, whole->width(), 4))),
-            0);
-        EXPECT_FALSE(reader.read(height - 2, 3)) << "lines below the reduced picture";
-    }
-}
-
 // A loader's source at a size the file decodes to: its tiles, asked in line order and then at
-// random, are those of the whole scaled decode, and the line order decodes each line once.
+// random (bands decoded again from the top), are those of the whole scaled decode, and the line
+// order decodes each reduced line once.
 TEST(LoaderImageSource, JpegAtAReducedSizeCutsItsTilesFromScaledBands) {
     TempFolder folder;
     const std::string path = folder.write("p.jpg", photoLikeJpeg(301, 203));
