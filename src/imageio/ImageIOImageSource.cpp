@@ -309,7 +309,7 @@ SharedPtr<imaging::Image> ImageIOImageSource::createScaled(const String& path,
     if (!source) return nullptr;
     SharedPtr<imaging::Image> image = imaging::Image::create(source);
     const double rest = scale * reduction;  // what the decoder leaves to do
-    if (rest == 1.0) return image;
+    if (std::abs(rest - 1.0) < 1e-9) return image;
     const Vec2i wanted = imaging::ScaledImageSource::scaledSize(full, scale);
     image = imaging::Image::create(imaging::ScaledImageSource::create(image, rest));
     // A last reduced pixel that covers less than d pixels of the file can add one pixel.

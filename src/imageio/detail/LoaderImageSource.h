@@ -124,7 +124,8 @@ private:
     // Above 1: the picture is read reduced by this factor, through _jpeg.
     const int _dctReduction;
     thread::Mutex _decodeMutex;
-    // The sequential reader of a JPEG shown as stored; null for other files.
+    // The sequential reader of a JPEG shown as stored, at its size or reduced; null for other
+    // files.
     std::unique_ptr<JpegBandReader> _jpeg QOR_GUARDED_BY(_decodeMutex);
     // The sequential reader of a PNG shown as stored; null for other files.
     std::unique_ptr<PngBandReader> _png QOR_GUARDED_BY(_decodeMutex);
