@@ -10,12 +10,13 @@
 
 #include "base/Log.h"
 #include "base/resource/ResourceManager.h"
-#include "imageio/DecoderRegistry.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/ImageScaling.h"
 #include "imageio/detail/LoaderImageSource.h"
 #include "imaging/ColorTransform.h"
 #include "imaging/ImageTile.h"
 #include "imaging/ImagingException.h"
+#include "imaging/ScaledImageSource.h"
 #include "imaging/TileCache.h"
 
 namespace qor::imageio {
@@ -31,8 +32,8 @@ namespace {
 
 imaging::TileLayout layoutFor(const ImageIOImageSourceBase::ConstructionParam& param) {
     if (param.underlyingSource) return param.underlyingSource->tileLayout();
-    const Vec2i tile = param.tileSize != Vec2i(0, 0) ? param.tileSize
-                                                     : ImageSource::getGPUPreferredTileSize();
+    const Vec2i tile =
+        param.tileSize != Vec2i(0, 0) ? param.tileSize : ImageSource::getGPUPreferredTileSize();
     return imaging::TileLayout(param.size, tile, Vec2i(0, 0), param.size);
 }
 
@@ -60,9 +61,22 @@ ImageLoader::PostProcess colourPostProcess(const SharedPtr<ColorProfile>& imageP
             case imaging::PfRGBA32F:
                 if (auto d = tile->getRawDataTarget<imaging::PfRGBA32F>()) transform->apply(*d);
                 break;
-            default: break;
+            default:
+                break;
         }
     };
+}
+
+// `wanted` clamped side by side to [0, trueSize], and trueSize scaled uniformly to fit inside
+// that, each side rounded and at least 1. (0, 0) when a clamped side is 0, which includes every
+// side of an unknown true size (0, 0): such a size fails the construction.
+Vec2i clampAndFit(Vec2i wanted, Vec2i trueSize) {
+    const Vec2i clamped(std::clamp(wanted.x, 0, std::max(trueSize.x, 0)),
+                        std::clamp(wanted.y, 0, std::max(trueSize.y, 0)));
+    if (clamped.x == 0 || clamped.y == 0) return Vec2i(0, 0);
+    const double scale = std::min(double(clamped.x) / trueSize.x, double(clamped.y) / trueSize.y);
+    return Vec2i(std::max(1, int(std::lround(trueSize.x * scale))),
+                 std::max(1, int(std::lround(trueSize.y * scale))));
 }
 
 bool vanished(const FastString<char>& path) {
@@ -74,9 +88,11 @@ bool vanished(const FastString<char>& path) {
 
 // ---------------------------------------------------------------- base
 
-ImageIOImageSourceBase::ImageIOImageSourceBase(const ConstructionParam& param)
+ImageIOImageSourceBase::ImageIOImageSourceBase(const ConstructionParam& param,
+                                               const String& knownPath)
     : ImageSource(param.size, param.format),
       _param(param),
+      _lastPath(knownPath),
       _layout(layoutFor(param)),
       _regionRead(param.regionRead),
       _imageType(param.imageType),
@@ -89,6 +105,10 @@ ImageIOImageSourceBase::~ImageIOImageSourceBase() = default;
 Vec2i ImageIOImageSourceBase::readSize(const String& path) {
     try {
         ImageLoader loader(path, false);
+        // Not only orientations 6 and 8 stand across: 5 and 7 are the same quarter turns with a
+        // mirror. The loader shows all four upright with the sides exchanged, and the layout made
+        // from this size must equal that of the loader's source (checked when it is made), so
+        // the size is exchanged for the four alike.
         return ImageLoader::orientedSize(loader.getMetadata()->size(), loader.orientation());
     } catch (const ResourceDeletedException&) {
         QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", path);
@@ -128,16 +148,18 @@ void ImageIOImageSourceBase::getTiles(TileArray& out, const TileSet& tiles, bool
 }
 
 SharedPtr<const ImageTile> ImageIOImageSourceBase::computeTileData(unsigned int column,
-                                                                    unsigned int row) {
+                                                                   unsigned int row) {
     return _regionRead ? computeRegion(column, row) : computeThroughUnderlying(column, row);
 }
 
 void ImageIOImageSourceBase::withLockedFile(const char* failure,
                                             const Function1<void, const String&>& read) {
-    String path;
+    // A lock that fails gives no path: the line then names the last one known.
+    String path = _lastPath;
     bool locked = false;
     try {
         path = lockFile();
+        _lastPath = path;
         locked = true;
         read(path);
         locked = false;
@@ -161,7 +183,8 @@ SharedPtr<ImageSource> ImageIOImageSourceBase::makeUnderlyingSource() {
         withLockedFile("ImageIOImageSource: failed to read file '%*': %*", [&](const String& path) {
             ImageLoader loader(path, false);
             if (!profile) profile = loader.getColorProfile();
-            const ImageLoader::PostProcess post = colourPostProcess(profile, _commonProfile, format);
+            const ImageLoader::PostProcess post =
+                colourPostProcess(profile, _commonProfile, format);
             source = loader.getImageSource(format, ImageLoader::ImageTypeFull, _layout.tileSize,
                                            post, _layout.imageSize);
             if (!source) throw std::bad_alloc();
@@ -200,25 +223,25 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
     {
         ScopedLock<thread::Mutex> lock(_mutex);
         imageProfile = _param.imageProfile;  // as above: the lambda works on a copy
-        withLockedFile("ImageIOImageSource: failed to read image data for '%*': %*",
-                       [&](const String& path) {
-            ImageLoader loader(path, false);
-            if (!imageProfile) imageProfile = loader.getColorProfile();
-            if (loader.size() == _layout.imageSize) {
-                tiledata = loader.getImage4ub(_imageType, rect);
-            } else {
-                // A resource source smaller than its file: the pixels under the tile, reduced.
-                const Vec2i full = loader.size();
-                const double sx = double(full.x) / _layout.imageSize.x;
-                const double sy = double(full.y) / _layout.imageSize.y;
-                const math::Recti under(
-                    Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
-                    Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
-                          std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
-                tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
-                                                      rect.width(), rect.height(), ScaleExact);
-            }
-        });
+        withLockedFile(
+            "ImageIOImageSource: failed to read image data for '%*': %*", [&](const String& path) {
+                ImageLoader loader(path, false);
+                if (!imageProfile) imageProfile = loader.getColorProfile();
+                if (loader.size() == _layout.imageSize) {
+                    tiledata = loader.getImage4ub(_imageType, rect);
+                } else {
+                    // A resource source smaller than its file: the pixels under the tile, reduced.
+                    const Vec2i full = loader.size();
+                    const double sx = double(full.x) / _layout.imageSize.x;
+                    const double sy = double(full.y) / _layout.imageSize.y;
+                    const math::Recti under(
+                        Vec2i(int(rect.mins.x * sx), int(rect.mins.y * sy)),
+                        Vec2i(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
+                              std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
+                    tiledata = scaleTrilinear_destructive(loader.getImage4ub(_imageType, under),
+                                                          rect.width(), rect.height(), ScaleExact);
+                }
+            });
         _param.imageProfile = imageProfile;
     }
     // The colour work runs without the mutex, so that several tiles convert side by side.
@@ -251,33 +274,67 @@ SharedPtr<const ImageTile> ImageIOImageSourceBase::computeRegion(unsigned int co
 // ---------------------------------------------------------------- file path
 
 ImageIOImageSource::ImageIOImageSource(const String& path, const ConstructionParam& param)
-    : ImageIOImageSourceBase(param), _path(path) {}
+    : ImageIOImageSourceBase(param, path), _path(path) {}
 
 SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, ConstructionParam param) {
-    if (param.size == Vec2i(0, 0)) {
-        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
-        param.size = readSize(path);
-    }
-    if (param.size == Vec2i(0, 0)) {
-        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
-        return nullptr;
-    }
-    return (new ImageIOImageSource(path, param))->setupSelfRef();
+    if (param.size == Vec2i(0, 0)) param.size = readSizeLocked(path);
+    return createSized(path, param);
 }
 
 SharedPtr<ImageSource> ImageIOImageSource::create(const String& path, RawPixelFormat format,
                                                   SharedPtr<ColorProfile> profile,
                                                   bool regionRead) {
     ConstructionParam param;
-    {
-        filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
-        param.size = readSize(path);
-    }
+    param.size = readSizeLocked(path);
     param.format = format;
     param.commonProfile = std::move(profile);
     param.regionRead = regionRead;
     param.imageType = ImageLoader::ImageTypeFull;
-    return create(path, param);
+    // Not through the long form: that would read the size of a file that gave none once more.
+    return createSized(path, param);
+}
+
+SharedPtr<imaging::Image> ImageIOImageSource::createScaled(const String& path,
+                                                           ConstructionParam param, double scale) {
+    Vec2i full(0, 0);
+    int reduction = 1;
+    try {
+        filesystem::FilesystemScopedLock lock(path.view(),
+                                              filesystem::FilesystemScopedLock::Shared);
+        const ImageLoader loader(path, false);
+        full = loader.size();
+        // A region read or a given underlying source has no band decoder to reduce with.
+        if (!param.regionRead && !param.underlyingSource)
+            reduction = detail::directReduction(loader, scale);
+        param.size = detail::reducedSize(loader, reduction);
+    } catch (const ImageLoaderException& e) {
+        QOR_LOG(LogError, "ImageIOImageSource: failed to read file '%*': %*", path, e.what());
+        return nullptr;
+    }
+    const SharedPtr<ImageSource> source = createSized(path, param);
+    if (!source) return nullptr;
+    SharedPtr<imaging::Image> image = imaging::Image::create(source);
+    const double rest = scale * reduction;  // what the decoder leaves to do
+    if (std::abs(rest - 1.0) < 1e-9) return image;
+    const Vec2i wanted = imaging::ScaledImageSource::scaledSize(full, scale);
+    image = imaging::Image::create(imaging::ScaledImageSource::create(image, rest));
+    // A last reduced pixel that covers less than d pixels of the file can add one pixel.
+    if (image->size() != wanted) image = image->getSubImage(math::Recti(Vec2i(0, 0), wanted));
+    return image;
+}
+
+Vec2i ImageIOImageSource::readSizeLocked(const String& path) {
+    filesystem::FilesystemScopedLock lock(path.view(), filesystem::FilesystemScopedLock::Shared);
+    return readSize(path);
+}
+
+SharedPtr<ImageSource> ImageIOImageSource::createSized(const String& path,
+                                                       const ConstructionParam& param) {
+    if (param.size == Vec2i(0, 0)) {
+        QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
+        return nullptr;
+    }
+    return (new ImageIOImageSource(path, param))->setupSelfRef();
 }
 
 ImageIOImageSource::String ImageIOImageSource::lockFile() {
@@ -295,33 +352,30 @@ void ImageIOImageSource::unlockFile() {
 // ---------------------------------------------------------------- resource
 
 ResourceImageIOImageSource::ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,
-                                                       const ConstructionParam& param)
-    : ImageIOImageSourceBase(param), _manager(manager), _id(id) {}
+                                                       const ConstructionParam& param,
+                                                       const String& knownPath)
+    : ImageIOImageSourceBase(param, knownPath), _manager(manager), _id(id) {}
 
 SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
                                                           ConstructionParam param) {
     Vec2i trueSize(0, 0);
+    String path;
     try {
         ResourceFSScopedLock lock(manager, id, 0);
-        trueSize = readSize(String(lock.path()));
+        path = String(lock.path());
+        trueSize = readSize(path);
     } catch (const ResourceDeletedException& e) {
         QOR_LOG(LogError, "Couldn't get size for image. Item deleted in  '%*'", e.what());
     } catch (const std::exception& e) {
         QOR_LOG(LogError, "unknown uncaught exception '%*'", e.what());
         QOR_ASSERT_TEXT(false, "false");
     }
-    if (param.size == Vec2i(0, 0)) {
-        param.size = trueSize;
-    } else if (trueSize != Vec2i(0, 0)) {
-        const Vec2i clamped(std::clamp(param.size.x, 0, trueSize.x),
-                            std::clamp(param.size.y, 0, trueSize.y));
-        param.size = fitInside(trueSize, clamped);
-    }
+    param.size = param.size == Vec2i(0, 0) ? trueSize : clampAndFit(param.size, trueSize);
     if (param.size == Vec2i(0, 0)) {
         QOR_ASSERT_TEXT(false, "param.size != Vec2i(0,0)");
         return nullptr;
     }
-    return (new ResourceImageIOImageSource(manager, id, param))->setupSelfRef();
+    return (new ResourceImageIOImageSource(manager, id, param, path))->setupSelfRef();
 }
 
 SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
@@ -331,10 +385,12 @@ SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manag
     return create(manager, id, format, std::move(profile), nullptr, nullptr, regionRead, imageType);
 }
 
-SharedPtr<ImageSource> ResourceImageIOImageSource::create(
-    ResourceManager* manager, ResourceID id, RawPixelFormat format,
-    SharedPtr<ColorProfile> commonProfile, SharedPtr<ColorProfile> imageProfile,
-    SharedPtr<ImageSource> underlyingSource, bool regionRead, int imageType) {
+SharedPtr<ImageSource> ResourceImageIOImageSource::create(ResourceManager* manager, ResourceID id,
+                                                          RawPixelFormat format,
+                                                          SharedPtr<ColorProfile> commonProfile,
+                                                          SharedPtr<ColorProfile> imageProfile,
+                                                          SharedPtr<ImageSource> underlyingSource,
+                                                          bool regionRead, int imageType) {
     ConstructionParam param;
     param.format = format;
     param.commonProfile = std::move(commonProfile);

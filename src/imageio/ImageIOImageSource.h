@@ -15,15 +15,17 @@
 // known.
 //
 // Thread contract: tile jobs may come in at once on any threads. The source's _mutex (the
-// ImageSource mutex) guards _param.underlyingSource, _param.imageProfile and the file lock of the
-// ends, which are therefore present only between lockFile and unlockFile of one call under it.
+// ImageSource mutex) guards _param.underlyingSource, _param.imageProfile, _lastPath and the file
+// lock of the ends, which are therefore present only between lockFile and unlockFile of one call
+// under it.
 // Lock order: the source's mutex first, then the file lock. Tiles of the underlying source are
 // read without the mutex (that source serialises its own reads), so that workers read side by side.
 
 #include "base/ResourceID.h"
-#include "base/resource/ResourceFSScopedLock.h"
 #include "base/filesystem/FilesystemScopedLock.h"
+#include "base/resource/ResourceFSScopedLock.h"
 #include "imaging/ColorProfile.h"
+#include "imaging/Image.h"
 #include "imaging/ImageSource.h"
 #include "imaging/PixelFormat.h"
 #include "imaging/TileLayout.h"
@@ -76,7 +78,9 @@ public:
     static math::GenVec<int, 2> readSize(const String& path);
 
 protected:
-    ImageIOImageSourceBase(const ConstructionParam& param);
+    // `knownPath` is the file's path as far as it is known at construction: a failure to lock
+    // the file names it (or the path of the last lock) in its log line.
+    ImageIOImageSourceBase(const ConstructionParam& param, const String& knownPath);
 
     // Reads the file's tiles; throws ImageLoaderException (the pipeline fails the tile),
     // std::bad_alloc.
@@ -94,12 +98,14 @@ private:
     SharedPtr<imaging::ImageSource> makeUnderlyingSource();
     // Runs `read` with the file locked and its path; on a failure the file is unlocked, the line
     // `failure` (path, reason) logged and the exception thrown on. Called under _mutex.
-    void withLockedFile(const char* failure, const Function1<void, const String&>& read);
+    void withLockedFile(const char* failure, const Function1<void, const String&>& read)
+        QOR_REQUIRES(_mutex);
     SharedPtr<const imaging::ImageTile> computeThroughUnderlying(unsigned int column,
                                                                  unsigned int row);
     SharedPtr<const imaging::ImageTile> computeRegion(unsigned int column, unsigned int row);
 
     ConstructionParam _param QOR_GUARDED_BY(_mutex);
+    String _lastPath QOR_GUARDED_BY(_mutex);  // the path of the last lock, for failure lines
     const imaging::TileLayout _layout;
     const bool _regionRead;
     const int _imageType;
@@ -115,6 +121,17 @@ public:
                                                   imaging::RawPixelFormat format,
                                                   SharedPtr<imaging::ColorProfile> profile,
                                                   bool regionRead = false);
+    // The picture at `path` resampled by `scale` as ScaledImageSource resamples it:
+    // ceil(size * scale) pixels a side, each the area mean of the pixels under it. Where the file
+    // decodes a reduction of itself directly (a JPEG shown as stored, by 1/2, 1/4 or 1/8: see
+    // detail::directReduction), the file source is made at that size, the decoder does those
+    // first halvings and a ScaledImageSource only the rest; its pixels then differ from the full
+    // road's by what DCT scaling differs from area means (the low frequencies of each block
+    // against a box filter: a few levels, more at sharp edges). `param` gives all but the size,
+    // which is the file's. Null (logged) when the file cannot be read; throws Exception for a
+    // scale that ScaledImageSource refuses.
+    static SharedPtr<imaging::Image> createScaled(const String& path, ConstructionParam param,
+                                                  double scale);
     const String& path() const { return _path; }
 
 protected:
@@ -123,6 +140,13 @@ protected:
     void unlockFile() override;
 
 private:
+    // The size by readSize under a shared lock of `path`.
+    static math::GenVec<int, 2> readSizeLocked(const String& path);
+    // The source of `param`, whose size is known; null (after the logged assertion) when it is
+    // (0, 0).
+    static SharedPtr<imaging::ImageSource> createSized(const String& path,
+                                                       const ConstructionParam& param);
+
     const String _path;
     ScopedPtr<filesystem::FilesystemScopedLock> _fsLock;  // guarded by _mutex
 };
@@ -131,22 +155,25 @@ class ResourceImageIOImageSource : public ImageIOImageSourceBase {
 public:
     // The file's true size is read under the resource's lock. A given size is clamped to it side
     // by side and the true size fitted inside the result, so that the source is never larger
-    // than its file and keeps its proportions; (0, 0) takes the true size.
+    // than its file and keeps its proportions; (0, 0) takes the true size. Construction fails
+    // (null, after the logged assertion "param.size != Vec2i(0,0)") when the true size cannot be
+    // read or a given side is 0 or less.
     static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
                                                   ConstructionParam param);
     static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
                                                   imaging::RawPixelFormat format,
                                                   SharedPtr<imaging::ColorProfile> profile,
                                                   bool regionRead, int imageType);
-    static SharedPtr<imaging::ImageSource> create(
-        ResourceManager* manager, ResourceID id, imaging::RawPixelFormat format,
-        SharedPtr<imaging::ColorProfile> commonProfile,
-        SharedPtr<imaging::ColorProfile> imageProfile,
-        SharedPtr<imaging::ImageSource> underlyingSource, bool regionRead, int imageType);
+    static SharedPtr<imaging::ImageSource> create(ResourceManager* manager, ResourceID id,
+                                                  imaging::RawPixelFormat format,
+                                                  SharedPtr<imaging::ColorProfile> commonProfile,
+                                                  SharedPtr<imaging::ColorProfile> imageProfile,
+                                                  SharedPtr<imaging::ImageSource> underlyingSource,
+                                                  bool regionRead, int imageType);
 
 protected:
     ResourceImageIOImageSource(ResourceManager* manager, ResourceID id,
-                               const ConstructionParam& param);
+                               const ConstructionParam& param, const String& knownPath);
     String lockFile() override;
     void unlockFile() override;
 

@@ -45,8 +45,8 @@ struct JpegBandReader::State {
     int bandLinesDone = 0;         // lines of the current band filled so far
 };
 
-JpegBandReader::JpegBandReader(std::string path, ImageQuality quality)
-    : _path(std::move(path)), _quality(quality) {}
+JpegBandReader::JpegBandReader(std::string path, ImageQuality quality, int scaleDenominator)
+    : _path(std::move(path)), _quality(quality), _scaleDenominator(scaleDenominator) {}
 
 JpegBandReader::~JpegBandReader() { stop(); }
 
@@ -56,9 +56,13 @@ void JpegBandReader::stop() {
     _state.reset();
 }
 
-bool JpegBandReader::start(RandomAccessFile& file) {
-    auto state = std::make_unique<State>();
-    State& s = *state;
+namespace {
+
+// Reads the header of the JPEG in `file` into s.cinfo, created here. False, with s.cinfo
+// destroyed again, for a file that the band reads do not serve (see readsFile). Holds no object
+// with a destructor, as it calls setjmp.
+template <class S>
+bool readServedHeader(S& s, RandomAccessFile& file) {
     s.cinfo.err = initJpegErrorManager(s.err);
     if (setjmp(s.err.jump)) {
         jpeg_destroy_decompress(&s.cinfo);
@@ -72,7 +76,37 @@ bool JpegBandReader::start(RandomAccessFile& file) {
         jpeg_destroy_decompress(&c);
         return false;
     }
-    // As decodeJpeg decodes at full size.
+    return true;
+}
+
+}  // namespace
+
+bool JpegBandReader::readsFile(const std::string& path) {
+    try {
+        RandomAccessFileStd file(path);
+        const auto state = std::make_unique<State>();
+        if (!readServedHeader(*state, file)) return false;
+        jpeg_destroy_decompress(&state->cinfo);
+        return true;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return false;  // no such file: whoever reads it reports that
+    }
+}
+
+bool JpegBandReader::start(RandomAccessFile& file) {
+    auto state = std::make_unique<State>();
+    State& s = *state;
+    if (!readServedHeader(s, file)) return false;
+    if (setjmp(s.err.jump)) {  // the jump of the header read ended with its frame
+        jpeg_destroy_decompress(&s.cinfo);
+        return false;
+    }
+    jpeg_decompress_struct& c = s.cinfo;
+    // As decodeJpeg decodes at full size; a denominator above 1 has libjpeg scale its DCTs.
+    c.scale_num = 1;
+    c.scale_denom = unsigned(_scaleDenominator);
     c.out_color_space = JCS_EXT_RGBA;
     c.dct_method = _quality == ImageQualityBest ? JDCT_FLOAT : JDCT_IFAST;
     c.do_fancy_upsampling = FALSE;

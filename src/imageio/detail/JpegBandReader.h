@@ -12,6 +12,11 @@
 // upsampling. Progressive files (whose decoder holds the coefficients of the whole picture) and
 // CMYK files are not read here: read() says so and the caller decodes the band by itself.
 //
+// With a scale denominator of 2, 4 or 8 the reader gives the picture reduced by that factor as
+// libjpeg's DCT scaling decodes it: ceil(W / d) x ceil(H / d) pixels, each from the low
+// frequencies of its block, at a fraction of the work of the full size (the inverse DCTs are
+// smaller and colour conversion and upsampling see a d-th of the lines).
+//
 // Thread contract: one read at a time; the owner serialises them.
 
 #include <memory>
@@ -23,12 +28,18 @@ namespace qor::imageio::detail {
 
 class JpegBandReader {
 public:
-    JpegBandReader(std::string path, ImageQuality quality);
+    // `scaleDenominator` 1 reads the picture as stored; 2, 4 or 8 reduces it (see above).
+    JpegBandReader(std::string path, ImageQuality quality, int scaleDenominator = 1);
     ~JpegBandReader();
     JpegBandReader(const JpegBandReader&) = delete;
     JpegBandReader& operator=(const JpegBandReader&) = delete;
 
-    // Lines [top, top + height) of the stored picture at full width. Null when the file cannot be
+    // True when `path` is a JPEG that this reader reads: its header can be read, and it is
+    // neither progressive nor CMYK. Reads the header alone; throws nothing but std::bad_alloc.
+    static bool readsFile(const std::string& path);
+
+    // Lines [top, top + height) of the stored picture (reduced by the scale denominator) at full
+    // width. Null when the file cannot be
     // read band by band (progressive, CMYK, no header, lines outside the picture, or an earlier
     // failure): the caller then decodes the band another way. A libjpeg failure after the first
     // line logs "JpegBandReader: libjpeg failed in '...': ..." and gives the lines read so far,
@@ -46,6 +57,7 @@ private:
 
     const std::string _path;
     const ImageQuality _quality;
+    const int _scaleDenominator;
     std::unique_ptr<State> _state;  // null while no decoder runs
     bool _unusable = false;         // the file is read another way from now on
     long long _linesDecoded = 0;

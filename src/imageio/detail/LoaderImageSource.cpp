@@ -9,8 +9,8 @@
 
 #include "imageio/ImageScaling.h"
 #include "imageio/detail/LoaderPixels.h"
-#include "imaging/ImagingException.h"
 #include "imaging/ImageTile.h"
+#include "imaging/ImagingException.h"
 
 namespace qor::imageio::detail {
 
@@ -20,6 +20,43 @@ SharedPtr<imaging::ImageSource> LoaderImageSource<F>::create(
     const ImageLoader::PostProcess& postProcess, bool bands, math::GenVec<int, 2> size) {
     auto* source = new LoaderImageSource(loader, imageType, tileSize, postProcess, bands, size);
     return source->setupSelfRef();
+}
+
+namespace {
+
+// The stored size reduced by `denominator` as libjpeg's DCT scaling reduces it.
+math::GenVec<int, 2> reducedBy(math::GenVec<int, 2> stored, int denominator) {
+    return math::GenVec<int, 2>((stored.x + denominator - 1) / denominator,
+                                (stored.y + denominator - 1) / denominator);
+}
+
+constexpr int kDctDenominators[] = {8, 4, 2};
+
+}  // namespace
+
+int directReduction(const ImageLoader& loader, double scale) {
+    if (loader.format() != ImageLoader::FormatJpeg || loader.orientation() != 1 || !(scale > 0))
+        return 1;
+    for (int denominator : kDctDenominators) {
+        // 1e-9: a factor such as 0.5 given as a quotient still allows its own denominator.
+        if (denominator * scale > 1.0 + 1e-9) continue;
+        return JpegBandReader::readsFile(std::string(loader.path().view())) ? denominator : 1;
+    }
+    return 1;
+}
+
+math::GenVec<int, 2> reducedSize(const ImageLoader& loader, int factor) {
+    return factor > 1 ? reducedBy(loader.storedSize(), factor) : loader.size();
+}
+
+template <imaging::RawPixelFormat F>
+int LoaderImageSource<F>::jpegDenominator(const ImageLoader& loader, bool bands,
+                                          math::GenVec<int, 2> size) {
+    if (!bands || loader.format() != ImageLoader::FormatJpeg || loader.orientation() != 1) return 0;
+    if (size == loader.storedSize()) return 1;
+    for (int denominator : kDctDenominators)
+        if (size == reducedBy(loader.storedSize(), denominator)) return denominator;
+    return 0;
 }
 
 template <imaging::RawPixelFormat F>
@@ -40,15 +77,17 @@ LoaderImageSource<F>::LoaderImageSource(const ImageLoader& loader, int imageType
       _layout(size, tileSize, math::GenVec<int, 2>(0, 0), size),
       _postProcess(postProcess),
       _bands(bands),
+      _dctReduction(jpegDenominator(loader, bands, size)),
       _maxKept(maxKeptBands(size.x, tileSize.y)) {
-    // Bands of a JPEG or PNG read as stored come from one decoder that goes on from band to band.
-    if (!bands || loader.orientation() != 1 || size != loader.size()) return;
+    // Bands of a JPEG or PNG read as stored come from one decoder that goes on from band to band;
+    // a JPEG's decoder may reduce it on the way.
     const std::string path(loader.path().view());
-    if (loader.format() == ImageLoader::FormatJpeg) {
+    if (_dctReduction > 0) {
         const ImageQuality quality =
             imageType == ImageLoader::ImageTypeFull ? ImageQualityBest : ImageQualityFast;
-        _jpeg = std::make_unique<JpegBandReader>(path, quality);
-    } else if (loader.format() == ImageLoader::FormatPng) {
+        _jpeg = std::make_unique<JpegBandReader>(path, quality, _dctReduction);
+    } else if (bands && loader.orientation() == 1 && size == loader.size() &&
+               loader.format() == ImageLoader::FormatPng) {
         _png = std::make_unique<PngBandReader>(path);
     }
 }
@@ -81,18 +120,23 @@ SharedPtr<const imaging::GenImageData<Element, 4>> withElements(
 }  // namespace
 
 template <imaging::RawPixelFormat F>
-auto LoaderImageSource<F>::readTile(const math::Recti& rect, unsigned int row)
-    -> SharedPtr<const Data> {
-    if (_layout.imageSize != _loader.size()) return readReduced(rect);
-    if (!_bands) return _loader.template read<Element>(_imageType, rect);
+void LoaderImageSource<F>::readTile(imaging::ImageTile& tile, const math::Recti& rect,
+                                    unsigned int row) {
+    const bool areaReduced = _layout.imageSize != _loader.size() && _dctReduction <= 1;
+    if (areaReduced || !_bands) {
+        tile.setRawData<F>(areaReduced ? readReduced(rect)
+                                       : _loader.template read<Element>(_imageType, rect));
+        return;
+    }
+    // Cut straight into the tile's own storage: no buffer of the tile's size in between.
     const unsigned int column = unsigned(rect.mins.x / _layout.tileSize.x);
     const SharedPtr<const Data> band = bandFor(row, column);
+    const SharedPtr<Data> out = tile.getRawDataTarget<F>();
+    if (!out) throw std::bad_alloc();
     const int bandTop = _layout.getTileRect(0, int(row)).mins.y;
-    auto out = Data::create(rect.width(), rect.height());
     for (int y = 0; y < rect.height(); ++y)
         std::copy_n(band->row(rect.mins.y - bandTop + y) + size_t(rect.mins.x) * 4,
                     size_t(rect.width()) * 4, out->row(y));
-    return out;
 }
 
 template <imaging::RawPixelFormat F>
@@ -119,8 +163,7 @@ auto LoaderImageSource<F>::keptBand(unsigned int row, unsigned int column)
 }
 
 template <imaging::RawPixelFormat F>
-auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column)
-    -> SharedPtr<const Data> {
+auto LoaderImageSource<F>::bandFor(unsigned int row, unsigned int column) -> SharedPtr<const Data> {
     {
         ScopedLock<thread::Mutex> lock(_bandMutex);
         if (SharedPtr<const Data> band = keptBand(row, column)) return band;
@@ -177,6 +220,7 @@ auto LoaderImageSource<F>::decodeBand(const math::Recti& rect) -> SharedPtr<cons
             fits(band))
             return withElements<Element>(band);
     }
+    if (_dctReduction > 1) return readReduced(rect);  // a file the band reader no longer reads
     return _loader.template read<Element>(_imageType, rect);
 }
 
@@ -189,7 +233,8 @@ auto LoaderImageSource<F>::readReduced(const math::Recti& rect) -> SharedPtr<con
         const double sx = double(full.x) / _layout.imageSize.x;
         const double sy = double(full.y) / _layout.imageSize.y;
         const math::Recti under(
-            math::GenVec<int, 2>(int(std::floor(rect.mins.x * sx)), int(std::floor(rect.mins.y * sy))),
+            math::GenVec<int, 2>(int(std::floor(rect.mins.x * sx)),
+                                 int(std::floor(rect.mins.y * sy))),
             math::GenVec<int, 2>(std::min(full.x, int(std::ceil(rect.maxs.x * sx))),
                                  std::min(full.y, int(std::ceil(rect.maxs.y * sy)))));
         return scaleTrilinear_destructive(_loader.read<unsigned char>(_imageType, under),
@@ -199,12 +244,11 @@ auto LoaderImageSource<F>::readReduced(const math::Recti& rect) -> SharedPtr<con
 
 template <imaging::RawPixelFormat F>
 SharedPtr<const imaging::ImageTile> LoaderImageSource<F>::computeTileData(unsigned int column,
-                                                                           unsigned int row) {
+                                                                          unsigned int row) {
     const math::Recti rect = _layout.getTileRect(int(column), int(row));
-    SharedPtr<const Data> data = readTile(rect, row);
     SharedPtr<imaging::ImageTile> tile =
         imaging::ImageTile::create(rect.size(), F, getDrawParameters());
-    tile->setRawData<F>(data);
+    readTile(*tile, rect, row);
     if (_postProcess) _postProcess(tile);
     return tile;
 }

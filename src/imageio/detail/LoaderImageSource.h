@@ -4,7 +4,9 @@
 // its rectangle from the file, then runs the post-process function on it.
 //
 // A source smaller than the picture (8-bit only) reads, for each tile, the picture's pixels under
-// it and scales them down to the tile.
+// it and scales them down to the tile. A JPEG shown as stored whose source is its picture reduced
+// by 2, 4 or 8 (each side rounded up, see directReduction) is read in bands at that size by
+// libjpeg's DCT scaling instead.
 //
 // With `bands` (formats that decode from the top, such as JPEG and PNG) a tile reads the whole
 // band of its tile row, full width, and the last bands are kept, so that the other tiles of those
@@ -31,13 +33,21 @@
 
 #include "base/thread/Mutex.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/detail/JpegBandReader.h"
+#include "imageio/detail/PngBandReader.h"
 #include "imaging/ImageSource.h"
 #include "imaging/RawImageStorage.h"
 #include "imaging/TileLayout.h"
-#include "imageio/detail/JpegBandReader.h"
-#include "imageio/detail/PngBandReader.h"
 
 namespace qor::imageio::detail {
+
+// The largest of 2, 4 and 8 that `scale` allows (at most 1 / scale) by which a loader's source
+// of the picture of `loader` reduced by it decodes the file at that size directly: a JPEG shown
+// as stored that JpegBandReader reads. 1 when there is no such factor or file. Reads the file's
+// header; the caller holds its lock. Throws std::bad_alloc only.
+int directReduction(const ImageLoader& loader, double scale);
+// The size of the picture of `loader` reduced by such a factor: each side divided, rounded up.
+math::GenVec<int, 2> reducedSize(const ImageLoader& loader, int factor);
 
 // What the file sources ask of a loader's source: one tile read on the calling thread, so that a
 // tile job of theirs never waits for a job of another source on the same workers.
@@ -84,9 +94,13 @@ protected:
                                                         unsigned int row) override;
 
 private:
+    // The DCT scale denominator at which the band reader decodes a source of `size`: 1 for the
+    // stored size, 2, 4 or 8 for the reductions libjpeg makes, 0 for any other size or file.
+    static int jpegDenominator(const ImageLoader& loader, bool bands, math::GenVec<int, 2> size);
     // How many bands of `width` x `bandHeight` kKeptBandBytes holds, and at least two.
     static std::size_t maxKeptBands(int width, int bandHeight);
-    SharedPtr<const Data> readTile(const math::Recti& rect, unsigned int row);
+    // Reads the pixels of `rect`, the tile's rectangle in tile row `row`, into `tile`.
+    void readTile(imaging::ImageTile& tile, const math::Recti& rect, unsigned int row);
     SharedPtr<const Data> readReduced(const math::Recti& rect);
     // The band of tile row `row`, kept or decoded now; counts `column` as cut from it.
     SharedPtr<const Data> bandFor(unsigned int row, unsigned int column);
@@ -107,8 +121,11 @@ private:
     const imaging::TileLayout _layout;
     const ImageLoader::PostProcess _postProcess;
     const bool _bands;
+    // Above 1: the picture is read reduced by this factor, through _jpeg.
+    const int _dctReduction;
     thread::Mutex _decodeMutex;
-    // The sequential reader of a JPEG shown as stored; null for other files.
+    // The sequential reader of a JPEG shown as stored, at its size or reduced; null for other
+    // files.
     std::unique_ptr<JpegBandReader> _jpeg QOR_GUARDED_BY(_decodeMutex);
     // The sequential reader of a PNG shown as stored; null for other files.
     std::unique_ptr<PngBandReader> _png QOR_GUARDED_BY(_decodeMutex);
