@@ -253,14 +253,6 @@ TEST(GLCapabilities, RenderableFormatsFollowTheirTestBits) {
     EXPECT_TRUE(isRenderableFor(PfRGBA16F, TcRenderRGBA16F));
     EXPECT_FALSE(isRenderableFor(PfRed16, AllRenderCaps & ~unsigned(TcRenderR16)));
     EXPECT_TRUE(isRenderableFor(PfRed16, TcRenderR16));
-
-    // The driver builds the mipmaps of what it renders into, and of floats only where it filters
-    // them.
-    EXPECT_TRUE(mipmapsByDriverFor(PfRGBA8, 0, TcBase));
-    EXPECT_FALSE(mipmapsByDriverFor(PfRGB16, SibFloatFiltering, TcBase | TcRGBA16Precision));
-    EXPECT_TRUE(mipmapsByDriverFor(PfRGB16, 0, TcRenderRGB16));
-    EXPECT_FALSE(mipmapsByDriverFor(PfRGBA16F, 0, AllRenderCaps));
-    EXPECT_TRUE(mipmapsByDriverFor(PfRGBA16F, SibFloatFiltering, AllRenderCaps));
 }
 
 TEST(GLFormats, TransferFormatsFollowTheFormatWord) {
