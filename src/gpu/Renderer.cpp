@@ -1,9 +1,11 @@
 #include "gpu/Renderer.h"
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 
 #include "base/Log.h"
+#include "base/thread/JobDispatcher.h"
 #include "base/thread/Mutex.h"
 #include "gpu/TextureImageStorage.h"
 #include "gpu/gl2/RendererGL.h"
@@ -49,6 +51,61 @@ bool acceptablePath(const std::string& path) {
 }
 
 bool rendererExists() { return bool(renderer()); }
+
+// Where the loaded renderer goes when its last reference does. Workers take references for a
+// moment (a storage's deleter asks renderer() whether it runs on the GL thread), so the last one
+// may go on a worker, where the renderer must not end: its destructor calls GL, empties the
+// framebuffer-object pool and shuts glw down, all of which belong to the GL thread. The deleter
+// therefore never deletes; it hands the renderer over, and unloadRenderer, on the GL thread,
+// waits for it and deletes it there.
+struct RendererHandover {
+    Mutex mutex;
+    ConditionVariable arrived;                        // notified when `ended` is set
+    Renderer* ended QOR_GUARDED_BY(mutex) = nullptr;  // the renderer whose references are gone
+};
+
+RendererHandover& handover() {
+    static auto* h = new RendererHandover;
+    return *h;
+}
+
+// The deleter of the loaded renderer; runs on whichever thread drops the last reference.
+void handOver(Renderer* r) {
+    RendererHandover& h = handover();
+    ScopedLock<Mutex> lock(h.mutex);
+    QOR_ASSERT_TEXT(!h.ended, "!h.ended");
+    h.ended = r;
+    h.arrived.notifyAll();
+}
+
+// GL thread: drops `r`, the unloaded renderer, and deletes it here once every other reference
+// has gone. Blocks meanwhile, running the GL jobs of the default dispatcher in case a thread
+// holding a reference waits for one.
+void endOnGLThread(SharedPtr<Renderer> r) {
+    const WeakSharedPtr<Renderer> watch = r;
+    r.reset();
+    RendererHandover& h = handover();
+    thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+    const auto start = std::chrono::steady_clock::now();
+    bool reported = false;
+    ScopedLock<Mutex> lock(h.mutex);
+    while (!h.ended) {
+        if (h.arrived.timedWait(lock, 0.1)) continue;
+        {
+            ScopedUnlock<Mutex> unlocked(lock);
+            if (dispatcher.isGLThread()) dispatcher.processGLJobs();
+        }
+        if (!reported && std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) {
+            QOR_LOG(LogWarning, "unloadRenderer: waiting for %* references to the renderer",
+                    watch.use_count());
+            reported = true;
+        }
+    }
+    Renderer* ended = h.ended;
+    h.ended = nullptr;
+    lock.unlock();
+    delete ended;
+}
 
 // Tells the image layer what the renderer can do: the largest texture for the GPU tile size, and
 // the free graphics memory as the limit of the GPU storage area where the driver reports it and
@@ -130,7 +187,7 @@ bool loadRenderer() {
     if (existing) return true;
     SharedPtr<Renderer> made;
     try {
-        made = std::make_shared<RendererGL>(nullptr);
+        made = SharedPtr<Renderer>(new RendererGL(nullptr), handOver);
     } catch (const std::exception& e) {
         QOR_LOG(LogError, "Failed to load GL renderer: %*", e.what());
         return false;
@@ -161,8 +218,7 @@ void unloadRenderer() {
         ScopedLock<Mutex> lock(rendererMutex());
         s_rendererSlot().reset();
     }
-    // The renderer ends here, on the GL thread, unless someone else still holds it.
-    r.reset();
+    endOnGLThread(std::move(r));
 }
 
 SharedPtr<Renderer> renderer() {

@@ -7,7 +7,9 @@
 // exists. The shader search paths are process-wide too and may change at any time.
 //
 // Ownership: the loaded renderer is held by a process-wide SharedPtr that unloadRenderer() drops;
-// its GL objects must be gone by then, so callers drop their textures before unloading.
+// its GL objects must be gone by then, so callers drop their textures before unloading. Other
+// threads may hold references for a moment; the renderer still ends on the GL thread, inside
+// unloadRenderer(), which waits for them.
 // Thread contract: loadRenderer, unloadRenderer, freeUnusedStorage and every virtual operation run
 // on the GL thread (the thread of the GL context). renderer(), the static settings and the search
 // paths may be used from any thread.
@@ -45,11 +47,10 @@ class Shader;
 // The native handle of a GL context (an EGLContext here).
 using GLContextType = void*;
 
-// Memory figures of the graphics card, where the driver reports them. Sizes in bytes.
+// Memory figures of the graphics card, where the driver reports them (GL_ATI_meminfo).
 struct GPUMemoryInfo {
-    bool known = false;            // false: the driver has no memory query
-    std::uint64_t totalBytes = 0;  // dedicated memory; 0 when only the free size is reported
-    std::uint64_t freeBytes = 0;   // free texture memory now
+    bool known = false;           // false: the driver has no memory query
+    std::uint64_t freeBytes = 0;  // free texture memory in bytes, as last read
 };
 
 class Renderer {
@@ -160,8 +161,8 @@ private:
 // thread. False when that fails ("Failed to load GL renderer: ..." is logged): the process then
 // runs without GPU rendering and renderer() stays null. Never throws.
 bool loadRenderer();
-// Frees what the renderer holds (unused GPU storage, garbage, the texture cache) and drops it.
-// GL thread only.
+// Frees what the renderer holds (unused GPU storage, garbage, the texture cache) and ends it, on
+// this thread: blocks until references that other threads still hold are gone. GL thread only.
 void unloadRenderer();
 // The loaded renderer, or null. Any thread.
 SharedPtr<Renderer> renderer();

@@ -9,6 +9,7 @@
 #include "imaging/ImageSourceJobs.h"
 #include "imaging/ImageStorageManager.h"
 #include "imaging/ImageTile.h"
+#include "imaging/ImagingException.h"
 #include "imaging/RawImageStorage.h"
 
 namespace qor::gpu {
@@ -27,6 +28,13 @@ bool checkRenderThread() {
     const bool ok = onRenderThread();
     QOR_ASSERT_TEXT(ok, "renderer()->isValidRenderThread()");
     return ok;
+}
+
+// The guard of the constructors: off the render thread no GL object may be made, so the storage
+// is refused with the logged assertion and a RenderTargetException.
+void refuseOffRenderThread() {
+    if (!checkRenderThread())
+        throw RenderTargetException("TextureImageStorage: made off the GL thread");
 }
 
 const FastString<char>& storageKey() {
@@ -48,7 +56,7 @@ TextureImageStorage::TextureImageStorage(const RawImageStorage* src, RawPixelFor
                                          const WeakSharedPtr<ImageTile>& tile,
                                          const DrawParameters& params)
     : ImageStorage(tile), _size(src ? src->width() : 0, src ? src->height() : 0) {
-    checkRenderThread();
+    refuseOffRenderThread();
     QOR_ASSERT_TEXT(src, "src");
     if (!src) throw GPUBadAlloc("std::bad_alloc(): Could not allocate texture!");
     createTarget(format, params);
@@ -59,7 +67,7 @@ TextureImageStorage::TextureImageStorage(const Vec2i& size, RawPixelFormat forma
                                          const WeakSharedPtr<ImageTile>& tile,
                                          const DrawParameters& params)
     : ImageStorage(tile), _size(size) {
-    checkRenderThread();
+    refuseOffRenderThread();
     createTarget(format, params);
 }
 
@@ -95,16 +103,23 @@ SharedPtr<ImageStorage> TextureImageStorage::setupSelfRef() {
         return existing;
     }
     // The last reference may go on any thread: off the GL thread the storage waits in the
-    // collector for freeUnusedStorage(). Its ImageStorageManager entry goes at once.
+    // collector for freeUnusedStorage(). Its texture stays on the card until then, and so does its
+    // ImageStorageManager entry, which the collector removes as it deletes the storage.
     SharedPtr<ImageStorage> self(this, [](ImageStorage* storage) {
-        storage->unregister();
         auto* texture = static_cast<TextureImageStorage*>(storage);
-        if (onRenderThread())
+        if (onRenderThread()) {
+            storage->unregister();
             delete texture;
-        else
+        } else {
             TextureStorageCollector::instance()->add(texture);
+        }
     });
     _selfRef = self;
+    // The entry holds the texture's own format and the renderer's cost of it, not the tile's
+    // format and width * height * its bytes per pixel: a Red16 tile in an RGBA16 texture holds four
+    // times what its format says, and a mipmapped one 13 / 10 of that, so the GPU area's account
+    // and limit follow what the card really holds. The tile's touch, which names the storage's
+    // current format, also finds the entry only under the texture's format.
     ImageStorageManager::instance()->registerStorage(storageKey(), self, _pixelFormat,
                                                      memoryConsumption(), SaGPU);
     return self;
@@ -343,8 +358,12 @@ std::size_t TextureStorageCollector::collect() {
         dropped.swap(_storages);
     }
     // Deleted outside the mutex: a texture going back to the cache may run the cache's
-    // bookkeeping, and nothing may wait on this mutex meanwhile.
-    for (TextureImageStorage* storage : dropped) delete storage;
+    // bookkeeping, and nothing may wait on this mutex meanwhile. Each leaves the GPU area's
+    // account here, as its texture leaves the card.
+    for (TextureImageStorage* storage : dropped) {
+        storage->unregister();
+        delete storage;
+    }
     // The debug figure is what is still waiting: storages dropped on workers meanwhile.
     QOR_LOG(LogDebug, "TextureStorageCollector: %*", size());
     return dropped.size();

@@ -16,7 +16,8 @@
 // Ownership and threads: a storage is made on the GL thread. Its last reference may go on any
 // thread: on the GL thread the storage is deleted at once; elsewhere the deleter of its self
 // reference hands it to TextureStorageCollector, and freeUnusedStorage() deletes it later on the
-// GL thread. readBack may be called on any
+// GL thread; until then its texture is on the card and its entry stays in the GPU area of
+// ImageStorageManager. readBack may be called on any
 // thread: off the GL thread it runs as a job there and waits for it, so the GL thread must pump
 // GL jobs meanwhile. Every other operation runs on the GL thread (asserted
 // "renderer()->isValidRenderThread()"). The storage has no lock of its own: GL work is serialised
@@ -44,8 +45,10 @@ using imaging::RawImageStorage;
 class TextureImageStorage : public imaging::ImageStorage {
 public:
     // The pixels of `src` (which has the tile's size) in a texture for `format`, the tile's
-    // format. GL thread. Throws GPUBadAlloc "std::bad_alloc(): Could not allocate texture!" when
-    // no texture could be made in ten attempts, and std::bad_alloc when the upload keeps failing.
+    // format. GL thread: elsewhere it logs the assertion "renderer()->isValidRenderThread()" and
+    // throws RenderTargetException before any GL call. Throws GPUBadAlloc "std::bad_alloc():
+    // Could not allocate texture!" when no texture could be made in ten attempts, and
+    // std::bad_alloc when the upload keeps failing.
     TextureImageStorage(const RawImageStorage* src, RawPixelFormat format,
                         const WeakSharedPtr<ImageTile>& tile, const DrawParameters& params);
     // A blank texture of `size` for `format`. GL thread; throws as above.
@@ -57,8 +60,8 @@ public:
     ~TextureImageStorage() override;
 
     // The self reference, whose deleter removes the ImageStorageManager entry and deletes the
-    // storage on the GL thread or hands it to TextureStorageCollector elsewhere; and the entry in
-    // the GPU area of ImageStorageManager.
+    // storage on the GL thread or hands it, still entered, to TextureStorageCollector elsewhere;
+    // and the entry in the GPU area of ImageStorageManager, under the texture's format and cost.
     SharedPtr<imaging::ImageStorage> setupSelfRef() override;
     // The texture's format.
     RawPixelFormat getCurrentPixelFormat() override { return _pixelFormat; }
@@ -129,8 +132,8 @@ public:
 
     // Takes ownership of a storage that nobody references any more.
     void add(TextureImageStorage* storage);
-    // Deletes the storages waiting here and returns how many. GL thread (asserted; elsewhere it
-    // deletes nothing).
+    // Removes the storages waiting here from ImageStorageManager and deletes them; returns how
+    // many. GL thread (asserted; elsewhere it deletes nothing).
     std::size_t collect();
     // Storages waiting.
     std::size_t size() const;

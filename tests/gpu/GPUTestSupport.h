@@ -47,6 +47,7 @@ protected:
         if (!_renderer) return;
         testing::clearSimulatedGLErrors();
         testing::failAddressSpaceProbes(0);
+        testing::forceBorderTexels(false);
         _renderer = nullptr;
         LogCapture quiet;
         unloadRenderer();

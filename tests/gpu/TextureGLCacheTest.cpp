@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "GPUTestSupport.h"
+#include "base/Exception.h"
 #include "gpu/gl2/TextureGL.h"
 #include "gpu/gl2/glw.h"
 
@@ -168,6 +169,27 @@ TEST_F(TextureGLCacheTest, OutOfMemoryTwiceThrowsAndKeepsNoName) {
     EXPECT_TRUE(glIsTexture(next->id()));
 }
 
+TEST_F(TextureGLCacheTest, AnotherGLErrorIsReportedAsItselfAndRunsNoHandler) {
+    auto cache = TextureGLCache::obtain();
+    makeTexture(8, 8).reset();  // something the handlers could free
+    const size_t used = cache->usedCount();
+    LogCapture log;
+    testing::simulateGLError(GLErrorCheck::TextureAllocation, GL_INVALID_VALUE, 1);
+    try {
+        makeTexture(16, 16);
+        ADD_FAILURE() << "no exception";
+    } catch (const std::bad_alloc& e) {
+        ADD_FAILURE() << "reported as out of memory: " << e.what();
+    } catch (const Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("invalid value"), std::string::npos) << e.what();
+    }
+    EXPECT_TRUE(log.contains("OpenGL error: 1281(invalid value)"));
+    EXPECT_FALSE(log.contains("GL_OUT_OF_MEMORY"));
+    EXPECT_EQ(log.assertions("!err"), 1u);
+    EXPECT_EQ(cache->freeCount(), 1u) << "the memory handlers ran";
+    EXPECT_EQ(cache->usedCount(), used);
+}
+
 TEST_F(TextureGLCacheTest, AFailedAddressProbeRunsTheHandlersAndGoesOn) {
     auto cache = TextureGLCache::obtain();
     makeTexture(8, 8).reset();
@@ -226,6 +248,19 @@ TEST(TextureGLCacheThreads, TheNewHandlerRefusesOnAWorkerWithoutTouchingTheCache
     EXPECT_FALSE(chainFreed) << "the only handler of this process refused";
     EXPECT_EQ(log.count("std::bad_alloc(): Invalid thread!"), 2u);
     EXPECT_EQ(cache->freeCount(), 1u);
+    EXPECT_TRUE(glIsTexture(spareId));
+
+    // Asked directly, the cache deletes nothing off the GL thread either.
+    bool released = true;
+    std::thread direct([&] {
+        released = cache->releaseFreeTextures();
+        cache->clearCache();
+    });
+    direct.join();
+    EXPECT_FALSE(released);
+    EXPECT_EQ(log.assertions("glwIsGLThread()"), 2u);
+    EXPECT_EQ(cache->freeCount(), 1u);
+    EXPECT_EQ(cache->costs(), TextureGLCache::computeCost(8, 8, PfRGBA8, false));
     EXPECT_TRUE(glIsTexture(spareId));
 
     cache->clearCache();

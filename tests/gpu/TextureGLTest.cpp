@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "GPUTestSupport.h"
 #include "gpu/gl2/TextureGL.h"
@@ -264,6 +265,44 @@ TEST_F(TextureGLTest, MipmapsAreBuiltFromLevelZero) {
     TextureGL plain(Vec2i(4, 4), PfRGBA8, DrawParameters(), false);
     plain.updateMipmaps();
     EXPECT_EQ(log.assertions("_drawParameters.isMipmapped()"), 1u);
+}
+
+// The levels built on the processor, for formats the driver does not render into, are the
+// driver's: 2 x 2 means down to 1 x 1. The driver stores each level before it takes the mean of
+// it for the next, the processor keeps the means in float: a step of rounding a level apart.
+TEST_F(TextureGLTest, MipmapsBuiltOnTheProcessorEqualTheDriversLevels) {
+    const DrawParameters mipmapped(MM_LINEAR, IM_LINEAR, IM_LINEAR);
+    const Vec2i size(16, 8);
+    struct Case {
+        RawPixelFormat format;
+        double step;  // of the format
+    } cases[] = {{PfRGBA8, 1.01 / 255}, {PfRGB32F, 1e-4}, {PfRed16, 1.01 / 65535}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(pixelFormatString(c.format).c_str());
+        TextureGL byDriver(size, c.format, mipmapped, false);
+        TextureGL byProcessor(size, c.format, mipmapped, false);
+        auto src = pattern<float, 4>(size.x, size.y);
+        for (int y = 0; y < size.y; ++y)
+            for (int x = 0; x < size.x; ++x)
+                for (int ch = 0; ch < 4; ++ch) src->at(x, y, ch) = float(src->at(x, y, ch)) / 200;
+        byDriver.setDataRGBA(src);
+        byProcessor.setDataRGBA(src);
+        byDriver.updateMipmaps();
+        byProcessor.buildMipmapsOnProcessor();
+        for (int level = 1, w = 8, h = 4; level <= 4;
+             ++level, w = std::max(w / 2, 1), h = std::max(h / 2, 1)) {
+            std::vector<float> a(std::size_t(w) * h * 4), b(a.size());
+            glwBindTexture(0, GL_TEXTURE_2D, byDriver.id());
+            glGetTexImage(GL_TEXTURE_2D, level, GL_RGBA, GL_FLOAT, a.data());
+            glwBindTexture(0, GL_TEXTURE_2D, byProcessor.id());
+            glGetTexImage(GL_TEXTURE_2D, level, GL_RGBA, GL_FLOAT, b.data());
+            double worst = 0;
+            for (std::size_t i = 0; i < a.size(); ++i)
+                worst = std::max(worst, std::fabs(double(a[i]) - double(b[i])));
+            EXPECT_LE(worst, c.step * level) << "level " << level;
+        }
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(TextureGLTest, RectangleTexturesAddressTexels) {

@@ -16,6 +16,7 @@
 #include "gpu/TextureImageStorage.h"
 #include "gpu/TextureOperatorImageSource.h"
 #include "imaging/ImageSourceJobs.h"
+#include "imaging/ImageStorageManager.h"
 #include "imaging/ImageTile.h"
 #include "imaging/SimpleImageSource.h"
 
@@ -64,18 +65,27 @@ TEST_F(TextureImageStorageThreads, ReadBackOnAWorkerRunsOnTheGLThreadAndGivesThe
     EXPECT_EQ(test::maxDifference<PfRGBA16F>(*here, *there, Recti(Vec2i(33, 17))), 0.0);
 }
 
+// The texture stays on the card until the GL thread collects it, and so in the GPU area's account.
 TEST_F(TextureImageStorageThreads, StorageDroppedOnAWorkerWaitsForFreeUnusedStorage) {
+    ImageStorageManager* manager = ImageStorageManager::instance();
+    const std::uint64_t accountBefore = manager->memoryConsumption(SaGPU);
     auto gpu = std::static_pointer_cast<TextureImageStorage>(
         (new TextureImageStorage(Vec2i(16, 16), PfRGBA8, WeakSharedPtr<ImageTile>()))
             ->setupSelfRef());
+    const std::uint64_t cost = gpu->memoryConsumption();
+    ASSERT_GT(cost, 0u);
+    EXPECT_EQ(manager->memoryConsumption(SaGPU), accountBefore + cost);
     const std::size_t usedBefore = TextureGLCache::instance()->usedCount();
     std::thread worker([held = std::move(gpu)]() mutable { held.reset(); });
     worker.join();
     EXPECT_EQ(TextureStorageCollector::instance()->size(), 1u);
     EXPECT_EQ(TextureGLCache::instance()->usedCount(), usedBefore) << "texture kept until then";
+    EXPECT_EQ(manager->memoryConsumption(SaGPU), accountBefore + cost)
+        << "the texture left the GPU account while it is still on the card";
     freeUnusedStorage();
     EXPECT_EQ(TextureStorageCollector::instance()->size(), 0u);
     EXPECT_EQ(TextureGLCache::instance()->usedCount(), usedBefore - 1);
+    EXPECT_EQ(manager->memoryConsumption(SaGPU), accountBefore);
 }
 
 TEST_F(TextureImageStorageThreads, CreatingATextureOnAWorkerIsRefused) {
@@ -88,6 +98,24 @@ TEST_F(TextureImageStorageThreads, CreatingATextureOnAWorkerIsRefused) {
     // The tile asks the handler once from its processor copy and once more after reading it.
     EXPECT_GE(log.count("Trying to create a texture from a non-gl thread!"), 1u);
     EXPECT_FALSE(tile->hasData<TextureImageStorage>());
+
+    // Made directly, the storage refuses before any GL call.
+    auto cache = TextureGLCache::obtain();
+    const std::size_t used = cache->usedCount();
+    log.clear();
+    bool refused = false;
+    std::thread direct([&] {
+        try {
+            TextureImageStorage storage(Vec2i(8, 8), PfRGBA8, WeakSharedPtr<ImageTile>());
+        } catch (const RenderTargetException&) {
+            refused = true;
+        }
+    });
+    direct.join();
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(log.assertions("renderer()->isValidRenderThread()"), 1u);
+    EXPECT_EQ(log.assertions(), 1u) << "GL was called off the GL thread";
+    EXPECT_EQ(cache->usedCount(), used);
 }
 
 // Four 32 x 32 tiles of a 64 x 64 pattern, each a tile of its own with the pattern's pixels at its

@@ -185,13 +185,18 @@ void FramebufferObject::unbind() {
     glwBindFramebuffer(0, _bind);
 }
 
+void FramebufferObject::endUse(FBOBindType bindType, bool unbindToo) {
+    SharedPtr<FramebufferObject> fbo = getBoundFBO(bindType);
+    if (!fbo) return;
+    // The object may be bound both ways; the binding that ends is the one asked for.
+    fbo->_bind = bindType;
+    fbo->detach();
+    if (unbindToo) fbo->unbind();
+}
+
 void FramebufferObject::releasePool() {
-    for (SharedPtr<FramebufferObject>& bound : s_fboCurrent) {
-        if (!bound) continue;
-        SharedPtr<FramebufferObject> fbo = bound;
-        fbo->detach();
-        fbo->unbind();
-    }
+    endUse(FBO_Bind_Draw, true);
+    endUse(FBO_Bind_Read, true);
     if (!s_fboCache) return;
     delete s_fboCache;
     s_fboCache = nullptr;

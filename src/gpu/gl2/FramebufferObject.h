@@ -40,6 +40,11 @@ public:
                                                 FBOBindType bindType);
     // The object bound now as `bindType`, or null.
     static SharedPtr<FramebufferObject> getBoundFBO(FBOBindType bindType);
+    // Ends the use of the object bound as `bindType`, if any: detaches its texture and, with
+    // `unbindToo`, binds 0 there. One object can be bound for drawing and for reading at once (a
+    // render leaves it bound for drawing, a read-back of a texture of the same configuration
+    // binds it for reading); this ends the `bindType` binding whichever came last.
+    static void endUse(FBOBindType bindType, bool unbindToo);
     // Deletes every pooled object (detaching and unbinding them first).
     static void releasePool();
     // Pooled objects now.

@@ -230,4 +230,9 @@ bool isRenderableFor(RawPixelFormat format, unsigned tc) {
     }
 }
 
+bool mipmapsByDriverFor(RawPixelFormat format, unsigned systemInfoBits, unsigned tc) {
+    if (isFloatFormat(format) && !(systemInfoBits & SibFloatFiltering)) return false;
+    return isRenderableFor(format, tc);
+}
+
 }  // namespace qor::gpu

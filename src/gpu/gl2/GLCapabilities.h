@@ -97,4 +97,10 @@ imaging::RawPixelFormat chooseTextureFormatFor(imaging::RawPixelFormat format,
 // Whether a render target of `format` works, by the capability bits, without fallback.
 bool isRenderableFor(imaging::RawPixelFormat format, unsigned textureCapabilities);
 
+// Whether the driver builds the mipmap levels of a texture of `format` (glGenerateMipmap renders
+// them): a format it renders into, and for floats one it can also filter (system bit 0x40). The
+// levels of the others are built on the processor.
+bool mipmapsByDriverFor(imaging::RawPixelFormat format, unsigned systemInfoBits,
+                        unsigned textureCapabilities);
+
 }  // namespace qor::gpu

@@ -1,5 +1,8 @@
 #include "gpu/gl2/GLError.h"
 
+// After epoxy's gl.h (through GLError.h), whose guard keeps GLU from including GL/gl.h.
+#include <GL/glu.h>
+
 #include "base/Log.h"
 #include "gpu/GPUBadAlloc.h"
 #include "gpu/gl2/GLTestHooks.h"
@@ -26,28 +29,14 @@ void clearSimulatedGLErrors() {
 #endif
 
 const char* glErrorString(GLenum code) {
-    switch (code) {
-        case GL_NO_ERROR:
-            return "no error";
-        case GL_INVALID_ENUM:
-            return "invalid enumerant";
-        case GL_INVALID_VALUE:
-            return "invalid value";
-        case GL_INVALID_OPERATION:
-            return "invalid operation";
-        case GL_STACK_OVERFLOW:
-            return "stack overflow";
-        case GL_STACK_UNDERFLOW:
-            return "stack underflow";
-        case GL_OUT_OF_MEMORY:
-            return "out of memory";
-        case GL_TABLE_TOO_LARGE:
-            return "table too large";
-        case GL_INVALID_FRAMEBUFFER_OPERATION:
-            return "invalid framebuffer operation";
-        default:
-            return nullptr;
-    }
+    return reinterpret_cast<const char*>(gluErrorString(code));
+}
+
+void reportGLError(GLenum err) {
+    if (const char* text = glErrorString(err))
+        QOR_LOG(LogError, "OpenGL error: %*(%*)", err, text);
+    else
+        QOR_LOG(LogError, "Unknown OpenGL error: %*", err);
 }
 
 GLenum takeGLError(GLErrorCheck site) {
@@ -68,10 +57,7 @@ GLenum takeGLError(GLErrorCheck site) {
 GLenum checkGLError(GLErrorCheck site) {
     const GLenum err = takeGLError(site);
     if (err == GL_NO_ERROR) return err;
-    if (const char* text = glErrorString(err))
-        QOR_LOG(LogError, "OpenGL error: %*(%*)", err, text);
-    else
-        QOR_LOG(LogError, "Unknown OpenGL error: %*", err);
+    reportGLError(err);
     if (err == GL_OUT_OF_MEMORY) throw GPUBadAlloc("std::bad_alloc()");
     return err;
 }

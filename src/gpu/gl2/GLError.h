@@ -13,9 +13,12 @@ enum class GLErrorCheck {
     ShaderLink,
 };
 
-// The text GLU gives for an error code ("invalid enumerant", "out of memory" ...); null for a
-// code it does not know.
+// The text GLU's gluErrorString gives for an error code ("invalid enumerant", "out of memory"
+// ...); null for a code it does not know.
 const char* glErrorString(GLenum code);
+
+// Logs "OpenGL error: %*(%*)" with the code and its text, or "Unknown OpenGL error: %*".
+void reportGLError(GLenum err);
 
 // glGetError, for the check at `site`.
 GLenum takeGLError(GLErrorCheck site);

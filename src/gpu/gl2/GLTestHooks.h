@@ -23,6 +23,10 @@ void failAddressSpaceProbes(int times);
 // The next `times` completeness checks of a framebuffer object report it unsupported.
 void failFramebufferChecks(int times);
 
+// While on, textures are made as on a driver without edge clamping: with a border texel around
+// the image.
+void forceBorderTexels(bool on);
+
 // Real GL calls that glw has made so far.
 std::uint64_t glwCallCount();
 

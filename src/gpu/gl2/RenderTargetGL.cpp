@@ -167,12 +167,14 @@ void drawTextureRect(const SharedPtr<TextureGL>& source, const SharedPtr<Texture
         throw RenderTargetException(formatLog("Drawing a texture copy gave GL error %*", err));
 }
 
+// `rect` and `srcrect` are in allocated texels of their textures; setData* takes image
+// coordinates and adds the destination's border itself.
 template <class T, int N>
-void copyThroughProcessor(const TextureGL& source, Texture& destination, const Recti& rect,
+void copyThroughProcessor(const TextureGL& source, TextureGL& destination, const Recti& rect,
                           const Recti& srcrect, std::uint32_t letters) {
     auto temp = GenImageData<T, N>::create(source.texSize().x, source.texSize().y);
     readWhole<T, N>(source, temp, letters);
-    const Recti target = rect + Vec2i(-source.border(), -source.border());
+    const Recti target = rect + Vec2i(-destination.border(), -destination.border());
     auto view = viewOf<T, N>(temp, srcrect);
     if constexpr (N == 3) destination.setDataRGB(view, target);
     if constexpr (N == 4) {
@@ -245,10 +247,7 @@ void TextureTargetGL::finishRender(const SharedPtr<Drawer>& drawer) {
     if (!_isRendering) return;
     if (drawer) drawer->end();
     if (offscreenRenderSupport()) {
-        if (auto fbo = FramebufferObject::getBoundFBO(FBO_Bind_Draw)) {
-            fbo->detach();
-            if (s_unbindFBOOnFinish) fbo->unbind();
-        }
+        FramebufferObject::endUse(FBO_Bind_Draw, s_unbindFBOOnFinish);
     } else {
         _texture->setDataFromBackbuffer(Recti(_texture->size()));
     }
@@ -353,12 +352,13 @@ void TextureTargetGL::textureCopyCPU(const SharedPtr<Texture>& source,
                                      const SharedPtr<Texture>& destination, const Recti& rect,
                                      const Recti& srcrect) {
     auto sourceGL = glTexture(source);
-    if (!sourceGL || !destination) return;
+    auto destinationGL = glTexture(destination);
+    if (!sourceGL || !destinationGL) return;
     const bool sameSize = rect.size() == srcrect.size();
     QOR_ASSERT_TEXT(sameSize, "rect.size() == srcrect.size()");
     if (!sameSize) return;
     const TextureGL& src = *sourceGL;
-    Texture& dst = *destination;
+    TextureGL& dst = *destinationGL;
     switch (src.pixelFormat()) {
         case PfRGBA8:
             copyThroughProcessor<unsigned char, 4>(src, dst, rect, srcrect, LettersRGBA);
@@ -436,10 +436,7 @@ Vec2i FramebufferTargetGL::drawableSize() const {
 SharedPtr<Drawer> FramebufferTargetGL::beginRender() {
     QOR_ASSERT_TEXT(!s_rendering, "!s_rendering");
     if (s_rendering) throwDuringRender("FramebufferTargetGL");
-    if (auto fbo = FramebufferObject::getBoundFBO(FBO_Bind_Draw)) {
-        fbo->detach();
-        fbo->unbind();
-    }
+    FramebufferObject::endUse(FBO_Bind_Draw, true);
     if (_renderer->hasFBO()) glwBindFramebuffer(0, FBO_Bind_Draw);
     _drawer->setViewport(Recti(_size));
     _drawer->setOrtho(Rectf(Vec2f(0, 0), Vec2f(float(_size.x), float(_size.y))), OrthoNear,

@@ -97,7 +97,7 @@ RendererGL::RendererGL(GLContextType) {
     in.vendor = _vendor;
     in.extensions = _extensions;
     in.multipleWindowsDefect = _hasMultipleWindowsDefect;
-    in.osVersionNumber = detail::osVersionNumberOf(os);
+    in.osVersionNumber = detail::osVersionNumber();
     in.osVersion = os;
     _systemInfoBits = computeSystemInfoBits(in);
     computeTextureCapabilities();
@@ -182,32 +182,18 @@ std::uint64_t RendererGL::computeMemoryCost(const Vec2i& size, RawPixelFormat fo
 }
 
 void RendererGL::updateMemoryUsage() {
-    if (_hasATIMeminfo) {
-        GLint values[4] = {0, 0, 0, 0};
-        glGetIntegerv(GL_TEXTURE_FREE_MEMORY_ATI, values);
-        _memoryUsage = std::uint64_t(values[0]) << 10;
-    } else if (_hasNVXMeminfo) {
-        GLint available = 0;
-        glGetIntegerv(GL_GPU_MEMORY_INFO_CURRENT_AVAILABLE_VIDMEM_NVX, &available);
-        _memoryUsage = std::uint64_t(available) << 10;
-    }
+    if (!_hasATIMeminfo) return;
+    // The first of the values is the free memory of the texture pool, in kilobytes.
+    GLint values[4] = {0, 0, 0, 0};
+    glGetIntegerv(GL_TEXTURE_FREE_MEMORY_ATI, values);
+    _memoryUsage = std::uint64_t(values[0]) << 10;
 }
 
 GPUMemoryInfo RendererGL::memoryInfo() const {
+    // The figure updateMemoryUsage read last; GL is not asked here.
     GPUMemoryInfo info;
-    if (_hasNVXMeminfo) {
-        GLint total = 0, available = 0;
-        glGetIntegerv(GL_GPU_MEMORY_INFO_DEDICATED_VIDMEM_NVX, &total);
-        glGetIntegerv(GL_GPU_MEMORY_INFO_CURRENT_AVAILABLE_VIDMEM_NVX, &available);
-        info.known = true;
-        info.totalBytes = std::uint64_t(total) << 10;
-        info.freeBytes = std::uint64_t(available) << 10;
-    } else if (_hasATIMeminfo) {
-        GLint values[4] = {0, 0, 0, 0};
-        glGetIntegerv(GL_TEXTURE_FREE_MEMORY_ATI, values);
-        info.known = true;
-        info.freeBytes = std::uint64_t(values[0]) << 10;
-    }
+    info.known = _hasATIMeminfo;
+    info.freeBytes = _memoryUsage;
     return info;
 }
 
@@ -260,7 +246,9 @@ SharedPtr<Texture> RendererGL::createTextureRect(const SharedPtr<RawImageStorage
 }
 
 SharedPtr<FramebufferTarget> RendererGL::createFramebufferTarget() {
-    return std::make_shared<FramebufferTargetGL>(this);
+    auto target = std::make_shared<FramebufferTargetGL>(this);
+    updateMemoryUsage();
+    return target;
 }
 
 SharedPtr<TextureTarget> RendererGL::createTextureTarget(const Vec2i& size, RawPixelFormat format) {
@@ -343,12 +331,8 @@ void RendererGL::clearTextureCache() {
 }
 
 void RendererGL::releaseCurrentTarget() {
-    for (FBOBindType bind : {FBO_Bind_Draw, FBO_Bind_Read}) {
-        if (auto fbo = FramebufferObject::getBoundFBO(bind)) {
-            fbo->detach();
-            fbo->unbind();
-        }
-    }
+    FramebufferObject::endUse(FBO_Bind_Draw, true);
+    FramebufferObject::endUse(FBO_Bind_Read, true);
 }
 
 }  // namespace qor::gpu

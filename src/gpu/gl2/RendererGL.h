@@ -101,14 +101,14 @@ public:
     bool hasEdgeClamp() const { return _hasEdgeClamp; }
     // Free texture memory in bytes as last read; 0 when the driver does not report it.
     std::uint64_t memoryUsage() const { return _memoryUsage; }
-    // Reads the free texture memory again, where the driver reports it.
+    // Reads the free texture memory again where the driver reports it (GL_ATI_meminfo): at
+    // construction, after each creating operation, collectGarbage and clearTextureCache.
     void updateMemoryUsage();
     // Logs both bit sets, one line a bit.
     void logSystemInfoBits() const;
 
-    // The render test: makes a 1024 x 1024 texture in `internalFormat`, attaches it to a
-    // framebuffer object, clears it to a known colour and reads a pixel back. True when the
-    // framebuffer is complete and the colour came back.
+    // The render test: makes a 1024 x 1024 texture in `internalFormat` and attaches it to a
+    // framebuffer object. True when the framebuffer is complete.
     bool checkFBOBind(GLenum internalFormat);
 
 private:
@@ -118,7 +118,6 @@ private:
     void checkTextureSize();
     void computeTextureCapabilities();
     void checkRenderTargetCapabilities();
-    bool renderTestColour(GLuint fbo, GLenum internalFormat);
     // Compiles and links, retrying after GL_OUT_OF_MEMORY (see createShader).
     SharedPtr<ShaderGL> compileShader(const std::string& name, const std::string& vertexSource,
                                       const std::string& fragmentSource);

@@ -1,10 +1,7 @@
 // RendererGL: the texture capability tests and their log.
 
-#include <cmath>
-
 #include "base/Log.h"
 #include "gpu/gl2/GLError.h"
-#include "gpu/gl2/PixelStore.h"
 #include "gpu/gl2/RendererGL.h"
 #include "gpu/gl2/glw.h"
 
@@ -13,27 +10,6 @@ namespace qor::gpu {
 namespace {
 
 constexpr int TestSize = 1024;
-// The colour the render test clears to, and how far a read value may be from it: 8-bit channels
-// are the coarsest tested, and hold each value within half a step of 1/255.
-constexpr float TestColour[4] = {0.25f, 0.5f, 0.75f, 1.0f};
-constexpr float TestTolerance = 1.0f / 128;
-
-// The channels of `internalFormat` that the render test compares.
-int testedChannels(GLenum internalFormat) {
-    switch (internalFormat) {
-        case GL_R8:
-        case GL_R16:
-        case GL_R16F:
-        case GL_R32F:
-            return 1;
-        case GL_RGB16:
-        case GL_RGB16F:
-        case GL_RGB32F:
-            return 3;
-        default:
-            return 4;
-    }
-}
 
 }  // namespace
 
@@ -113,8 +89,7 @@ bool RendererGL::checkFBOBind(GLenum internalFormat) {
         status == GL_FRAMEBUFFER_COMPLETE_EXT || status == GL_FRAMEBUFFER_UNSUPPORTED_EXT,
         "status == GL_FRAMEBUFFER_COMPLETE_EXT || status == "
         "GL_FRAMEBUFFER_UNSUPPORTED_EXT");
-    bool ok = status == GL_FRAMEBUFFER_COMPLETE_EXT;
-    if (ok) ok = renderTestColour(fbo, internalFormat);
+    const bool ok = status == GL_FRAMEBUFFER_COMPLETE_EXT;
 
     glFramebufferTexture2D(drawTarget, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
     glwBindFramebuffer(0, FBO_Bind_Draw);
@@ -122,36 +97,6 @@ bool RendererGL::checkFBOBind(GLenum internalFormat) {
     glDeleteTextures(1, &texture);
     glwNotifyTextureDeleted(texture);
     drainGLErrors();
-    return ok;
-}
-
-bool RendererGL::renderTestColour(GLuint fbo, GLenum internalFormat) {
-    glwPushAttrib();
-    glwEnableScissorTest(false);
-    glColorMask(GL_TRUE, GL_TRUE, GL_TRUE, GL_TRUE);
-    glDisable(GL_DITHER);
-    glwClearColor(TestColour[0], TestColour[1], TestColour[2], TestColour[3]);
-    glClear(GL_COLOR_BUFFER_BIT);
-
-    glwBindFramebuffer(fbo, FBO_Bind_Read);
-    glReadBuffer(GL_COLOR_ATTACHMENT0);
-    float pixel[4] = {-1, -1, -1, -1};
-    {
-        PixelStoreScope pack(PixelStoreScope::Pack, 0);
-        glReadPixels(TestSize / 2, TestSize / 2, 1, 1, GL_RGBA, GL_FLOAT, pixel);
-    }
-    const GLenum err = glGetError();
-    glwBindFramebuffer(0, FBO_Bind_Read);
-    glwPopAttrib();
-
-    bool ok = err == GL_NO_ERROR;
-    for (int c = 0; ok && c < testedChannels(internalFormat); ++c)
-        ok = std::fabs(pixel[c] - TestColour[c]) <= TestTolerance;
-    if (!ok)
-        QOR_LOG(LogWarning,
-                "checkFBOBind: render test failed (internal format = %*): read %* %* %* %*, "
-                "GL error %*",
-                internalFormat, pixel[0], pixel[1], pixel[2], pixel[3], err);
     return ok;
 }
 

@@ -157,6 +157,7 @@ SharedPtr<Shader> RendererGL::createShader(const std::string& vertexFile,
                         std::chrono::steady_clock::now() - start)
                         .count();
     QOR_LOG(LogInfo, "Shader %* built in %* ms", name, ms);
+    updateMemoryUsage();
     return shader;
 }
 
@@ -166,7 +167,9 @@ SharedPtr<Shader> RendererGL::createShaderFromSource(const std::string& vertexSo
     QOR_ASSERT_TEXT(hasShaderObjects(), "GLEW_ARB_shader_objects");
     QOR_ASSERT_TEXT(hasVertexShader(), "GLEW_ARB_vertex_shader");
     if (!hasShaderObjects() || !hasVertexShader()) fail("The driver has no shader objects");
-    return compileShader(name, vertexSource, fragmentSource);
+    SharedPtr<Shader> shader = compileShader(name, vertexSource, fragmentSource);
+    updateMemoryUsage();
+    return shader;
 }
 
 SharedPtr<ShaderGL> RendererGL::compileShader(const std::string& name,

@@ -1,11 +1,15 @@
 #include "gpu/gl2/TextureGL.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "base/Log.h"
 #include "gpu/GPUBadAlloc.h"
 #include "gpu/gl2/GLCapabilities.h"
 #include "gpu/gl2/GLError.h"
+#include "gpu/gl2/GLFormats.h"
+#include "gpu/gl2/GLTestHooks.h"
+#include "gpu/gl2/PixelStore.h"
 #include "gpu/gl2/RendererGL.h"
 #include "gpu/gl2/glw.h"
 
@@ -18,17 +22,28 @@ namespace {
 // What a texture needs to know of the driver; a GL 2 driver's answers when no renderer is loaded.
 struct DriverTraits {
     unsigned systemInfoBits = 0;
+    unsigned textureCapabilities = ~0u;
     bool nonPowerOfTwo = true;
     bool edgeClamp = true;
+    bool framebufferObjects = true;
 };
+
+#ifdef QOR_TESTING
+bool g_forceBorderTexels = false;  // GL thread only
+#endif
 
 DriverTraits driverTraits() {
     DriverTraits traits;
     if (auto* gl = dynamic_cast<RendererGL*>(renderer().get())) {
         traits.systemInfoBits = gl->systemInfoBits();
+        traits.textureCapabilities = gl->textureCapabilities();
+        traits.framebufferObjects = gl->hasFBO();
         traits.nonPowerOfTwo = gl->supportsNonPowerOfTwo();
         traits.edgeClamp = gl->hasEdgeClamp();
     }
+#ifdef QOR_TESTING
+    if (g_forceBorderTexels) traits.edgeClamp = false;
+#endif
     return traits;
 }
 
@@ -41,6 +56,12 @@ int roundUpToPowerOfTwo(int v) {
 bool isPowerOfTwo(int v) { return v > 0 && (v & (v - 1)) == 0; }
 
 }  // namespace
+
+#ifdef QOR_TESTING
+namespace testing {
+void forceBorderTexels(bool on) { g_forceBorderTexels = on; }
+}  // namespace testing
+#endif
 
 TextureGL::TextureGL(const Vec2i& size, RawPixelFormat format, const DrawParameters& drawParameters,
                      bool rectangle)
@@ -136,16 +157,57 @@ void TextureGL::setDrawParameters(const DrawParameters& params) {
 void TextureGL::updateMipmaps() {
     QOR_ASSERT_TEXT(_drawParameters.isMipmapped(), "_drawParameters.isMipmapped()");
     if (!_drawParameters.isMipmapped() || !_id) return;
+    // glGenerateMipmap renders the levels: it is taken for the formats the driver renders into
+    // (and filters, for floats); for the others it fails or is left undone on some drivers.
+    const DriverTraits traits = driverTraits();
+    const bool byDriver =
+        traits.framebufferObjects &&
+        mipmapsByDriverFor(_format, traits.systemInfoBits, traits.textureCapabilities);
+    if (!byDriver) {
+        buildMipmapsOnProcessor();
+        return;
+    }
     glwBindTexture(0, _target, _id);
-    const int version = epoxy_gl_version();
-    if (version >= 30 || epoxy_has_gl_extension("GL_ARB_framebuffer_object") ||
-        epoxy_has_gl_extension("GL_EXT_framebuffer_object")) {
-        glGenerateMipmap(_target);
-    } else {
-        QOR_LOG(LogError, "updateMipmaps: the driver has no glGenerateMipmap");
-        QOR_ASSERT(false);
+    glGenerateMipmap(_target);
+    checkGLError(GLErrorCheck::Transfer);
+}
+
+void TextureGL::buildMipmapsOnProcessor() {
+    if (!_id) return;
+    glwBindTexture(0, _target, _id);
+    const GLenum format = glPixelFormat(_format);
+    const GLint internalFormat = GLint(glInternalFormat(_format));
+    const int channels = int(getChannelCount(_format));
+    int w = _texSize.x, h = _texSize.y;
+    std::vector<float> level(std::size_t(w) * h * channels);
+    {
+        PixelStoreScope pack(PixelStoreScope::Pack, 0);
+        glGetTexImage(_target, 0, format, GL_FLOAT, level.data());
     }
     checkGLError(GLErrorCheck::Transfer);
+    PixelStoreScope unpack(PixelStoreScope::Unpack, 0);
+    // Each level is the 2 x 2 mean of the one above; an odd last row or column is taken twice.
+    for (int index = 1; w > 1 || h > 1; ++index) {
+        const int nw = std::max(w / 2, 1), nh = std::max(h / 2, 1);
+        std::vector<float> next(std::size_t(nw) * nh * channels);
+        auto at = [&](int x, int y, int c) {
+            return level[(std::size_t(y) * w + x) * channels + c];
+        };
+        for (int y = 0; y < nh; ++y) {
+            const int y0 = std::min(2 * y, h - 1), y1 = std::min(2 * y + 1, h - 1);
+            for (int x = 0; x < nw; ++x) {
+                const int x0 = std::min(2 * x, w - 1), x1 = std::min(2 * x + 1, w - 1);
+                for (int c = 0; c < channels; ++c)
+                    next[(std::size_t(y) * nw + x) * channels + c] =
+                        0.25f * (at(x0, y0, c) + at(x1, y0, c) + at(x0, y1, c) + at(x1, y1, c));
+            }
+        }
+        glTexImage2D(_target, index, internalFormat, nw, nh, 0, format, GL_FLOAT, next.data());
+        checkGLError(GLErrorCheck::Transfer);
+        level.swap(next);
+        w = nw;
+        h = nh;
+    }
 }
 
 bool TextureGL::resize(const Vec2i& size) {

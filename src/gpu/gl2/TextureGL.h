@@ -29,7 +29,13 @@ public:
 
     void setDrawParameters(const DrawParameters& params) override;
     DrawParameters getDrawParameters() const override { return _drawParameters; }
+    // Builds the levels below level 0: by the driver for a format it renders into (and filters,
+    // for floats), by buildMipmapsOnProcessor otherwise. Asserts "_drawParameters.isMipmapped()".
     void updateMipmaps() override;
+    // Builds the levels on the processor: level 0 read back as floats, each level below the 2 x 2
+    // mean of the one above, uploaded in the texture's format. Throws std::bad_alloc on
+    // GL_OUT_OF_MEMORY.
+    void buildMipmapsOnProcessor();
     bool compatibleDrawParameters(const DrawParameters& params) const override;
 
     using Texture::setDataBGRA;

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "base/Exception.h"
 #include "base/Log.h"
 #include "gpu/GPUBadAlloc.h"
 #include "gpu/Renderer.h"
@@ -230,17 +231,23 @@ GLuint TextureGLCache::allocTexture(GLenum target, const Vec2i& size, RawPixelFo
         err = takeGLError(GLErrorCheck::TextureAllocation);
     }
     if (err != GL_NO_ERROR) {
-        if (err == GL_OUT_OF_MEMORY)
+        const bool outOfMemory = err == GL_OUT_OF_MEMORY;
+        if (outOfMemory)
             QOR_LOG(LogError,
                     "std::bad_alloc(): Texture creation failed due to GL_OUT_OF_MEMORY error!");
         else
-            QOR_LOG(LogError, "OpenGL error: %*(%*)", err,
-                    glErrorString(err) ? glErrorString(err) : "?");
+            reportGLError(err);
         glwUnbindTexture(0);
         deleteTexture(id);
         QOR_ASSERT_TEXT(!err, "!err");
-        throw GPUBadAlloc(
-            "std::bad_alloc(): Texture creation failed due to GL_OUT_OF_MEMORY error!");
+        if (outOfMemory)
+            throw GPUBadAlloc(
+                "std::bad_alloc(): Texture creation failed due to GL_OUT_OF_MEMORY error!");
+        // Any other error is no shortage: freeing memory cannot help, so it is not a bad_alloc
+        // that the callers' retry loops would answer by evicting.
+        const char* text = glErrorString(err);
+        throw Exception(formatLog("Texture creation failed: OpenGL error %*(%*)", err,
+                                  text ? text : "unknown"));
     }
 
     ScopedLock<Mutex> lock(_mutex);
@@ -277,13 +284,7 @@ void TextureGLCache::releaseTexture(GLuint id) {
     evictUnlocked(0);
 }
 
-bool TextureGLCache::releaseFreeTextures() {
-    std::list<Entry> taken;
-    {
-        ScopedLock<Mutex> lock(_mutex);
-        taken.swap(_freeTextures);
-    }
-    if (taken.empty()) return false;
+void TextureGLCache::deleteTaken(const std::list<Entry>& taken) {
     std::uint64_t freed = 0;
     for (const Entry& e : taken) {
         deleteTexture(e.id);
@@ -291,16 +292,30 @@ bool TextureGLCache::releaseFreeTextures() {
     }
     ScopedLock<Mutex> lock(_mutex);
     _costs -= freed;
+}
+
+bool TextureGLCache::releaseFreeTextures() {
+    if (!glwCheckCorrectThread()) return false;
+    std::list<Entry> taken;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        taken.swap(_freeTextures);
+    }
+    if (taken.empty()) return false;
+    deleteTaken(taken);
     return true;
 }
 
 void TextureGLCache::clearCache() {
+    if (!glwCheckCorrectThread()) return;
+    std::list<Entry> taken;
     {
+        // One step: what is logged is what is taken.
         ScopedLock<Mutex> lock(_mutex);
-        QOR_LOG(LogInfo, "GL texture cache: free %*, used %*", _freeTextures.size(),
-                _usedTextures.size());
+        taken.swap(_freeTextures);
+        QOR_LOG(LogInfo, "GL texture cache: free %*, used %*", taken.size(), _usedTextures.size());
     }
-    releaseFreeTextures();
+    deleteTaken(taken);
 }
 
 }  // namespace qor::gpu

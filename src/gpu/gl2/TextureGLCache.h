@@ -67,14 +67,17 @@ public:
     // A texture name of `target` with level 0 allocated at `size` in `format`'s internal format:
     // a free one of the same kind, or a new one after room was made. Left bound on unit 0. GL
     // thread. Throws std::bad_alloc when the proxy test fails or GL stays out of memory after the
-    // handler chain ran.
+    // handler chain ran, and Exception ("Texture creation failed: OpenGL error ...") when the
+    // allocation gives another GL error.
     GLuint allocTexture(GLenum target, const Vec2i& size, imaging::RawPixelFormat format,
                         bool mipmapped);
     // Gives a name back: kept for reuse, or deleted at once when the cache is off. GL thread.
     void releaseTexture(GLuint id);
-    // Deletes every free texture, logging "GL texture cache: free %*, used %*". GL thread.
+    // Takes every free texture and logs "GL texture cache: free %*, used %*" in one locked step,
+    // then deletes them. GL thread (asserted "glwIsGLThread()"; elsewhere nothing is done).
     void clearCache();
-    // Deletes the free textures, outside the mutex; true if there were any. GL thread.
+    // Deletes the free textures, outside the mutex; true if there were any. GL thread (asserted;
+    // elsewhere it deletes nothing and returns false).
     bool releaseFreeTextures();
 
     // Changes the limits; the next allocation or release evicts down to them.
@@ -109,6 +112,8 @@ private:
     // Deletes the oldest free textures while the new cost does not fit or there are too many.
     void evictUnlocked(std::uint64_t newCost) QOR_REQUIRES(_mutex);
     void deleteTexture(GLuint id);
+    // Deletes the textures taken off the free list and takes their costs off _costs.
+    void deleteTaken(const std::list<Entry>& taken) QOR_EXCLUDES(_mutex);
     // glTexImage2D on GL_PROXY_TEXTURE_2D; false when the driver cannot make the texture.
     static bool proxyTest(const Vec2i& size, imaging::RawPixelFormat format);
 

@@ -202,6 +202,7 @@ bool glwActiveTexture(unsigned unit) {
         return false;
     }
     QOR_ASSERT_TEXT(unit < MAX_TEXUNITS, "unit < MAX_TEXUNITS");
+    QOR_ASSERT_TEXT(_ctx->features.activeTexture, "glActiveTextureARB");
     if (unit >= MAX_TEXUNITS) return false;
     if (state().activeTexture == int(unit)) return false;
     state().activeTexture = int(unit);
