@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CodecTestSupport.h"
+#include "base/Log.h"
 #include "base/resource/ResourceManager.h"
 #include "imageio/ExportData.h"
 #include "imageio/IImageSaver.h"
@@ -224,6 +225,7 @@ TEST(ImageIOImageSource, VanishedFileFailsTheTileNamingThePath) {
         auto source = ImageIOImageSource::create(String(path), imaging::PfRGBA8, nullptr, regionRead);
         ASSERT_TRUE(source);
         std::filesystem::rename(path, path + ".moved");
+        LogCapture log;  // the failed read asserts "false" on its way
         try {
             source->getTile(0, 0, false, nullptr, {});
             ADD_FAILURE() << "a tile of a vanished file";
@@ -231,10 +233,13 @@ TEST(ImageIOImageSource, VanishedFileFailsTheTileNamingThePath) {
             EXPECT_EQ(e.type(), imaging::ImagingException::TypeIO);
             EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
         }
+        EXPECT_GE(log.assertions("false"), 1u);
         std::filesystem::rename(path + ".moved", path);
     }
+    LogCapture log;
     EXPECT_FALSE(ImageIOImageSource::create(String(folder.path() + "/never.jpg"), imaging::PfRGBA8,
                                             nullptr, true));
+    EXPECT_EQ(log.assertions("param.size != Vec2i(0,0)"), 1u);
 }
 
 TEST(ResourceImageIOImageSource, FollowsARenameAndKeepsWithinTheFileSize) {

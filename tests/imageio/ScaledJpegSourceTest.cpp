@@ -107,7 +107,9 @@ TEST(LoaderImageSource, JpegAtAReducedSizeCutsItsTilesFromScaledBands) {
         const Recti rect = source->tileLayout().getTileRect(t.x, t.y);
         EXPECT_EQ(testing::maxDifference(*tile->getDataRGBA8(), *testing::crop(*whole, rect)), 0)
             << t.x << "," << t.y;
-        if (i + 1 == size_t(count.x * count.y)) EXPECT_EQ(source->linesDecoded(), 51);
+        if (i + 1 == size_t(count.x * count.y)) {
+            EXPECT_EQ(source->linesDecoded(), 51);
+        }
     }
 }
 
@@ -169,7 +171,9 @@ TEST(ImageIOImageSource, ScaledJpegDecodesReducedAndStaysCloseToTheFullRoad) {
         const auto [mean, worst] = differences(*got, *expected);
         EXPECT_LT(mean, 2.0);
         EXPECT_LE(worst, 32);
-        if (c.reduction == 1) EXPECT_EQ(worst, 0) << "no reduction: the full road itself";
+        if (c.reduction == 1) {
+            EXPECT_EQ(worst, 0) << "no reduction: the full road itself";
+        }
     }
 }
 
