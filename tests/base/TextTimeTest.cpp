@@ -108,7 +108,7 @@ TEST(Timestamp, CalendarAgreesWithTheCLibraryAcrossLeapYearsAndBefore1970) {
 
                 std::tm back{};
                 ASSERT_TRUE(gmtime_r(&expected, &back));
-                char text[32];
+                char text[80];  // room for any int in each field, as the compiler checks
                 std::snprintf(text, sizeof text, "%04d:%02d:%02d %02d:%02d:%02d",
                               back.tm_year + 1900, back.tm_mon + 1, back.tm_mday, back.tm_hour,
                               back.tm_min, back.tm_sec);
