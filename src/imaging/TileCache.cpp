@@ -150,24 +150,12 @@ bool checkCacheable(const ImageSource* source, const SharedPtr<const ImageTile>&
 
 }  // namespace
 
-void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
-                              const Recti& rect, unsigned int version) {
-    if (!checkCacheable(source, tile)) return;
-    CacheState& s = state();
-    TileKey key(source, rect);
-    Released released;
-    ScopedLock<Mutex> lock(s.mutex);
-    if (!s.enabled) {
-        ++s.dropped;
-        return;
-    }
-    const LifeTile* existing = s.table.find(key);
-    if (existing) QOR_ASSERT_TEXT(existing->version != version, "t.version != version");
-    insertUnlocked(s, std::move(key), std::move(tile), version, existing, &released);
-}
+namespace {
 
-bool TileCache::cacheLifeTileIfNewer(SharedPtr<const ImageTile> tile, const ImageSource* source,
-                                     const Recti& rect, unsigned int version) {
+// Both writers in one step under the mutex: with `onlyIfNewer`, an entry of `version` or a newer
+// one stays; otherwise any entry is replaced, one of the same version with the assertion.
+bool store(SharedPtr<const ImageTile> tile, const ImageSource* source, const Recti& rect,
+           unsigned int version, bool onlyIfNewer) {
     if (!checkCacheable(source, tile)) return false;
     CacheState& s = state();
     TileKey key(source, rect);
@@ -178,9 +166,22 @@ bool TileCache::cacheLifeTileIfNewer(SharedPtr<const ImageTile> tile, const Imag
         return false;
     }
     const LifeTile* existing = s.table.find(key);
-    if (existing && existing->version >= version) return false;
+    if (existing && onlyIfNewer && existing->version >= version) return false;
+    if (existing) QOR_ASSERT_TEXT(existing->version != version, "t.version != version");
     insertUnlocked(s, std::move(key), std::move(tile), version, existing, &released);
     return true;
+}
+
+}  // namespace
+
+void TileCache::cacheLifeTile(SharedPtr<const ImageTile> tile, const ImageSource* source,
+                              const Recti& rect, unsigned int version) {
+    store(std::move(tile), source, rect, version, false);
+}
+
+bool TileCache::cacheLifeTileIfNewer(SharedPtr<const ImageTile> tile, const ImageSource* source,
+                                     const Recti& rect, unsigned int version) {
+    return store(std::move(tile), source, rect, version, true);
 }
 
 void TileCache::clearLifeTiles(const ImageSource* source) {

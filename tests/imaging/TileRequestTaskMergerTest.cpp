@@ -268,24 +268,14 @@ TEST_F(MergerTest, TilesFromTheCacheReachTheProgressCallbackToo) {
 
 // ---- cancelling ----
 
-TEST_F(MergerTest, AHandleCancelledTwiceIsWithdrawnOnce) {
-    ASSERT_TRUE(occupy());
-    Recorder first, second;
-    SharedPtr<RequestHandle> h1 = request(kSquare, first);
-    SharedPtr<RequestHandle> h2 = request(kSquare, second);
-    h1->cancel();
-    h1->cancel();  // used to find the handle gone from its task: "Apparently there is a race ..."
-    release();
-    ASSERT_TRUE(second.waitEnded());
-    expectEnd(second, ComputedTileInfo::Success);
-    EXPECT_EQ(first.records().size(), 1u);
-}
-
 TEST_F(MergerTest, CancellingOneOfTwoMergedHandlesLeavesTheOther) {
     ASSERT_TRUE(occupy());
     Recorder first, second;
     SharedPtr<RequestHandle> h1 = request(kSquare, first);
     SharedPtr<RequestHandle> h2 = request(kSquare, second);
+    h1->cancel();
+    // A second cancel of the same handle found it gone from its task: "Apparently there is a
+    // race concerning the handles in a Task!".
     h1->cancel();
     EXPECT_TRUE(h1->cancelled());
     EXPECT_FALSE(h2->cancelled());
