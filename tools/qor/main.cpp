@@ -41,8 +41,9 @@ const Command kCommands[] = {
      "(--size WxH --scale S [--cache-mb N] [--batch N] [--check] [--save FILE.jpg|.tif|.exr])",
      qor::tool::runPipelineDemo},
     {"info",
-     "item type, checksum, metadata fields and raw metadata of image or video files "
-     "([--json] FILE...)",
+     "item type, format, checksum, metadata fields and raw metadata of image or video files, "
+     "without decoding pixels; --verify decodes a small picture of each too, which alone finds "
+     "a truncated file ([--json] [--verify] FILE...)",
      qor::tool::runInfo},
     {"thumb", "a JPEG or BMP thumbnail of an image or video file (FILE [--size WxH] -o OUT)",
      qor::tool::runThumb},
