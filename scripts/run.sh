@@ -68,5 +68,5 @@ status=0
 # A bad file among good ones: one line on standard error, the others still done, exit status 1.
 head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMPLES/truncated.jpg"
 status=0
-"$QOR" info "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
-[ "$status" -eq 1 ] || { echo "qor info on a truncated file: exit status $status, not 1" >&2; exit 1; }
+"$QOR" info --verify "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
+[ "$status" -eq 1 ] || { echo "qor info --verify on a truncated file: exit status $status, not 1" >&2; exit 1; }
