@@ -47,6 +47,10 @@ exiv2 -it "$SAMPLES/harbour.jpg"  # inserts harbour-thumb.jpg as the EXIF thumbn
 "$QOR" thumb "$SAMPLES/harbour.jpg" --size 120x120 -o "$SAMPLES/harbour-small.jpg"
 "$QOR" thumb "$SAMPLES/tower.jpg" --size 256x256 -o "$SAMPLES/tower.bmp"
 "$QOR" thumb "$SAMPLES/generated.jpg" --size 320x200 -o "$SAMPLES/thumb.jpg"
+# Pictures are known by their content: TIFF, OpenEXR and a JPEG without an extension.
+cp "$SAMPLES/tower.jpg" "$SAMPLES/tower-without-extension"
+"$QOR" info "$SAMPLES/scaled.tif" "$SAMPLES/generated.exr" "$SAMPLES/tower-without-extension"
+"$QOR" thumb "$SAMPLES/generated.exr" --size 200x200 -o "$SAMPLES/exr-thumb.jpg"
 # Export: the generated JPEG at half size to TIFF and OpenEXR, the turned tower upright into a box
 # in Adobe RGB; bad arguments give exit status 2, an unreadable input 1.
 "$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/half.tif" --scale 0.5
