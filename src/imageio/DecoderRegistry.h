@@ -19,7 +19,8 @@
 //
 // Ownership: the registry owns its decoders, which live to the end of the process. Thread
 // contract: decoders are registered at start-up (the built-in ones on first use); finding and
-// decoding may run on many threads at once.
+// decoding may run on many threads at once. One mutex guards the list of decoders; it is held while
+// the decoders look at a file's first bytes, never while they decode.
 
 #include <cstddef>
 #include <memory>
@@ -62,7 +63,8 @@ public:
     virtual FileFormat format() const { return FileFormatOther; }
     // Whether the decoder takes a file that starts with `head` (DecoderHeadLength bytes; fewer,
     // possibly none, for a short file) and has the extension `upperExtension` (with its dot, upper
-    // case; may be empty). Must be safe on any bytes.
+    // case; may be empty). Must be safe on any bytes. Runs under the registry's lock: it must be
+    // quick and must not call the registry.
     virtual bool accepts(const unsigned char* head, size_t length,
                          const FastString<char>& upperExtension) const = 0;
     // Decodes as the contract above says. `file` is the file at `path`, open for reading; the

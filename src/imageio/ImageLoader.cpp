@@ -59,11 +59,16 @@ SharedPtr<imaging::GenImageData<S, 4>> pngRegion(const FastString<char>& path, V
 // The road of the formats read here; every other format is its decoder's.
 ImageLoader::Format formatOf(const ImageDecoder& decoder) {
     switch (decoder.format()) {
-        case FileFormatJpeg: return ImageLoader::FormatJpeg;
-        case FileFormatPng: return ImageLoader::FormatPng;
-        case FileFormatTiff: return ImageLoader::FormatTiff;
-        case FileFormatExr: return ImageLoader::FormatExr;
-        default: return ImageLoader::FormatRegistry;
+        case FileFormatJpeg:
+            return ImageLoader::FormatJpeg;
+        case FileFormatPng:
+            return ImageLoader::FormatPng;
+        case FileFormatTiff:
+            return ImageLoader::FormatTiff;
+        case FileFormatExr:
+            return ImageLoader::FormatExr;
+        default:
+            return ImageLoader::FormatRegistry;
     }
 }
 
@@ -83,8 +88,7 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
         unsigned char head[DecoderHeadLength];
         const size_t length = file.readAt(0, head, sizeof head);
         _decoder = findDecoder(head, length, detail::upperExtension(path));
-        if (!_decoder)
-            fail(path, length == 0 ? "empty file" : "no decoder recognises its content");
+        if (!_decoder) fail(path, length == 0 ? "empty file" : "no decoder recognises its content");
         _format = formatOf(*_decoder);
         if (_format == FormatJpeg)
             _metadata = detail::readJpegMetadata(file);
@@ -114,14 +118,15 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
             break;
         }
         case FormatExr: _storedSize = detail::readExrSize(std::string(path.view())); break;
-        case FormatRegistry: break;
+        case FormatRegistry:
+            break;
         default: _storedSize = _metadata->size(); break;
     }
     if (_storedSize.x <= 0 || _storedSize.y <= 0) {
         // A header that the metadata reader did not understand: decode to know the size.
         _storedSize = Vec2i(0, 0);
         if (_format == FormatJpeg || _format == FormatPng) {
-            const ImagePtr whole = decodeRegion(ImageQualityFast, {});
+            const ImagePtr whole = decodeThrough(Vec2i(0, 0), ImageQualityFast, {});
             _storedSize = Vec2i(whole->width(), whole->height());
         }
         if (_storedSize.x <= 0 || _storedSize.y <= 0) fail(path, "no picture size");
@@ -147,26 +152,12 @@ Vec2i ImageLoader::orientedSize(Vec2i size, int orientation) {
     return detail::uprightSize(size, orientation);
 }
 
-ImagePtr ImageLoader::decodeRegion(ImageQuality quality, const math::Recti& rect) const {
+ImagePtr ImageLoader::decodeThrough(Vec2i size, ImageQuality quality, const math::Recti& rect,
+                                    SharedPtr<Metadata>* decoded) const {
     ImagePtr image;
     try {
         RandomAccessFileStd file(_path.view());
-        _decoder->decode(file, _path, Vec2i(0, 0), quality, &image, nullptr, rect);
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception& e) {
-        fail(_path, e.what());
-    }
-    if (!image) fail(_path, "the picture does not decode");
-    return image;
-}
-
-ImagePtr ImageLoader::decodeFitted(Vec2i size, ImageQuality quality,
-                                   SharedPtr<Metadata>* decoded) const {
-    ImagePtr image;
-    try {
-        RandomAccessFileStd file(_path.view());
-        _decoder->decode(file, _path, size, quality, &image, decoded, {});
+        _decoder->decode(file, _path, size, quality, &image, decoded, rect);
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& e) {
@@ -174,6 +165,11 @@ ImagePtr ImageLoader::decodeFitted(Vec2i size, ImageQuality quality,
     }
     if (!image) fail(_path, std::string("the ") + _decoder->name() + " decoder cannot decode it");
     return image;
+}
+
+ImagePtr ImageLoader::decodeFitted(Vec2i size, ImageQuality quality,
+                                   SharedPtr<Metadata>* decoded) const {
+    return decodeThrough(size, quality, {}, decoded);
 }
 
 SharedPtr<imaging::ColorProfile> ImageLoader::getColorProfile() const {
@@ -217,8 +213,9 @@ ImagePtr ImageLoader::readStored8(int imageType, const math::Recti& rect) const 
         case FormatExr: return detail::readExrRegion<unsigned char>(std::string(_path.view()), rect);
         case FormatPng:
             if (ImagePtr region = pngRegion<unsigned char>(_path, _storedSize, rect)) return region;
-            return decodeRegion(quality, rect);
-        default: return decodeRegion(quality, rect);
+            return decodeThrough(Vec2i(0, 0), quality, rect);
+        default:
+            return decodeThrough(Vec2i(0, 0), quality, rect);
     }
 }
 

@@ -123,8 +123,10 @@ private:
     template <class T>
     SharedPtr<imaging::GenImageData<T, 4>> readStored(int imageType, const math::Recti& rect) const;
     ImagePtr readStored8(int imageType, const math::Recti& rect) const;
-    // `rect` of the stored picture through the decoder; throws ImageLoaderException.
-    ImagePtr decodeRegion(ImageQuality quality, const math::Recti& rect) const;
+    // What decodeFitted says, or `rect` of the stored picture at full size; throws
+    // ImageLoaderException.
+    ImagePtr decodeThrough(Vec2i size, ImageQuality quality, const math::Recti& rect,
+                           SharedPtr<Metadata>* decoded = nullptr) const;
 
     String _path;
     const ImageDecoder* _decoder = nullptr;  // never null after construction

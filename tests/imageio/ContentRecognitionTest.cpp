@@ -11,7 +11,6 @@
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageLoader.h"
-#include "imageio/MetadataReader.h"
 #include "imaging/ImagingException.h"
 
 namespace qor::imageio {
@@ -92,27 +91,16 @@ TEST(ImageLoader, InterlacedPngWithoutExtensionReadsThroughItsDecoder) {
               0);
 }
 
-// A JPEG with an 80 x 60 EXIF thumbnail, and the thumbnail's offset.
-std::pair<Bytes, long> jpegWithThumbnail() {
-    const Bytes thumb = makeJpeg(80, 60, 90);
-    const Bytes file = withMetadata(makeJpeg(400, 300), [&thumb](Exiv2::Image& image) {
-        image.exifData()["Exif.Image.Make"] = "Qor";
-        Exiv2::ExifThumb(image.exifData()).setJpegThumbnail(thumb.data(), thumb.size());
-    });
-    SharedPtr<Metadata> m = readMetadata(file.data(), file.size());
-    return {file, m ? m->thumbLocation() : 0};
-}
-
 TEST(JpegDecoder, PreviewIsTheExifThumbnailWithItsOwnSizeAndAllTheMetadata) {
-    auto [file, location] = jpegWithThumbnail();
+    auto [file, location] = jpegWithThumbnail(400, 300, 80, 60, "Qor");
     ASSERT_GT(location, 0);
     TempFolder folder;
     const std::string path = folder.write("camera", file);
 
     // Without the metadata asked for as well: the decoder reads it to find the thumbnail.
     ImagePtr image;
-    ASSERT_TRUE(decodeWithRegistry(S(path), Vec2i(100, 100), ImageQualityThumbnail, &image,
-                                   nullptr, Recti()));
+    ASSERT_TRUE(decodeWithRegistry(S(path), Vec2i(100, 100), ImageQualityThumbnail, &image, nullptr,
+                                   Recti()));
     EXPECT_EQ(Vec2i(image->width(), image->height()), Vec2i(100, 75));
     const Decoded preview = decode(path, Vec2i(40, 40), ImageQualityThumbnail);
     ASSERT_TRUE(preview.ok);

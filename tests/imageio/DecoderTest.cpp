@@ -191,7 +191,9 @@ TEST(WebpDecoder, DamagedFiles) {
 // --- HEIF through libheif's encoder, when this libheif has one ---
 
 // Left half red, right half blue.
-Pixel halves(int x, int, int w) { return x < w / 2 ? Pixel{255, 0, 0, 255} : Pixel{0, 0, 255, 255}; }
+Pixel halves(int x, int, int w) {
+    return x < w / 2 ? Pixel{255, 0, 0, 255} : Pixel{0, 0, 255, 255};
+}
 
 TEST(HeifDecoder, PrimaryImageThumbnailAndCaptureTime) {
     TempFolder folder;
@@ -523,10 +525,8 @@ TEST(DecoderThreads, ConcurrentDecodesMatchSequentialOnes) {
             for (int round = 0; round < 5; ++round) {
                 const size_t i = size_t(t + round) % paths.size();
                 const ImageOut got = decode(paths[i], Vec(13, 13)).image;
-                if (!got || got->width() != expected[i]->width() ||
-                    std::memcmp(got->data(), expected[i]->data(),
-                                got->byteStride() * size_t(got->height())) != 0)
-                    ++mismatches;
+                // Pixels only: the padding behind each row is never written.
+                if (!got || maxDifference(*got, *expected[i]) != 0) ++mismatches;
             }
         });
     }

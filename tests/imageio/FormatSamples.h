@@ -66,7 +66,8 @@ inline Bytes makeGif(const GifRecipe& recipe) {
     const size_t length = EGifGCBToExtension(&control, extension);
     EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, int(length), extension);
     const int w = recipe.frame.width(), h = recipe.frame.height();
-    EGifPutImageDesc(gif, recipe.frame.xmin(), recipe.frame.ymin(), w, h, recipe.interlace, nullptr);
+    EGifPutImageDesc(gif, recipe.frame.xmin(), recipe.frame.ymin(), w, h, recipe.interlace,
+                     nullptr);
     std::vector<int> order;
     if (recipe.interlace) {
         for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
@@ -178,7 +179,8 @@ inline ImagePtr samplePicture(int w, int h) {
     ImagePtr image = Image4ub::create(w, h);
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) image->at(x, y, c) = uint8_t(samplePixel(x, y, w, h)[size_t(c)]);
+            for (int c = 0; c < 4; ++c)
+                image->at(x, y, c) = uint8_t(samplePixel(x, y, w, h)[size_t(c)]);
     return image;
 }
 
@@ -210,13 +212,11 @@ inline std::vector<FormatSample> formatSamples(const TempFolder& folder, int w, 
     };
     // Lossy JPEG and HEIF: within the coding error at the steps of the ramps (chroma at half
     // resolution spreads each step of 17 over its neighbours).
-    saved("jpeg", ".jpg", 16, [&](const std::string& p) {
-        saveJpeg(FastString<char>(p), picture, 95);
-    });
+    saved("jpeg", ".jpg", 16,
+          [&](const std::string& p) { saveJpeg(FastString<char>(p), picture, 95); });
     saved("png", ".png", 0, [&](const std::string& p) { write(p, pngOf(*picture, false)); });
-    saved("tiff", ".tif", 0, [&](const std::string& p) {
-        ImageSaverTIFF().save4ub(FastString<char>(p), picture);
-    });
+    saved("tiff", ".tif", 0,
+          [&](const std::string& p) { ImageSaverTIFF().save4ub(FastString<char>(p), picture); });
     // Samples of v / 255 come back to the same byte.
     saved("openexr", ".exr", 1, [&](const std::string& p) {
         ImageSaverOpenEXR exr;
@@ -236,7 +236,8 @@ inline std::vector<FormatSample> formatSamples(const TempFolder& folder, int w, 
         };
         write(p, makeGif(recipe));
     });
-    saved("webp", ".webp", 0, [&](const std::string& p) { write(p, makeWebp(w, h, true, colour)); });
+    saved("webp", ".webp", 0,
+          [&](const std::string& p) { write(p, makeWebp(w, h, true, colour)); });
     saved("bmp", ".bmp", 0, [&](const std::string& p) { saveBmp(FastString<char>(p), picture); });
     const HeifFile heif = makeHeif(folder, "heif-" + name(".heic"), w, h, colour);
     if (heif.skipReason.empty())

@@ -78,8 +78,8 @@ TEST(QorInfo, ReachesEveryFormatByItsContentUnderAnyName) {
 TEST(QorInfo, ReadsNoPixelsUnlessAskedToVerifyThem) {
     TempFolder folder;
     const Bytes jpeg = makeJpeg(320, 240);
-    const std::string cut =
-        folder.write("cut.jpg", Bytes(jpeg.begin(), jpeg.begin() + ptrdiff_t(jpeg.size() * 6 / 10)));
+    const std::string cut = folder.write(
+        "cut.jpg", Bytes(jpeg.begin(), jpeg.begin() + ptrdiff_t(jpeg.size() * 6 / 10)));
     const std::string whole = folder.write("whole.jpg", jpeg);
 
     // The header and metadata are whole: without decoding, nothing is amiss.
@@ -126,9 +126,10 @@ TEST(QorThumb, ExifThumbnailServesOnlyWhenItFillsTheBox) {
     const Bytes red = encodeJpeg(80, 60, 3, JCS_RGB, 90, [](int, unsigned char* row) {
         for (int x = 0; x < 80; ++x) row[x * 3] = 255, row[x * 3 + 1] = 0, row[x * 3 + 2] = 0;
     });
-    const std::string path = folder.write("camera", withMetadata(grey, [&red](Exiv2::Image& image) {
-        Exiv2::ExifThumb(image.exifData()).setJpegThumbnail(red.data(), red.size());
-    }));
+    const std::string path = folder.write(
+        "camera", withMetadata(grey, [&red](Exiv2::Image& image) {
+            Exiv2::ExifThumb(image.exifData()).setJpegThumbnail(red.data(), red.size());
+        }));
     for (const auto& [box, thumbnailTaken] : {std::pair{"64x64", true}, {"200x200", false}}) {
         SCOPED_TRACE(box);
         const std::string out = folder.path() + "/thumb.jpg";

@@ -111,12 +111,13 @@ std::unique_ptr<imageio::ImageLoader> openPicture(const std::string& file) {
     return nullptr;
 }
 
-// decode(loader), or null when it throws, logging why as openPicture does.
-template <class Decode>
+// loader.decodeFitted(size, quality, decoded), or null when it throws, logging why as openPicture
+// does.
 imageio::ImagePtr decodeQuietly(const imageio::ImageLoader& loader, const std::string& file,
-                                Decode&& decode) {
+                                Vec2i size, imageio::ImageQuality quality,
+                                SharedPtr<Metadata>* decoded = nullptr) {
     try {
-        return decode(loader);
+        return loader.decodeFitted(size, quality, decoded);
     } catch (const std::exception& e) {
         QOR_LOG(LogWarning, "%*", reasonOf(e, file));
     }
@@ -133,7 +134,8 @@ bool recognisedPicture(const std::string& file) {
     } catch (const std::exception&) {
         return false;
     }
-    return imageio::findDecoder(head, length, imageio::detail::upperExtension(FastString<char>(file)));
+    return imageio::findDecoder(head, length,
+                                imageio::detail::upperExtension(FastString<char>(file)));
 }
 
 int reportBad(const char* command, const std::string& file, const std::string& reason) {
@@ -177,9 +179,7 @@ ItemInfo readItem(const std::string& file, bool verify) {
                 item.format = loader->decoder().name();
                 item.metadata = loader->getMetadata();
                 if (verify)
-                    decoded = decodeQuietly(*loader, file, [&](const imageio::ImageLoader& l) {
-                        return l.decodeFitted(box, imageio::ImageQualityFast);
-                    }) != nullptr;
+                    decoded = decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
             }
             if (item.metadata) item.checksum = imageio::imageChecksum(path);
         },
@@ -387,19 +387,15 @@ int runThumb(const std::vector<std::string>& args) {
             } else if (const auto loader = openPicture(files[0])) {
                 // Fitted inside the box, but never larger than the picture.
                 const Vec2i full = loader->storedSize();
-                const Vec2i target = full.x <= box.x && full.y <= box.y
-                                         ? full
-                                         : imageio::fitInside(full, box);
+                const Vec2i target =
+                    full.x <= box.x && full.y <= box.y ? full : imageio::fitInside(full, box);
                 SharedPtr<Metadata> decoded;  // what was decoded: a preview or the picture
-                image = decodeQuietly(*loader, files[0], [&](const imageio::ImageLoader& l) {
-                    return l.decodeFitted(target, imageio::ImageQualityThumbnail, &decoded);
-                });
+                image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityThumbnail,
+                                      &decoded);
                 // A preview smaller than the target on both sides gives way to the picture.
                 const Vec2i source = decoded ? decoded->size() : Vec2i(0, 0);
                 if (image && source.x < target.x && source.y < target.y)
-                    image = decodeQuietly(*loader, files[0], [&](const imageio::ImageLoader& l) {
-                        return l.decodeFitted(target, imageio::ImageQualityFast);
-                    });
+                    image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityFast);
             }
         },
         [&] { return image != nullptr; }, "no picture in the file");
@@ -423,7 +419,7 @@ int runChecksum(const std::vector<std::string>& args) {
     int status = 0;
     for (const std::string& file : args) {
         // The checksum covers the first bytes only; the file is not decoded, so a truncated one
-        // is not found out here (qor info does that).
+        // is not found out here (qor info --verify does that).
         const FastString<char> path(file);
         std::string problem = unreadable(file);
         if (problem.empty() && imageio::getItemType(path) == imageio::ItemTypeUnknown &&

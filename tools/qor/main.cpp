@@ -52,7 +52,8 @@ const Command kCommands[] = {
      "write a picture file as JPEG, TIFF or OpenEXR, resized through the tile pipeline "
      "(IN -o OUT.jpg|.tif|.exr [--size WxH | --scale S] [--quality Q] [--profile NAME])",
      qor::tool::runExport},
-    {"gpuinfo", "the GL renderer, its version, capability bits and uniqueId", qor::tool::runGpuInfo},
+    {"gpuinfo", "the GL renderer, its version, capability bits and uniqueId",
+     qor::tool::runGpuInfo},
 };
 
 int runHelp(const std::vector<std::string>&) {

@@ -7,16 +7,16 @@
 
 namespace qor::imageio {
 
-#define QOR_IMAGE_DECODER(Class, shortName, fileFormat)                                      \
-    class Class : public ImageDecoder {                                                      \
-    public:                                                                                  \
-        const char* name() const override { return shortName; }                             \
-        FileFormat format() const override { return fileFormat; }                           \
-        bool accepts(const unsigned char* head, size_t length,                               \
-                     const FastString<char>& upperExtension) const override;                 \
-        bool decode(RandomAccessFile& file, const FastString<char>& path,                    \
-                    math::GenVec<int, 2> size, ImageQuality quality, ImageOut* image,        \
-                    SharedPtr<Metadata>* metadata, const math::Recti& roi) const override;   \
+#define QOR_IMAGE_DECODER(Class, shortName, fileFormat)                                    \
+    class Class : public ImageDecoder {                                                    \
+    public:                                                                                \
+        const char* name() const override { return shortName; }                            \
+        FileFormat format() const override { return fileFormat; }                          \
+        bool accepts(const unsigned char* head, size_t length,                             \
+                     const FastString<char>& upperExtension) const override;               \
+        bool decode(RandomAccessFile& file, const FastString<char>& path,                  \
+                    math::GenVec<int, 2> size, ImageQuality quality, ImageOut* image,      \
+                    SharedPtr<Metadata>* metadata, const math::Recti& roi) const override; \
     }
 
 // JpegDecoder: JPEG files (signature FF D8 FF) through libjpeg, as the JPEG road of loadImage

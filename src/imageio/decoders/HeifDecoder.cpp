@@ -156,9 +156,9 @@ bool HeifDecoder::accepts(const unsigned char* head, size_t length, const FastSt
     return type == heif_filetype_yes_supported || type == heif_filetype_maybe;
 }
 
-bool HeifDecoder::decode(RandomAccessFile&, const FastString<char>& path,
-                         math::GenVec<int, 2> size, ImageQuality quality, ImageOut* image,
-                         SharedPtr<Metadata>* metadata, const math::Recti& roi) const {
+bool HeifDecoder::decode(RandomAccessFile&, const FastString<char>& path, math::GenVec<int, 2> size,
+                         ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
+                         const math::Recti& roi) const {
     Context context(heif_context_alloc());
     if (!context) return false;
     heif_context_set_maximum_image_size_limit(context.get(), kMaxSide);

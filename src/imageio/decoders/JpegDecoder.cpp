@@ -31,8 +31,8 @@ bool JpegDecoder::decode(RandomAccessFile& file, const FastString<char>& path,
             ImageOut decoded;
             if (previewWanted && known && known->thumbLocation() != 0) {
                 // Thumbnails are small: decoded whole, so that their own size is known.
-                decoded = detail::decodeExifThumbnail(file, known->thumbLocation(), {0, 0},
-                                                      quality);
+                decoded =
+                    detail::decodeExifThumbnail(file, known->thumbLocation(), {0, 0}, quality);
                 if (decoded) {
                     previewSize = {decoded->width(), decoded->height()};
                 } else {
@@ -60,7 +60,8 @@ bool JpegDecoder::decode(RandomAccessFile& file, const FastString<char>& path,
             read = std::make_shared<Metadata>();
             read->set(MetadataField::Imagesize, Vec2i(header.x, header.y));
         }
-        if (previewSize.x > 0) read->set(MetadataField::Imagesize, Vec2i(previewSize.x, previewSize.y));
+        if (previewSize.x > 0)
+            read->set(MetadataField::Imagesize, Vec2i(previewSize.x, previewSize.y));
         *metadata = std::move(read);
         return true;
     } catch (const std::bad_alloc&) {

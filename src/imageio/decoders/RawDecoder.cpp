@@ -118,9 +118,9 @@ bool RawDecoder::accepts(const unsigned char*, size_t,
     return std::find(raw.begin(), raw.end(), upperExtension.view()) != raw.end();
 }
 
-bool RawDecoder::decode(RandomAccessFile&, const FastString<char>& path,
-                        math::GenVec<int, 2> size, ImageQuality quality, ImageOut* image,
-                        SharedPtr<Metadata>* metadata, const math::Recti& roi) const {
+bool RawDecoder::decode(RandomAccessFile&, const FastString<char>& path, math::GenVec<int, 2> size,
+                        ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
+                        const math::Recti& roi) const {
     Raw raw(libraw_init(0));
     if (!raw) return false;
     const std::string file(path.view());

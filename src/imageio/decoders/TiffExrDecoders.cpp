@@ -21,10 +21,10 @@ using Vec = math::GenVec<int, 2>;
 
 // What a region reader gives of one file.
 struct RegionFormat {
-    const char* name;                                         // for log lines
-    Vec (*size)(const std::string& path);                     // the stored size
+    const char* name;                      // for log lines
+    Vec (*size)(const std::string& path);  // the stored size
     ImageOut (*region)(const std::string& path, const math::Recti& rect);
-    bool fileMetadata;                                        // EXIF, IPTC and XMP through Exiv2
+    bool fileMetadata;  // EXIF, IPTC and XMP through Exiv2
 };
 
 bool decodeByRegions(const RegionFormat& format, RandomAccessFile& file,
@@ -41,8 +41,8 @@ bool decodeByRegions(const RegionFormat& format, RandomAccessFile& file,
         if (detail::wanted(image)) {
             ImageOut decoded;
             if (roi.empty()) {
-                decoded = detail::finishImage(format.region(name, math::Recti(full)), size, roi,
-                                              path);
+                decoded =
+                    detail::finishImage(format.region(name, math::Recti(full)), size, roi, path);
             } else if (detail::roiInside(roi, full)) {
                 decoded = format.region(name, roi);
             } else {
@@ -69,11 +69,10 @@ bool decodeByRegions(const RegionFormat& format, RandomAccessFile& file,
     return false;
 }
 
-const RegionFormat Tiff{
-    "TIFF", [](const std::string& path) { return detail::readTiffInfo(path).size; },
-    detail::readTiffRegion<unsigned char>, true};
-const RegionFormat Exr{"OpenEXR", detail::readExrSize, detail::readExrRegion<unsigned char>,
-                       false};
+const RegionFormat Tiff{"TIFF",
+                        [](const std::string& path) { return detail::readTiffInfo(path).size; },
+                        detail::readTiffRegion<unsigned char>, true};
+const RegionFormat Exr{"OpenEXR", detail::readExrSize, detail::readExrRegion<unsigned char>, false};
 
 bool startsWith(const unsigned char* head, size_t length, const char* magic, size_t n) {
     return length >= n && std::memcmp(head, magic, n) == 0;
