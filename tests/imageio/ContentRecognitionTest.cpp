@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 #include <random>
+#include <tuple>
 
 #include "FormatSamples.h"
 #include "base/Log.h"
@@ -184,6 +186,94 @@ TEST(DecoderRegistry, RecognitionIsSafeOnAnyBytes) {
         EXPECT_TRUE(log.contains("No decoder recognises the content of '" + path + "'"));
         EXPECT_THROW(ImageLoader(S(path), false), ImageLoaderException);
     }
+}
+
+// An OpenEXR file that is a header of these attributes (name, type, value) and nothing else.
+Bytes exrHeader(const std::vector<std::tuple<std::string, std::string, Bytes>>& attributes,
+                const std::vector<int32_t>& sizes = {}) {
+    Bytes out = {0x76, 0x2F, 0x31, 0x01, 2, 0, 0, 0};
+    for (size_t i = 0; i < attributes.size(); ++i) {
+        const auto& [name, type, value] = attributes[i];
+        out.insert(out.end(), name.begin(), name.end() + 1);
+        out.insert(out.end(), type.begin(), type.end() + 1);
+        const int32_t size = i < sizes.size() && sizes[i] >= 0 ? sizes[i] : int32_t(value.size());
+        for (int b = 0; b < 4; ++b) out.push_back(uint8_t(uint32_t(size) >> (8 * b)));
+        out.insert(out.end(), value.begin(), value.end());
+    }
+    out.push_back(0);
+    out.resize(out.size() + 256, 0);  // where the chunk table would be
+    return out;
+}
+
+Bytes int32s(std::initializer_list<int32_t> values) {
+    Bytes out;
+    for (int32_t v : values)
+        for (int b = 0; b < 4; ++b) out.push_back(uint8_t(uint32_t(v) >> (8 * b)));
+    return out;
+}
+
+// OpenEXR allocates what a header declares before reading it, and reads a channel list by its
+// entries rather than its declared length: a file of a few hundred bytes can make it allocate
+// gigabytes. Such headers are refused, with the reason, before OpenEXR reads them.
+TEST(ExrDecoder, HeadersThatClaimMoreThanTheFileHoldsAreRefusedBeforeOpenExrReadsThem) {
+    TempFolder folder;
+    Bytes channel = {'R', 0};
+    const Bytes sampling = int32s({1, 0, 1, 1});  // half, linear 0, reserved, x and y sampling 1
+    channel.insert(channel.end(), sampling.begin(), sampling.end());
+    Bytes channels = channel;
+    channels.push_back(0);
+    const auto window = [](int32_t height) { return int32s({0, 0, 7, height - 1}); };
+    const std::vector<std::tuple<std::string, std::string, Bytes>> plain = {
+        {"channels", "chlist", channels}, {"compression", "compression", {0}},
+        {"dataWindow", "box2i", window(8)}, {"displayWindow", "box2i", window(8)},
+        {"lineOrder", "lineOrder", {0}}, {"pixelAspectRatio", "float", int32s({0x3F800000})}};
+    auto twoWindows = plain;
+    twoWindows.emplace_back("dataWindow", "box2i", window(100000000));
+
+    const struct {
+        Bytes file;
+        std::string why;
+    } cases[] = {
+        {exrHeader(plain, {0x70000000}), "attribute 'channels' claims 1879048192 bytes"},
+        // The declared length ends inside the entry: OpenEXR would read on into the next name.
+        {exrHeader(plain, {10}), "attribute 'channels' of type 'chlist' is not 10 bytes long"},
+        // OpenEXR takes the last of two data windows.
+        {exrHeader(twoWindows), "a data window of 8 x 100000000 pixels"},
+    };
+    for (const auto& [file, why] : cases) {
+        const std::string path = folder.write("claims", file);
+        LogCapture log;
+        EXPECT_FALSE(decode(path).ok);
+        EXPECT_TRUE(log.contains(why)) << why;
+        try {
+            const ImageLoader loader(S(path), false);
+            ADD_FAILURE() << "the loader took " << why;
+        } catch (const ImageLoaderException& e) {
+            EXPECT_NE(std::string(e.what()).find(why), std::string::npos) << e.what();
+        }
+    }
+}
+
+// Float samples that are not a number come out as 0 in 8 and 16 bits (their conversion was
+// undefined behaviour).
+TEST(ExrDecoder, NotANumberSamplesComeOutAsZero) {
+    TempFolder folder;
+    auto floats = imaging::GenImageData<float, 4>::create(4, 2);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 4; ++x)
+            for (int c = 0; c < 4; ++c) floats->at(x, y, c) = x == 1 ? NAN : 0.5f;
+    const std::string path = folder.path() + "/nan.exr";
+    ImageSaverOpenEXR exr;
+    ExportData<imaging::PfRGBA32F> rows{
+        SharedPtr<const imaging::RawImageDataOf<imaging::PfRGBA32F>>(floats)};
+    ASSERT_TRUE(exr.saveRows(S(path), imaging::PfRGBA32F, rows));
+
+    const Decoded d = decode(path);
+    ASSERT_TRUE(d.ok);
+    EXPECT_EQ(pixelAt(*d.image, 1, 1), (Pixel{0, 0, 0, 0}));
+    EXPECT_EQ(pixelAt(*d.image, 2, 1), (Pixel{128, 128, 128, 128}));
+    const auto wide = ImageLoader(S(path), false).getImage4us(ImageLoader::ImageTypeFull, Recti());
+    EXPECT_EQ(wide->at(1, 0, 0), 0);
 }
 
 }  // namespace
