@@ -39,9 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         const ImageLoader loader(name, false);
         const math::GenVec<int, 2> whole = loader.size();
-        const ImagePtr region = loader.getImage4ub(
-            ImageLoader::ImageTypeDraft,
-            math::Recti(whole.x / 4, whole.y / 4, std::max(1, whole.x / 2), std::max(1, whole.y / 2)));
+        const ImagePtr region =
+            loader.getImage4ub(ImageLoader::ImageTypeDraft,
+                               math::Recti(whole.x / 4, whole.y / 4, std::max(1, whole.x / 2),
+                                           std::max(1, whole.y / 2)));
         if (region) fuzz::touchPixels(*region);
     } catch (const ImageLoaderException&) {
         // What a damaged file is to answer.

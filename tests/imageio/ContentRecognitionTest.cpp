@@ -224,9 +224,9 @@ TEST(ExrDecoder, HeadersThatClaimMoreThanTheFileHoldsAreRefusedBeforeOpenExrRead
     channels.push_back(0);
     const auto window = [](int32_t height) { return int32s({0, 0, 7, height - 1}); };
     const std::vector<std::tuple<std::string, std::string, Bytes>> plain = {
-        {"channels", "chlist", channels}, {"compression", "compression", {0}},
+        {"channels", "chlist", channels},   {"compression", "compression", {0}},
         {"dataWindow", "box2i", window(8)}, {"displayWindow", "box2i", window(8)},
-        {"lineOrder", "lineOrder", {0}}, {"pixelAspectRatio", "float", int32s({0x3F800000})}};
+        {"lineOrder", "lineOrder", {0}},    {"pixelAspectRatio", "float", int32s({0x3F800000})}};
     auto twoWindows = plain;
     twoWindows.emplace_back("dataWindow", "box2i", window(100000000));
 

@@ -35,12 +35,14 @@ uint32_t u32At(const uint8_t* p) {
 // when they go by the type rather than by the declared size; 0 for types read by their size.
 size_t fixedSize(const std::string& type) {
     static const std::pair<const char*, size_t> sizes[] = {
-        {"box2i", 16},   {"box2f", 16},  {"chromaticities", 32}, {"compression", 1},
-        {"double", 8},   {"envmap", 1},  {"float", 4},           {"int", 4},
-        {"keycode", 28}, {"lineOrder", 1}, {"m33f", 36},         {"m33d", 72},
-        {"m44f", 64},    {"m44d", 128},  {"rational", 8},        {"tiledesc", 9},
-        {"timecode", 8}, {"v2i", 8},     {"v2f", 8},             {"v2d", 16},
-        {"v3i", 12},     {"v3f", 12},    {"v3d", 24},            {"deepImageState", 1}};
+        {"box2i", 16},      {"box2f", 16},   {"chromaticities", 32},
+        {"compression", 1}, {"double", 8},   {"envmap", 1},
+        {"float", 4},       {"int", 4},      {"keycode", 28},
+        {"lineOrder", 1},   {"m33f", 36},    {"m33d", 72},
+        {"m44f", 64},       {"m44d", 128},   {"rational", 8},
+        {"tiledesc", 9},    {"timecode", 8}, {"v2i", 8},
+        {"v2f", 8},         {"v2d", 16},     {"v3i", 12},
+        {"v3f", 12},        {"v3d", 24},     {"deepImageState", 1}};
     for (const auto& [name, bytes] : sizes)
         if (type == name) return bytes;
     return 0;
