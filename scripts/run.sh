@@ -49,6 +49,10 @@ exiv2 -it "$SAMPLES/harbour.jpg"  # inserts harbour-thumb.jpg as the EXIF thumbn
 "$QOR" thumb "$SAMPLES/harbour.jpg" --size 120x120 -o "$SAMPLES/harbour-small.jpg"
 "$QOR" thumb "$SAMPLES/tower.jpg" --size 256x256 -o "$SAMPLES/tower.bmp"
 "$QOR" thumb "$SAMPLES/generated.jpg" --size 320x200 -o "$SAMPLES/thumb.jpg"
+# Pictures are known by their content: TIFF, OpenEXR and a JPEG without an extension.
+cp "$SAMPLES/tower.jpg" "$SAMPLES/tower-without-extension"
+"$QOR" info "$SAMPLES/scaled.tif" "$SAMPLES/generated.exr" "$SAMPLES/tower-without-extension"
+"$QOR" thumb "$SAMPLES/generated.exr" --size 200x200 -o "$SAMPLES/exr-thumb.jpg"
 # Export: the generated JPEG at half size to TIFF and OpenEXR, the turned tower upright into a box
 # in Adobe RGB; bad arguments give exit status 2, an unreadable input 1.
 "$QOR" export "$SAMPLES/generated.jpg" -o "$SAMPLES/half.tif" --scale 0.5
@@ -77,5 +81,5 @@ status=0
 # A bad file among good ones: one line on standard error, the others still done, exit status 1.
 head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMPLES/truncated.jpg"
 status=0
-"$QOR" info "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
-[ "$status" -eq 1 ] || { echo "qor info on a truncated file: exit status $status, not 1" >&2; exit 1; }
+"$QOR" info --verify "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
+[ "$status" -eq 1 ] || { echo "qor info --verify on a truncated file: exit status $status, not 1" >&2; exit 1; }

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
+#include <vector>
 
 #include "base/Log.h"
-#include "base/filesystem/Path.h"
-#include "base/filesystem/RandomAccessFile.h"
 #include "base/thread/Mutex.h"
 #include "imageio/decoders/BuiltInDecoders.h"
 #include "imageio/detail/PathExtension.h"
@@ -17,14 +17,14 @@ namespace {
 struct Registry {
     Registry() {
         for (std::unique_ptr<ImageDecoder>& decoder : detail::builtInDecoders())
-            decoders.push_back(std::shared_ptr<ImageDecoder>(std::move(decoder)));
+            decoders.push_back(std::move(decoder));
     }
-    Mutex mutex;  // guards decoders
-    std::vector<std::shared_ptr<ImageDecoder>> decoders;
+    Mutex mutex;  // guards the vector; the decoders themselves are immutable and never removed
+    std::vector<std::unique_ptr<ImageDecoder>> decoders;
 };
 
 Registry& registry() {
-    static Registry* r = new Registry;  // the built-in decoders come first
+    static Registry* r = new Registry;  // lives to the end of the process; built-ins come first
     return *r;
 }
 
@@ -34,7 +34,16 @@ void registerDecoder(std::unique_ptr<ImageDecoder> decoder) {
     if (!decoder) return;
     Registry& r = registry();
     ScopedLock<Mutex> lock(r.mutex);
-    r.decoders.push_back(std::shared_ptr<ImageDecoder>(std::move(decoder)));
+    r.decoders.push_back(std::move(decoder));
+}
+
+const ImageDecoder* findDecoder(const unsigned char* head, size_t length,
+                                const FastString<char>& upperExtension) {
+    Registry& r = registry();
+    ScopedLock<Mutex> lock(r.mutex);
+    for (const std::unique_ptr<ImageDecoder>& decoder : r.decoders)
+        if (decoder->accepts(head, length, upperExtension)) return decoder.get();
+    return nullptr;
 }
 
 math::GenVec<int, 2> fitInside(math::GenVec<int, 2> source, math::GenVec<int, 2> box) {
@@ -47,37 +56,29 @@ math::GenVec<int, 2> fitInside(math::GenVec<int, 2> source, math::GenVec<int, 2>
 bool decodeWithRegistry(const FastString<char>& path, math::GenVec<int, 2> size,
                         ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
                         const math::Recti& roi) {
-    unsigned char head[64];
-    size_t length = 0;
+    bool ok = false;
     try {
         filesystem::RandomAccessFileStd file(path.view());
-        length = file.readAt(0, head, sizeof head);
-    } catch (const std::exception&) {
-        QOR_LOG(LogWarning, "Failed to load image using WIC: '%*'", path);
-        return false;
-    }
-    std::vector<std::shared_ptr<ImageDecoder>> decoders;
-    {
-        Registry& r = registry();
-        ScopedLock<Mutex> lock(r.mutex);
-        decoders = r.decoders;
-    }
-    const FastString<char> extension = detail::upperExtension(path);
-    for (const std::shared_ptr<ImageDecoder>& decoder : decoders) {
-        if (!decoder->accepts(head, length, extension)) continue;
-        bool ok = false;
-        try {
-            ok = decoder->decode(path, size, quality, image, metadata, roi);
-        } catch (const std::exception& e) {
-            QOR_LOG(LogError, "Decoder %* failed on '%*': %*", decoder->name(), path, e.what());
-        } catch (...) {
-            QOR_LOG(LogError, "Decoder %* failed on '%*'", decoder->name(), path);
+        unsigned char head[DecoderHeadLength];
+        const size_t length = file.readAt(0, head, sizeof head);
+        const ImageDecoder* decoder = findDecoder(head, length, detail::upperExtension(path));
+        if (!decoder) {
+            QOR_LOG(LogInfo, "No decoder recognises the content of '%*' (%*)", path,
+                    length == 0 ? "an empty file" : "no known signature");
+        } else {
+            try {
+                ok = decoder->decode(file, path, size, quality, image, metadata, roi);
+            } catch (const std::exception& e) {
+                QOR_LOG(LogError, "Decoder %* failed on '%*': %*", decoder->name(), path, e.what());
+            } catch (...) {
+                QOR_LOG(LogError, "Decoder %* failed on '%*'", decoder->name(), path);
+            }
         }
-        if (ok) return true;
-        break;
+    } catch (const std::exception& e) {
+        QOR_LOG(LogInfo, "Cannot open '%*': %*", path, e.what());
     }
-    QOR_LOG(LogWarning, "Failed to load image using WIC: '%*'", path);
-    return false;
+    if (!ok) QOR_LOG(LogWarning, "Failed to load image using WIC: '%*'", path);
+    return ok;
 }
 
 }  // namespace qor::imageio

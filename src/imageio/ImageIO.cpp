@@ -1,5 +1,6 @@
 // loadImage: the dispatcher of the load roads by extension, and the JPEG road with its metadata
-// read and EXIF thumbnail.
+// read and EXIF thumbnail. Every name that is not the JPEG, PNG or TIFF road's goes to the decoder
+// registry, which knows files by their content.
 
 #include "imageio/ImageIO.h"
 
@@ -7,8 +8,8 @@
 #include <string>
 
 #include "base/Log.h"
-#include "base/filesystem/FileRegion.h"
 #include "imageio/DecoderRegistry.h"
+#include "imageio/detail/ExifThumbnail.h"
 #include "imageio/detail/JpegCodec.h"
 #include "imageio/detail/PathExtension.h"
 
@@ -37,19 +38,6 @@ LoadRoad loadRoadOf(const FastString<char>& path) {
 bool wantsEmpty(const ImagePtr* image) { return image && !*image; }
 bool wantsEmpty(const SharedPtr<Metadata>* metadata) { return metadata && !*metadata; }
 
-// The EXIF thumbnail of the JPEG in `file`, decoded; null when it does not decode.
-ImagePtr decodeThumbnail(RandomAccessFile& file, long location, Vec2i size, ImageQuality quality) {
-    ScopedPtr<FileRegion> region;
-    try {
-        const uint64_t start = static_cast<uint64_t>(location);
-        if (location <= 0 || start >= file.size()) return nullptr;
-        region = std::make_unique<FileRegion>(file, start, file.size() - start);
-    } catch (const RAFException&) {
-        return nullptr;
-    }
-    return detail::decodeJpeg(*region, size, quality, math::Recti());
-}
-
 // The JPEG road on an open file. Throws what reading the file throws.
 void loadJpegRoad(RandomAccessFile& file, const FastString<char>& path, Vec2i size,
                   ImageQuality quality, ImagePtr* image, SharedPtr<Metadata>* metadata,
@@ -61,7 +49,8 @@ void loadJpegRoad(RandomAccessFile& file, const FastString<char>& path, Vec2i si
     if (!wantsEmpty(image)) return;
     const SharedPtr<Metadata> known = metadata ? *metadata : nullptr;
     if (known && known->thumbLocation() != 0 && quality == ImageQualityThumbnail) {
-        if ((*image = decodeThumbnail(file, known->thumbLocation(), size, quality))) return;
+        if ((*image = detail::decodeExifThumbnail(file, known->thumbLocation(), size, quality)))
+            return;
         QOR_LOG(LogWarning, "loadJpeg: corrupted thumbnail in '%*'", path);
         known->setThumbLocation(0);
     }

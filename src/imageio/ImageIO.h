@@ -44,7 +44,9 @@ using ConstImagePtr = SharedPtr<const Image4ub>;
 
 // Loads the picture at `path`, chosen by its extension: ".jpg" and ".jpeg" through libjpeg, ".png"
 // through libpng, ".tif" and ".tiff" not at all ("Unknown file type: '%*'", both outputs untouched:
-// TIFF pixels come only through the format modules), anything else through the decoder registry.
+// TIFF pixels come through ImageLoader and the decoder registry), anything else through the
+// decoder registry, which goes by the file's content (a JPEG without an extension loads there; see
+// DecoderRegistry.h for what its decoders give).
 //
 // `size` (0, 0) gives the picture at full size; any other size gives it reduced to fit inside
 // `size`, keeping its proportions; it is never enlarged. A non-empty `roi` (x0 < x1 and y0 < y1)

@@ -2,8 +2,8 @@
 
 #include "imageio/ImageLoader.h"
 
-#include <cstring>
 #include <exception>
+#include <new>
 #include <string>
 
 #include "base/Log.h"
@@ -56,21 +56,20 @@ SharedPtr<imaging::GenImageData<S, 4>> pngRegion(const FastString<char>& path, V
     return region;
 }
 
-ImageLoader::Format formatOf(const unsigned char* head, size_t length,
-                             const FastString<char>& path) {
-    auto starts = [&](const char* magic, size_t n) {
-        return length >= n && std::memcmp(head, magic, n) == 0;
-    };
-    if (starts("\xFF\xD8\xFF", 3)) return ImageLoader::FormatJpeg;
-    if (starts("\x89PNG\r\n\x1A\n", 8)) return ImageLoader::FormatPng;
-    if (starts("\x76\x2F\x31\x01", 4)) return ImageLoader::FormatExr;
-    if (starts("II*\0", 4) || starts("MM\0*", 4) || starts("II+\0", 4) || starts("MM\0+", 4)) {
-        // Camera raw files are TIFF inside; their decoder is in the registry.
-        const FastString<char> extension = detail::upperExtension(path);
-        if (extension == ".TIF" || extension == ".TIFF" || extension.view().empty())
+// The road of the formats read here; every other format is its decoder's.
+ImageLoader::Format formatOf(const ImageDecoder& decoder) {
+    switch (decoder.format()) {
+        case FileFormatJpeg:
+            return ImageLoader::FormatJpeg;
+        case FileFormatPng:
+            return ImageLoader::FormatPng;
+        case FileFormatTiff:
             return ImageLoader::FormatTiff;
+        case FileFormatExr:
+            return ImageLoader::FormatExr;
+        default:
+            return ImageLoader::FormatRegistry;
     }
-    return ImageLoader::FormatRegistry;
 }
 
 ImageQuality qualityOf(const FastString<char>& path, int imageType) {
@@ -79,27 +78,31 @@ ImageQuality qualityOf(const FastString<char>& path, int imageType) {
     fail(path, "unknown image type " + std::to_string(imageType));
 }
 
-// The whole picture through ImageIO's load roads (PNG and the registry).
-ImagePtr loadWhole(const FastString<char>& path, ImageQuality quality, const math::Recti& rect) {
-    ImagePtr image;
-    loadImageUnlocked(path, Vec2i(0, 0), quality, &image, nullptr, rect);
-    if (!image) fail(path, "the picture does not decode");
-    return image;
-}
-
 }  // namespace
 
 ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
-    unsigned char head[16] = {};
-    size_t length = 0;
+    // The file is opened once here: its first bytes choose the decoder, and the metadata and (for
+    // the registry's formats) the decoder's header read come from the same open file.
     try {
         RandomAccessFileStd file(path.view());
-        length = file.readAt(0, head, sizeof head);
-        _format = formatOf(head, length, path);
+        unsigned char head[DecoderHeadLength];
+        const size_t length = file.readAt(0, head, sizeof head);
+        _decoder = findDecoder(head, length, detail::upperExtension(path));
+        if (!_decoder) fail(path, length == 0 ? "empty file" : "no decoder recognises its content");
+        _format = formatOf(*_decoder);
         if (_format == FormatJpeg)
             _metadata = detail::readJpegMetadata(file);
         else if (_format != FormatExr)
             _metadata = readMetadata(file);
+        if (_format == FormatRegistry) {
+            // What the decoder gives (a camera raw file's preview, for one) is the picture.
+            SharedPtr<Metadata> decoded;
+            if (!_decoder->decode(file, path, Vec2i(0, 0), ImageQualityBest, nullptr, &decoded,
+                                  {}) ||
+                !decoded)
+                fail(path, std::string("the ") + _decoder->name() + " decoder cannot read it");
+            _storedSize = decoded->size();
+        }
     } catch (const ImageLoaderException&) {
         throw;
     } catch (const std::exception& e) {
@@ -115,22 +118,15 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
             break;
         }
         case FormatExr: _storedSize = detail::readExrSize(std::string(path.view())); break;
-        case FormatRegistry: {
-            // What the decoder gives (a camera raw file's preview, for one) is the picture.
-            SharedPtr<Metadata> decoded;
-            if (!decodeWithRegistry(path, Vec2i(0, 0), ImageQualityBest, nullptr, &decoded, {}) ||
-                !decoded)
-                fail(path, "no decoder reads it");
-            _storedSize = decoded->size();
+        case FormatRegistry:
             break;
-        }
         default: _storedSize = _metadata->size(); break;
     }
     if (_storedSize.x <= 0 || _storedSize.y <= 0) {
         // A header that the metadata reader did not understand: decode to know the size.
         _storedSize = Vec2i(0, 0);
         if (_format == FormatJpeg || _format == FormatPng) {
-            const ImagePtr whole = loadWhole(path, ImageQualityFast, {});
+            const ImagePtr whole = decodeThrough(Vec2i(0, 0), ImageQualityFast, {});
             _storedSize = Vec2i(whole->width(), whole->height());
         }
         if (_storedSize.x <= 0 || _storedSize.y <= 0) fail(path, "no picture size");
@@ -154,6 +150,26 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
 
 Vec2i ImageLoader::orientedSize(Vec2i size, int orientation) {
     return detail::uprightSize(size, orientation);
+}
+
+ImagePtr ImageLoader::decodeThrough(Vec2i size, ImageQuality quality, const math::Recti& rect,
+                                    SharedPtr<Metadata>* decoded) const {
+    ImagePtr image;
+    try {
+        RandomAccessFileStd file(_path.view());
+        _decoder->decode(file, _path, size, quality, &image, decoded, rect);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        fail(_path, e.what());
+    }
+    if (!image) fail(_path, std::string("the ") + _decoder->name() + " decoder cannot decode it");
+    return image;
+}
+
+ImagePtr ImageLoader::decodeFitted(Vec2i size, ImageQuality quality,
+                                   SharedPtr<Metadata>* decoded) const {
+    return decodeThrough(size, quality, {}, decoded);
 }
 
 SharedPtr<imaging::ColorProfile> ImageLoader::getColorProfile() const {
@@ -197,8 +213,9 @@ ImagePtr ImageLoader::readStored8(int imageType, const math::Recti& rect) const 
         case FormatExr: return detail::readExrRegion<unsigned char>(std::string(_path.view()), rect);
         case FormatPng:
             if (ImagePtr region = pngRegion<unsigned char>(_path, _storedSize, rect)) return region;
-            return loadWhole(_path, quality, rect);
-        default: return loadWhole(_path, quality, rect);
+            return decodeThrough(Vec2i(0, 0), quality, rect);
+        default:
+            return decodeThrough(Vec2i(0, 0), quality, rect);
     }
 }
 

@@ -4,12 +4,14 @@
 // profile, reads any rectangle of it without decoding more than the format needs, and makes a
 // tiled source that reads the file tile by tile on demand.
 //
-// Formats, by the file's first bytes: JPEG (libjpeg; a region decodes the scanlines down to its
-// bottom), PNG (libpng, the whole picture), TIFF (libtiff: 8 and 16-bit integers and 32-bit float,
-// tiled or striped, any compression libtiff has; only the tiles or strips under a region are
-// decoded), OpenEXR (the scanlines of a region) and, through the decoder registry, every other
-// format (GIF, WebP, HEIF, camera raw ...). A TIFF-structured file whose extension is not ".tif"
-// or ".tiff" is a camera raw file and goes to the registry.
+// Formats, by the file's content, whatever its name: the constructor asks the decoder registry
+// once which decoder recognises the file (findDecoder) and keeps the answer for every later read.
+// JPEG (libjpeg; a region decodes the scanlines down to its bottom), PNG (libpng, down to the
+// region's last line), TIFF (libtiff: 8 and 16-bit integers and 32-bit float, tiled or striped,
+// any compression libtiff has; only the tiles or strips under a region are decoded) and OpenEXR
+// (the scanlines of a region) are read here; every other format (GIF, WebP, HEIF, BMP, camera raw
+// ...) by its registry decoder. A TIFF-structured file with a camera raw extension (".NEF", ".DNG"
+// ...) is a raw file; under any other name it is a TIFF.
 //
 // Orientation: unless built `asStored`, the loader shows the picture upright: the EXIF (or TIFF)
 // orientation is applied to every read, so that sizes and rectangles are those of the picture as
@@ -24,6 +26,7 @@
 // loader may read on several threads at once. It takes no path lock: the caller holds the file's
 // lock (the file sources do, through lockFile).
 
+#include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
 #include "imageio/Metadata.h"
 #include "imaging/ColorProfile.h"
@@ -52,12 +55,15 @@ public:
     enum ImageType { ImageTypeDraft = 1, ImageTypeFull = 2 };
     enum Format { FormatJpeg = 0, FormatPng = 1, FormatTiff = 2, FormatExr = 3, FormatRegistry = 4 };
 
-    // Opens `path` and reads its header and metadata. Throws ImageLoaderException when the file
-    // cannot be opened or holds no picture that any road can read.
+    // Opens `path` and reads its header and metadata, without decoding pixels. Throws
+    // ImageLoaderException when the file cannot be opened, no decoder recognises it or its header
+    // cannot be read.
     explicit ImageLoader(const String& path, bool asStored = false);
 
     const String& path() const { return _path; }
     Format format() const { return _format; }
+    // The registry decoder that recognised the file.
+    const ImageDecoder& decoder() const { return *_decoder; }
     // The picture's size as the reads give it: upright unless built asStored.
     Vec2i size() const { return _size; }
     Vec2i storedSize() const { return _storedSize; }
@@ -96,6 +102,16 @@ public:
                                                    Vec2i tileSize, const PostProcess& postProcess,
                                                    Vec2i size = Vec2i(0, 0)) const;
 
+    // The whole picture through the file's decoder, as the decoder contract in DecoderRegistry.h
+    // says: fitted inside `size` ((0, 0): full size) at the least cost the format allows (a JPEG
+    // at a reduced DCT scale, a raw file at half size), with ImageQualityThumbnail from a preview
+    // the file holds when there is one, as stored (no orientation applied). `decoded`, when wanted
+    // and empty, gets the metadata of what was decoded: its Imagesize is the preview's when a
+    // preview was taken. Blocks on the file; throws ImageLoaderException when it does not decode
+    // (the decoder has logged why). A damaged file may still decode, with a warning in the log.
+    ImagePtr decodeFitted(Vec2i size, ImageQuality quality,
+                          SharedPtr<Metadata>* decoded = nullptr) const;
+
     // `size` as it stands after `orientation`: 5 to 8 exchange the sides.
     static Vec2i orientedSize(Vec2i size, int orientation);
 
@@ -107,8 +123,13 @@ private:
     template <class T>
     SharedPtr<imaging::GenImageData<T, 4>> readStored(int imageType, const math::Recti& rect) const;
     ImagePtr readStored8(int imageType, const math::Recti& rect) const;
+    // What decodeFitted says, or `rect` of the stored picture at full size; throws
+    // ImageLoaderException.
+    ImagePtr decodeThrough(Vec2i size, ImageQuality quality, const math::Recti& rect,
+                           SharedPtr<Metadata>* decoded = nullptr) const;
 
     String _path;
+    const ImageDecoder* _decoder = nullptr;  // never null after construction
     Format _format = FormatRegistry;
     Vec2i _storedSize{0, 0};
     Vec2i _size{0, 0};

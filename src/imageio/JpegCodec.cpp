@@ -488,6 +488,8 @@ ImagePtr decodeJpeg(const void* data, size_t byteCount, Vec2i size, ImageQuality
     return decodeAndReduce(JpegInput(data, byteCount), size, quality, roi);
 }
 
+Vec2i readJpegSize(RandomAccessFile& file) { return jpegHeaderSize(file); }
+
 SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file) {
     const Vec2i size = jpegHeaderSize(file);
     SharedPtr<Metadata> metadata = readMetadata(file);

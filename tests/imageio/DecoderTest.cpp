@@ -10,11 +10,12 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
 #include <thread>
 
-#include "CodecTestSupport.h"
+#include "FormatSamples.h"
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
@@ -27,17 +28,11 @@ extern "C" const char* __lsan_default_suppressions() { return "leak:libx265.so\n
 namespace qor::imageio {
 namespace {
 
-using testing::Bytes;
-using testing::TempFolder;
+using namespace testing;
 using Rgba8 = imaging::GenImageData<unsigned char, 4>;
 using Vec = math::GenVec<int, 2>;
-using Pixel = std::array<int, 4>;
 
 constexpr Vec kFullSize(0, 0);
-
-Pixel pixelAt(const Rgba8& image, int x, int y) {
-    return {image.at(x, y, 0), image.at(x, y, 1), image.at(x, y, 2), image.at(x, y, 3)};
-}
 
 // A gradient that differs in every pixel of the small images used here.
 Pixel pattern(int x, int y) { return {x * 37 % 256, y * 53 % 256, (x + 2 * y) * 11 % 256, 255}; }
@@ -56,66 +51,6 @@ Decoded decode(const std::string& path, Vec size = kFullSize,
 }
 
 // --- GIF through giflib's encoder ---
-
-struct GifRecipe {
-    Vec screen;
-    math::Recti frame;  // the first frame's place on the screen
-    bool interlace = false;
-    int transparent = NO_TRANSPARENT_COLOR;
-    std::function<int(int, int)> index;  // palette index of a frame pixel
-    bool secondFrame = false;            // a second frame of index 0 over the whole screen
-};
-
-// Palette entry i is (i, 255 - i, 7 * i).
-Pixel paletteColour(int i) { return {i, 255 - i, 7 * i % 256, 255}; }
-
-Bytes makeGif(const GifRecipe& recipe) {
-    Bytes out;
-    int error = 0;
-    GifFileType* gif = EGifOpen(
-        &out,
-        [](GifFileType* g, const GifByteType* data, int length) {
-            auto* bytes = static_cast<Bytes*>(g->UserData);
-            bytes->insert(bytes->end(), data, data + length);
-            return length;
-        },
-        &error);
-    std::array<GifColorType, 256> colours;
-    for (int i = 0; i < 256; ++i) {
-        const Pixel c = paletteColour(i);
-        colours[i] = {GifByteType(c[0]), GifByteType(c[1]), GifByteType(c[2])};
-    }
-    ColorMapObject* map = GifMakeMapObject(256, colours.data());
-    EGifSetGifVersion(gif, true);
-    EGifPutScreenDesc(gif, recipe.screen.x, recipe.screen.y, 8, 0, map);
-    GraphicsControlBlock control{DISPOSAL_UNSPECIFIED, false, 0, recipe.transparent};
-    GifByteType extension[4];
-    const size_t length = EGifGCBToExtension(&control, extension);
-    EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, int(length), extension);
-    const int w = recipe.frame.width(), h = recipe.frame.height();
-    EGifPutImageDesc(gif, recipe.frame.xmin(), recipe.frame.ymin(), w, h, recipe.interlace,
-                     nullptr);
-    std::vector<int> order;
-    if (recipe.interlace) {
-        for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
-            for (int y = start; y < h; y += step) order.push_back(y);
-    } else {
-        for (int y = 0; y < h; ++y) order.push_back(y);
-    }
-    std::vector<GifPixelType> line(size_t(std::max(w, recipe.screen.x)));
-    for (int y : order) {
-        for (int x = 0; x < w; ++x) line[size_t(x)] = GifPixelType(recipe.index(x, y));
-        EGifPutLine(gif, line.data(), w);
-    }
-    if (recipe.secondFrame) {
-        EGifPutImageDesc(gif, 0, 0, recipe.screen.x, recipe.screen.y, false, nullptr);
-        std::fill(line.begin(), line.end(), 0);
-        for (int y = 0; y < recipe.screen.y; ++y) EGifPutLine(gif, line.data(), recipe.screen.x);
-    }
-    EGifCloseFile(gif, &error);
-    GifFreeMapObject(map);
-    return out;
-}
 
 TEST(GifDecoder, FirstFrameOnTransparentScreenWithTransparentColour) {
     TempFolder folder;
@@ -188,19 +123,6 @@ TEST(GifDecoder, DamagedFiles) {
 
 // --- WebP through libwebp's encoder ---
 
-Bytes makeWebp(int w, int h, bool lossless, const std::function<Pixel(int, int)>& colour) {
-    std::vector<uint8_t> rgba(size_t(w) * h * 4);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) rgba[size_t(y * w + x) * 4 + c] = uint8_t(colour(x, y)[c]);
-    uint8_t* out = nullptr;
-    const size_t size = lossless ? WebPEncodeLosslessRGBA(rgba.data(), w, h, w * 4, &out)
-                                 : WebPEncodeRGBA(rgba.data(), w, h, w * 4, 90, &out);
-    Bytes bytes(out, out + size);
-    WebPFree(out);
-    return bytes;
-}
-
 Pixel withAlpha(int x, int y) {
     Pixel p = pattern(x, y);
     p[3] = (x * 29 + y) % 256;
@@ -268,65 +190,16 @@ TEST(WebpDecoder, DamagedFiles) {
 
 // --- HEIF through libheif's encoder, when this libheif has one ---
 
-struct HeifFile {
-    std::string path;
-    std::string skipReason;
-};
-
-HeifFile makeHeif(const TempFolder& folder, int w, int h, int thumbnailBox, const char* exifTime) {
-    HeifFile file;
-    heif_context* context = heif_context_alloc();
-    heif_encoder* encoder = nullptr;
-    for (heif_compression_format format : {heif_compression_HEVC, heif_compression_AV1}) {
-        if (heif_context_get_encoder_for_format(context, format, &encoder).code == heif_error_Ok)
-            break;
-        encoder = nullptr;
-    }
-    if (!encoder) {
-        heif_context_free(context);
-        file.skipReason = "this libheif has no HEVC or AV1 encoder";
-        return file;
-    }
-    heif_encoder_set_lossy_quality(encoder, 90);
-    heif_image* image = nullptr;
-    heif_image_create(w, h, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image);
-    heif_image_add_plane(image, heif_channel_interleaved, w, h, 8);
-    int stride = 0;
-    uint8_t* plane = heif_image_get_plane(image, heif_channel_interleaved, &stride);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            uint8_t* p = plane + y * stride + x * 3;
-            p[0] = x < w / 2 ? 255 : 0;
-            p[1] = 0;
-            p[2] = x < w / 2 ? 0 : 255;
-        }
-    heif_image_handle* handle = nullptr;
-    heif_context_encode_image(context, image, encoder, nullptr, &handle);
-    if (thumbnailBox > 0) {
-        heif_image_handle* thumbnail = nullptr;
-        heif_context_encode_thumbnail(context, image, handle, encoder, nullptr, thumbnailBox,
-                                      &thumbnail);
-        heif_image_handle_release(thumbnail);
-    }
-    if (exifTime) {
-        Exiv2::ExifData exif;
-        exif["Exif.Photo.DateTimeOriginal"] = exifTime;
-        Exiv2::Blob blob;
-        Exiv2::ExifParser::encode(blob, Exiv2::littleEndian, exif);
-        heif_context_add_exif_metadata(context, handle, blob.data(), int(blob.size()));
-    }
-    file.path = folder.path() + "/image.heic";
-    heif_context_write_to_file(context, file.path.c_str());
-    heif_image_handle_release(handle);
-    heif_image_release(image);
-    heif_encoder_release(encoder);
-    heif_context_free(context);
-    return file;
+// Left half red, right half blue.
+Pixel halves(int x, int, int w) {
+    return x < w / 2 ? Pixel{255, 0, 0, 255} : Pixel{0, 0, 255, 255};
 }
 
 TEST(HeifDecoder, PrimaryImageThumbnailAndCaptureTime) {
     TempFolder folder;
-    const HeifFile file = makeHeif(folder, 128, 64, 32, "2021:06:15 10:20:30");
+    const HeifFile file = makeHeif(
+        folder, "image.heic", 128, 64, [](int x, int y) { return halves(x, y, 128); }, 32,
+        "2021:06:15 10:20:30");
     if (!file.skipReason.empty()) GTEST_SKIP() << file.skipReason;
 
     const Decoded best = decode(file.path);
@@ -356,7 +229,8 @@ TEST(HeifDecoder, PrimaryImageThumbnailAndCaptureTime) {
 
 TEST(HeifDecoder, TruncatedFileIsRefused) {
     TempFolder folder;
-    const HeifFile file = makeHeif(folder, 64, 64, 0, nullptr);
+    const HeifFile file =
+        makeHeif(folder, "image.heic", 64, 64, [](int x, int y) { return halves(x, y, 64); });
     if (!file.skipReason.empty()) GTEST_SKIP() << file.skipReason;
     std::ifstream in(file.path, std::ios::binary);
     const Bytes whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -562,10 +436,18 @@ TEST(BmpDecoder, RefusesDamagedAndUnsupportedFiles) {
 TEST(RawDecoder, TakesRawExtensionsButLeavesSignedFormatsToTheirDecoders) {
     TempFolder folder;
     LogCapture log;
-    const std::string jpegAsRaw = folder.write("photo.nef", testing::makeJpeg(16, 16));
-    EXPECT_FALSE(decode(jpegAsRaw).ok);
-    EXPECT_TRUE(log.contains("Raw file '" + jpegAsRaw + "' cannot be opened"));
-    EXPECT_TRUE(log.contains("Failed to load image using WIC: '" + jpegAsRaw + "'"));
+    // Raw files are TIFF inside: a TIFF under a raw name is the raw decoder's (LibRaw refuses
+    // this one, which holds no raw data).
+    const std::string tiffAsRaw = folder.path() + "/photo.nef";
+    ImageSaverTIFF().save4ub(FastString<char>(folder.path() + "/photo.tif"), gradientImage(8, 8));
+    std::filesystem::rename(folder.path() + "/photo.tif", tiffAsRaw);
+    EXPECT_FALSE(decode(tiffAsRaw).ok);
+    EXPECT_TRUE(log.contains("Raw file '" + tiffAsRaw + "' cannot be opened"));
+    EXPECT_TRUE(log.contains("Failed to load image using WIC: '" + tiffAsRaw + "'"));
+    // A JPEG has a signature of its own and is decoded as one under any name.
+    const Decoded jpegAsRaw = decode(folder.write("photo.nrw", testing::makeJpeg(16, 8)));
+    ASSERT_TRUE(jpegAsRaw.ok);
+    EXPECT_EQ(jpegAsRaw.metadata->size(), Vec2i(16, 8));
 
     std::mt19937 random(11);
     Bytes noise(4096);
@@ -643,8 +525,8 @@ TEST(DecoderThreads, ConcurrentDecodesMatchSequentialOnes) {
             for (int round = 0; round < 5; ++round) {
                 const size_t i = size_t(t + round) % paths.size();
                 const ImageOut got = decode(paths[i], Vec(13, 13)).image;
-                // Pixels only: the padding at the end of each row is never written.
-                if (!got || testing::maxDifference(*got, *expected[i]) != 0) ++mismatches;
+                // Pixels only: the padding behind each row is never written.
+                if (!got || maxDifference(*got, *expected[i]) != 0) ++mismatches;
             }
         });
     }
@@ -788,6 +670,7 @@ TEST(ImageResize, ShrinkingSideOfAMixedResizeIsAnAreaAverage) {
             EXPECT_EQ(p[3], 255);
         }
 }
+
 
 }  // namespace
 }  // namespace qor::imageio

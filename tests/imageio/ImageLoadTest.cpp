@@ -43,8 +43,8 @@ TEST(ImageLoad, ExtensionsChooseTheRoadCaseBlind) {
     ASSERT_TRUE(fromPng);
     EXPECT_EQ(Vec2i(fromPng->width(), fromPng->height()), Vec2i(10, 6));
 
-    // A JPEG under a name that is neither JPEG nor PNG goes to the decoder registry, which does
-    // not take JPEG: the registry's line names the file. So does a name without an extension.
+    // A name that is neither JPEG nor PNG, or none, goes to the decoder registry, which goes by
+    // the content: bytes that are no picture fail with the registry's line naming the file.
     for (const char* name : {"f.gif", "noextension", "dir.jpg/g"}) {
         if (std::string(name) == "dir.jpg/g")
             std::filesystem::create_directory(folder.path() + "/dir.jpg");

@@ -304,19 +304,9 @@ TEST(JpegCodec, SaveFailuresReturnFalseWithTheirLogLine) {
     EXPECT_EQ(log.assertions("0 <= quality && quality <= 100"), 1u);
 }
 
-// A JPEG with a 16 x 12 EXIF thumbnail, and the offset of that thumbnail.
-std::pair<Bytes, long> jpegWithThumbnail() {
-    const Bytes thumb = makeJpeg(16, 12, 50);
-    Bytes file = withMetadata(makeJpeg(160, 120), [&thumb](Exiv2::Image& image) {
-        image.exifData()["Exif.Image.Make"] = "Canon";
-        Exiv2::ExifThumb(image.exifData()).setJpegThumbnail(thumb.data(), thumb.size());
-    });
-    SharedPtr<Metadata> m = readMetadata(file.data(), file.size());
-    return {file, m ? m->thumbLocation() : 0};
-}
 
 TEST(JpegCodec, ThumbnailQualityTakesTheExifThumbnailWhenMetadataIsRead) {
-    auto [file, location] = jpegWithThumbnail();
+    auto [file, location] = jpegWithThumbnail(160, 120, 16, 12, "Canon");
     ASSERT_GT(location, 0);
     TempFolder folder;
     const std::string path = folder.write("thumb.jpg", file);
@@ -340,7 +330,7 @@ TEST(JpegCodec, ThumbnailQualityTakesTheExifThumbnailWhenMetadataIsRead) {
 }
 
 TEST(JpegCodec, CorruptedThumbnailFallsBackToThePictureAndClearsItsLocation) {
-    auto [file, location] = jpegWithThumbnail();
+    auto [file, location] = jpegWithThumbnail(160, 120, 16, 12, "Canon");
     ASSERT_GT(location, 0);
     // A second SOI right behind the first is an error for libjpeg.
     file[location + 2] = 0xFF;

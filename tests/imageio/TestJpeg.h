@@ -18,6 +18,7 @@
 
 #include <exiv2/exiv2.hpp>
 
+#include "imageio/MetadataReader.h"
 #include "imageio/detail/Exiv2Setup.h"
 
 namespace qor::imageio::testing {
@@ -89,6 +90,19 @@ inline Bytes withMetadata(const Bytes& file, const std::function<void(Exiv2::Ima
     io.read(out.data(), static_cast<long>(out.size()));
     io.close();
     return out;
+}
+
+// A JPEG of `width` x `height` whose EXIF names the maker `make` and holds a `thumbWidth` x
+// `thumbHeight` thumbnail, and the thumbnail's offset in the file (0 when none is found).
+inline std::pair<Bytes, long> jpegWithThumbnail(int width, int height, int thumbWidth,
+                                                int thumbHeight, const char* make) {
+    const Bytes thumb = makeJpeg(thumbWidth, thumbHeight, 50);
+    Bytes file = withMetadata(makeJpeg(width, height), [&](Exiv2::Image& image) {
+        image.exifData()["Exif.Image.Make"] = make;
+        Exiv2::ExifThumb(image.exifData()).setJpegThumbnail(thumb.data(), thumb.size());
+    });
+    const SharedPtr<Metadata> m = readMetadata(file.data(), file.size());
+    return {file, m ? m->thumbLocation() : 0};
 }
 
 // A fresh folder under $TMPDIR (or /tmp), removed with its contents at the end.

@@ -1,21 +1,30 @@
 // The file commands:
-//   qor info [--json] FILE...   item type, item checksum, typed metadata fields and raw metadata
-//                               map of image and video files
+//   qor info [--json] [--verify] FILE...
+//                               item type, format, item checksum, typed metadata fields and raw
+//                               metadata map of image and video files, read without decoding
+//                               pixels; --verify also decodes a small picture of each file, which
+//                               proves its pixels all there (a truncated file is found out only so)
 //   qor thumb FILE [--size WxH] -o OUT
 //                               a thumbnail fitted inside W x H, written as JPEG or BMP by OUT's
-//                               extension; from a JPEG's EXIF thumbnail when that fills the box
+//                               extension; from a preview the file holds (a JPEG's EXIF thumbnail)
+//                               when that fills the box
 //   qor checksum FILE...        the item checksum of each file
 //
-// A bad file (missing, empty, truncated, not an image) gives one line on standard error, and the
-// command goes on with the next; the exit status is 1 when any file was bad. The library's own log
-// lines are recorded while a file is read: the first warning among them (or, when nothing came
-// out, the first line at all) is the reason given on that one line. A file counts as bad when
-// nothing could be read from it or the library warned while reading it (a truncated JPEG decodes to
-// a partial picture with a warning). Everything runs on the main thread.
+// Pictures are known by their content, whatever their names: ImageLoader asks the decoder registry
+// which decoder recognises the file, and info and thumb read it through that one (the extension
+// gives only the item type). Videos are known by their extension.
+//
+// A bad file (missing, empty, not a picture, truncated under --verify) gives one line on standard
+// error, and the command goes on with the next; the exit status is 1 when any file was bad. The
+// library's own log lines are recorded while a file is read: the first warning among them (or,
+// when nothing came out, the first line at all) is the reason given on that one line. A file counts
+// as bad when nothing could be read from it or the library warned while reading it (a truncated
+// JPEG decodes to a partial picture with a warning). Everything runs on the main thread.
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -24,10 +33,13 @@
 
 #include "Commands.h"
 #include "base/Log.h"
+#include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
+#include "imageio/ImageLoader.h"
 #include "imageio/MetadataValue.h"
 #include "imageio/VideoThumbnail.h"
 #include "imageio/detail/PathExtension.h"
+#include "imaging/ImagingException.h"
 
 namespace qor::tool {
 
@@ -80,6 +92,52 @@ std::string unreadable(const std::string& file) {
     return size == 0 ? "empty file" : "";
 }
 
+// The reason in a loader exception's text, without the path that the tool's line names already.
+std::string reasonOf(const std::exception& e, const std::string& file) {
+    const std::string text = e.what();
+    const std::string named = "'" + file + "': ";
+    const size_t at = text.find(named);
+    return at == std::string::npos ? text : text.substr(at + named.size());
+}
+
+// Opens `file` by its content, logging why it cannot be read as a warning, so that readQuietly
+// gives that reason. Null when it cannot.
+std::unique_ptr<imageio::ImageLoader> openPicture(const std::string& file) {
+    try {
+        return std::make_unique<imageio::ImageLoader>(FastString<char>(file), true);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "%*", reasonOf(e, file));
+    }
+    return nullptr;
+}
+
+// loader.decodeFitted(size, quality, decoded), or null when it throws, logging why as openPicture
+// does.
+imageio::ImagePtr decodeQuietly(const imageio::ImageLoader& loader, const std::string& file,
+                                Vec2i size, imageio::ImageQuality quality,
+                                SharedPtr<Metadata>* decoded = nullptr) {
+    try {
+        return loader.decodeFitted(size, quality, decoded);
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "%*", reasonOf(e, file));
+    }
+    return nullptr;
+}
+
+// Whether a decoder recognises the content of `file` (for a name that does not tell).
+bool recognisedPicture(const std::string& file) {
+    unsigned char head[imageio::DecoderHeadLength];
+    size_t length = 0;
+    try {
+        RandomAccessFileStd opened(file);
+        length = opened.readAt(0, head, sizeof head);
+    } catch (const std::exception&) {
+        return false;
+    }
+    return imageio::findDecoder(head, length,
+                                imageio::detail::upperExtension(FastString<char>(file)));
+}
+
 int reportBad(const char* command, const std::string& file, const std::string& reason) {
     std::fprintf(stderr, "qor: %s: '%s': %s\n", command, file.c_str(), reason.c_str());
     return 1;
@@ -90,32 +148,42 @@ int reportBad(const char* command, const std::string& file, const std::string& r
 // Everything info shows of one file.
 struct ItemInfo {
     imageio::ItemType type = imageio::ItemTypeUnknown;
+    std::string format;  // the decoder that recognised a picture's content; empty for a video
     Digest checksum;
     SharedPtr<Metadata> metadata;
     std::string problem;  // why the file is bad; empty when it is good
 };
 
-// Reads the metadata and decodes a small picture, which proves that the pixels are all there (a
-// JPEG is decoded at an eighth, so this reads every byte at a fraction of the full cost).
-ItemInfo readItem(const std::string& file) {
+// Reads the metadata, and with `verify` decodes a small picture, which proves that the pixels are
+// all there (a JPEG is decoded at an eighth, so this reads every byte at a fraction of the full
+// cost). Without `verify` no pixel is decoded: a video is only opened (its Imagesize, the
+// thumbnail's size, comes with `verify`), and a truncated file is not noticed.
+ItemInfo readItem(const std::string& file, bool verify) {
     const FastString<char> path(file);
+    const Vec2i box(256, 256);
     ItemInfo item;
     item.type = imageio::getItemType(path);
     if (!(item.problem = unreadable(file)).empty()) return item;
-    imageio::ImagePtr image;
+    bool decoded = !verify;
     item.problem = readQuietly(
         [&] {
-            const Vec2i box(256, 256);
             if (item.type == imageio::ItemTypeVideo) {
-                item.metadata = std::make_shared<Metadata>();
-                if (!imageio::loadVideoThumbnail(path, box, &image, &item.metadata))
-                    item.metadata.reset();
-            } else {
-                imageio::loadImage(path, box, imageio::ImageQualityFast, &image, &item.metadata);
+                imageio::ImagePtr image;
+                SharedPtr<Metadata> metadata = std::make_shared<Metadata>();
+                SharedPtr<Metadata> none;  // asks for no size, so no frame is decoded
+                if (imageio::loadVideoThumbnail(path, box, verify ? &image : nullptr,
+                                                verify ? &metadata : &none))
+                    item.metadata = metadata;
+                decoded = decoded || image;
+            } else if (const auto loader = openPicture(file)) {
+                item.format = loader->decoder().name();
+                item.metadata = loader->getMetadata();
+                if (verify)
+                    decoded = decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
             }
-            if (image) item.checksum = imageio::imageChecksum(path);
+            if (item.metadata) item.checksum = imageio::imageChecksum(path);
         },
-        [&] { return image && item.metadata; }, "no picture in the file");
+        [&] { return item.metadata && decoded; }, "no picture in the file");
     return item;
 }
 
@@ -184,6 +252,7 @@ std::string valueText(const MetadataValue& value) {
 void printItem(const std::string& file, const ItemInfo& item) {
     std::printf("%s\n", file.c_str());
     std::printf("  type      %s\n", itemTypeName(item.type));
+    if (!item.format.empty()) std::printf("  format    %s\n", item.format.c_str());
     std::printf("  checksum  %s\n", item.checksum.toHex().c_str());
     std::printf("  fields\n");
     forEachField(*item.metadata, [](MetadataField field, const MetadataValue& value) {
@@ -220,6 +289,7 @@ Json itemJson(const std::string& file, const ItemInfo& item) {
         return out;
     }
     out["type"] = itemTypeName(item.type);
+    if (!item.format.empty()) out["format"] = item.format;
     out["checksum"] = item.checksum.toHex();
     Json& fields = out["fields"] = Json::object();
     forEachField(*item.metadata, [&](MetadataField field, const MetadataValue& value) {
@@ -257,10 +327,13 @@ ThumbFormat thumbFormatOf(const std::string& path) {
 
 int runInfo(const std::vector<std::string>& args) {
     bool json = false;
+    bool verify = false;
     std::vector<std::string> files;
     for (const std::string& arg : args) {
         if (arg == "--json")
             json = true;
+        else if (arg == "--verify")
+            verify = true;
         else
             files.push_back(arg);
     }
@@ -269,7 +342,7 @@ int runInfo(const std::vector<std::string>& args) {
     int status = 0;
     Json document = Json::array();
     for (const std::string& file : files) {
-        const ItemInfo item = readItem(file);
+        const ItemInfo item = readItem(file, verify);
         if (!item.problem.empty()) status = reportBad("info", file, item.problem);
         if (json)
             document.push_back(itemJson(file, item));
@@ -311,17 +384,18 @@ int runThumb(const std::vector<std::string>& args) {
         [&] {
             if (imageio::getItemType(in) == imageio::ItemTypeVideo) {
                 imageio::loadVideoThumbnail(in, box, &image, nullptr);
-            } else {
-                SharedPtr<Metadata> metadata;  // asked for, so that an EXIF thumbnail can serve
-                imageio::loadImage(in, box, imageio::ImageQualityThumbnail, &image, &metadata);
-                // An EXIF thumbnail smaller than the box on both sides gives way to the picture.
-                Vec2i full;
-                if (image && metadata && metadata->get(MetadataField::Imagesize, full) &&
-                    image->width() < std::min(box.x, full.x) &&
-                    image->height() < std::min(box.y, full.y)) {
-                    image.reset();
-                    imageio::loadImage(in, box, imageio::ImageQualityFast, &image, &metadata);
-                }
+            } else if (const auto loader = openPicture(files[0])) {
+                // Fitted inside the box, but never larger than the picture.
+                const Vec2i full = loader->storedSize();
+                const Vec2i target =
+                    full.x <= box.x && full.y <= box.y ? full : imageio::fitInside(full, box);
+                SharedPtr<Metadata> decoded;  // what was decoded: a preview or the picture
+                image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityThumbnail,
+                                      &decoded);
+                // A preview smaller than the target on both sides gives way to the picture.
+                const Vec2i source = decoded ? decoded->size() : Vec2i(0, 0);
+                if (image && source.x < target.x && source.y < target.y)
+                    image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityFast);
             }
         },
         [&] { return image != nullptr; }, "no picture in the file");
@@ -345,10 +419,11 @@ int runChecksum(const std::vector<std::string>& args) {
     int status = 0;
     for (const std::string& file : args) {
         // The checksum covers the first bytes only; the file is not decoded, so a truncated one
-        // is not found out here (qor info does that).
+        // is not found out here (qor info --verify does that).
         const FastString<char> path(file);
         std::string problem = unreadable(file);
-        if (problem.empty() && imageio::getItemType(path) == imageio::ItemTypeUnknown)
+        if (problem.empty() && imageio::getItemType(path) == imageio::ItemTypeUnknown &&
+            !recognisedPicture(file))
             problem = "not an image or video file";
         Digest digest;
         if (problem.empty())

@@ -213,11 +213,10 @@ bool BmpDecoder::accepts(const unsigned char* head, size_t length, const FastStr
     return signature && knownInfoSize(u32(head + 14));
 }
 
-bool BmpDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size, ImageQuality,
-                        ImageOut* image, SharedPtr<Metadata>* metadata,
-                        const math::Recti& roi) const {
+bool BmpDecoder::decode(RandomAccessFile& file, const FastString<char>& path,
+                        math::GenVec<int, 2> size, ImageQuality, ImageOut* image,
+                        SharedPtr<Metadata>* metadata, const math::Recti& roi) const {
     try {
-        filesystem::RandomAccessFileStd file(path.view());
         std::vector<uint8_t> head(kMaxHeaderBytes);
         head.resize(file.readAt(0, head.data(), head.size()));
         BmpLayout layout;

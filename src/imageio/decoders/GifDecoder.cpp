@@ -20,8 +20,7 @@ using detail::Rgba8Image;
 
 // giflib reads sequentially through this.
 struct GifSource {
-    explicit GifSource(std::string_view path) : file(path) {}
-    filesystem::RandomAccessFileStd file;
+    RandomAccessFile& file;
     uint64_t position = 0;
 };
 
@@ -151,18 +150,12 @@ bool GifDecoder::accepts(const unsigned char* head, size_t length, const FastStr
            (std::memcmp(head, GIF87_STAMP, 6) == 0 || std::memcmp(head, GIF89_STAMP, 6) == 0);
 }
 
-bool GifDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size, ImageQuality,
-                        ImageOut* image, SharedPtr<Metadata>* metadata,
-                        const math::Recti& roi) const {
-    std::unique_ptr<GifSource> source;
-    try {
-        source = std::make_unique<GifSource>(path.view());
-    } catch (const std::exception& e) {
-        QOR_LOG(LogInfo, "Cannot open GIF '%*': %*", path, e.what());
-        return false;
-    }
+bool GifDecoder::decode(RandomAccessFile& file, const FastString<char>& path,
+                        math::GenVec<int, 2> size, ImageQuality, ImageOut* image,
+                        SharedPtr<Metadata>* metadata, const math::Recti& roi) const {
+    GifSource source{file};
     int error = 0;
-    GifHandle gif(DGifOpen(source.get(), readFromSource, &error));
+    GifHandle gif(DGifOpen(&source, readFromSource, &error));
     if (!gif) {
         QOR_LOG(LogInfo, "Not a readable GIF '%*': %*", path, gifError(error));
         return false;

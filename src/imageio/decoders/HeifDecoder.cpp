@@ -156,7 +156,7 @@ bool HeifDecoder::accepts(const unsigned char* head, size_t length, const FastSt
     return type == heif_filetype_yes_supported || type == heif_filetype_maybe;
 }
 
-bool HeifDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size,
+bool HeifDecoder::decode(RandomAccessFile&, const FastString<char>& path, math::GenVec<int, 2> size,
                          ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
                          const math::Recti& roi) const {
     Context context(heif_context_alloc());

@@ -118,7 +118,7 @@ bool RawDecoder::accepts(const unsigned char*, size_t,
     return std::find(raw.begin(), raw.end(), upperExtension.view()) != raw.end();
 }
 
-bool RawDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size,
+bool RawDecoder::decode(RandomAccessFile&, const FastString<char>& path, math::GenVec<int, 2> size,
                         ImageQuality quality, ImageOut* image, SharedPtr<Metadata>* metadata,
                         const math::Recti& roi) const {
     Raw raw(libraw_init(0));

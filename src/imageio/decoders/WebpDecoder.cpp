@@ -83,12 +83,11 @@ bool WebpDecoder::accepts(const unsigned char* head, size_t length, const FastSt
            std::memcmp(head + 8, "WEBP", 4) == 0;
 }
 
-bool WebpDecoder::decode(const FastString<char>& path, math::GenVec<int, 2> size, ImageQuality,
-                         ImageOut* image, SharedPtr<Metadata>* metadata,
-                         const math::Recti& roi) const {
+bool WebpDecoder::decode(RandomAccessFile& file, const FastString<char>& path,
+                         math::GenVec<int, 2> size, ImageQuality, ImageOut* image,
+                         SharedPtr<Metadata>* metadata, const math::Recti& roi) const {
     std::vector<uint8_t> data;
     try {
-        filesystem::RandomAccessFileStd file(path.view());
         const uint64_t bytes = file.size();
         if (bytes > kMaxFileBytes) {
             QOR_LOG(LogInfo, "WebP '%*' is too large: %* bytes", path, bytes);

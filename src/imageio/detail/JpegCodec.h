@@ -49,6 +49,10 @@ bool encodeJpeg(RandomAccessFile& file, math::GenVec<int, 2> size,
                 const Function0<const unsigned char*>& nextRow, int quality,
                 const JpegExtras& extras, bool* stopped);
 
+// The picture size in the header of the JPEG in `file`; (0, 0) when it has no readable header.
+// Never throws.
+math::GenVec<int, 2> readJpegSize(RandomAccessFile& file);
+
 // The metadata of the JPEG in `file`: its EXIF, IPTC and XMP through readMetadata, with Imagesize
 // from the JPEG header. Null when the metadata cannot be read. Never throws.
 SharedPtr<Metadata> readJpegMetadata(RandomAccessFile& file);

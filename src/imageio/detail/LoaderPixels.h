@@ -7,6 +7,7 @@
 // without any change of tone curve: what a float TIFF or OpenEXR file holds is mapped as it is.
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <type_traits>
 
@@ -31,7 +32,8 @@ inline Out convertSample(In v) {
     if constexpr (std::is_same_v<Out, In>) {
         return v;
     } else if constexpr (std::is_floating_point_v<In>) {
-        const float f = std::clamp(float(v), 0.0f, 1.0f);
+        // NaN, which a float file may hold, counts as 0 (clamp would let it through).
+        const float f = std::isnan(v) ? 0.0f : std::clamp(float(v), 0.0f, 1.0f);
         if constexpr (std::is_floating_point_v<Out>)
             return Out(v);
         else

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <exiv2/error.hpp>
 
 #include "base/Log.h"
 
 namespace qor::imageio::detail {
+
+namespace {
+constexpr size_t WindowSize = 16384;
+}  // namespace
 
 RandomAccessFileIo::RandomAccessFileIo(RandomAccessFile& file) : _file(file) {
     try {
@@ -46,12 +51,27 @@ long RandomAccessFileIo::read(Exiv2::byte* buffer, long count) {
     size_t got = 0;
     try {
         while (got < wanted) {
-            size_t n = _file.readAt(_position + got, buffer + got, wanted - got);
-            if (n == 0) break;
-            got += n;
+            const uint64_t at = _position + got;
+            const size_t left = size_t(wanted - got);
+            if (at >= _windowStart && at - _windowStart < _windowLength) {
+                const size_t n = std::min<uint64_t>(left, _windowLength - (at - _windowStart));
+                std::memcpy(buffer + got, _window.get() + (at - _windowStart), n);
+                got += n;
+            } else if (left >= WindowSize) {
+                const size_t n = _file.readAt(at, buffer + got, left);
+                if (n == 0) break;
+                got += n;
+            } else {
+                if (!_window) _window.reset(new Exiv2::byte[WindowSize]);
+                _windowLength = 0;
+                _windowStart = at;
+                _windowLength = _file.readAt(at, _window.get(), WindowSize);
+                if (_windowLength == 0) break;
+            }
         }
     } catch (const RAFException& e) {
         QOR_LOG(LogDebug, "RandomAccessFileIo: read of '%*': %*", _file.name(), e.what());
+        _windowLength = 0;
         _error = true;
     }
     if (got < wanted) _eof = true;  // the file shrank under us

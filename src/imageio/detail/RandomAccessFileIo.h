@@ -3,12 +3,17 @@
 // file that the caller opened (and may have locked), a memory block or a region of a file alike,
 // reading only the parts it needs. Read-only: every write fails. The file must outlive the object.
 //
+// Reads smaller than a window (16 kB) are served from a window of the file kept in memory, so
+// that Exiv2's many small reads (marker by marker, byte by byte) cost one read of the file per
+// window rather than one each.
+//
 // Errors of the file (RAFException) are not thrown through Exiv2: they set error(), and the read
 // returns what it got, which Exiv2 reports as a failed read.
 // Thread contract: one thread at a time, like the file under it.
 
 #include <cstdint>
 #include <exiv2/basicio.hpp>
+#include <memory>
 #include <vector>
 
 #include "base/filesystem/RandomAccessFile.h"
@@ -47,6 +52,9 @@ private:
     bool _eof = false;
     bool _error = false;
     std::vector<Exiv2::byte> _mapped;
+    std::unique_ptr<Exiv2::byte[]> _window;  // _windowLength bytes of the file from _windowStart
+    size_t _windowLength = 0;
+    uint64_t _windowStart = 0;
 };
 
 }  // namespace qor::imageio::detail
