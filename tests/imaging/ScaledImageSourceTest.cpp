@@ -5,6 +5,7 @@
 #include <cmath>
 #include <future>
 #include <limits>
+#include <thread>
 #include <vector>
 
 #include "PipelineTestSources.h"
@@ -240,7 +241,12 @@ TEST(ImageProxyThreads, RetargetingWhileDependentsBuildGraphsKeepsTheirLocks) {
         done = true;
     });
     auto flipper = std::async(std::launch::async, [&] {
-        for (bool toA = false; !done; toA = !toA) proxy->setImage(Image::create(toA ? a : b));
+        // A pause between retargets: flipping without one, an optimised build outdated every
+        // request of the reader, and no graph was built at all.
+        for (bool toA = false; !done; toA = !toA) {
+            proxy->setImage(Image::create(toA ? a : b));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
     });
     auto toggler = std::async(std::launch::async, [&] {
         for (bool on = false; !done; on = !on) {
