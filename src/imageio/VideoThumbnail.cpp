@@ -1,8 +1,6 @@
 #include "imageio/VideoThumbnail.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/display.h>
 #include <libavutil/imgutils.h>
 #include <libswscale/swscale.h>
@@ -18,6 +16,7 @@ extern "C" {
 
 #include "base/Log.h"
 #include "imageio/decoders/detail/DecodeSupport.h"
+#include "imageio/detail/FfmpegCalls.h"
 #include "imageio/detail/VideoFrameSearch.h"
 
 namespace qor::imageio {
@@ -47,11 +46,15 @@ void routeFfmpegLog() {
     std::call_once(once, [] { av_log_set_callback(logFromFfmpeg); });
 }
 
+using detail::FfmpegCalls;
+
 struct InputClose {
-    void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVFormatContext* input) const { ffmpeg->avformat_close_input(&input); }
 };
 struct CodecFree {
-    void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVCodecContext* codec) const { ffmpeg->avcodec_free_context(&codec); }
 };
 struct ScalerFree {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
@@ -69,8 +72,9 @@ std::string fileUrl(const FastString<char>& path) {
 }
 
 // The clockwise rotation, in quarter turns, with which the stream is meant to be shown.
-int quarterTurns(const AVStream* stream) {
-    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+int quarterTurns(const FfmpegCalls& ffmpeg, const AVStream* stream) {
+    const uint8_t* matrix =
+        ffmpeg.av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
     if (!matrix) return 0;
     const double degrees = -av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
     if (std::isnan(degrees)) return 0;
@@ -112,14 +116,15 @@ SharedPtr<Rgba8Image> rotate(const SharedPtr<Rgba8Image>& image, int turns) {
 
 // The frame scaled to fit inside `box` as it is shown, converted to RGBA. Null when the frame's
 // format or size is not usable.
-SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
-                                  math::GenVec<int, 2> box, const FastString<char>& path) {
+SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& frame,
+                                  const AVStream* stream, math::GenVec<int, 2> box,
+                                  const FastString<char>& path) {
     if (!detail::plausibleSize(frame.width, frame.height)) return nullptr;
     AVRational aspect = frame.sample_aspect_ratio;
     if (aspect.num <= 0 || aspect.den <= 0) aspect = stream->sample_aspect_ratio;
     double shownWidth = frame.width;
     if (aspect.num > 0 && aspect.den > 0) shownWidth = frame.width * av_q2d(aspect);
-    const int turns = quarterTurns(stream);
+    const int turns = quarterTurns(ffmpeg, stream);
     math::GenVec<int, 2> shown(std::max(1, int(std::lround(shownWidth))), frame.height);
     if (turns % 2 == 1) shown = math::GenVec<int, 2>(shown.y, shown.x);
     math::GenVec<int, 2> fitted = fitInside(shown, box);
@@ -145,17 +150,23 @@ SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
 
 bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size, ImageOut* image,
                         SharedPtr<Metadata>* metadata) {
+    const FfmpegCalls* ffmpeg = detail::ffmpegCalls();
+    if (!ffmpeg) {
+        QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
+                path, AVERROR(ENOSYS));
+        return false;
+    }
     routeFfmpegLog();
     AVFormatContext* opened = nullptr;
     AVDictionary* options = nullptr;
     av_dict_set(&options, "protocol_whitelist", "file", 0);
-    int error = avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
+    int error = ffmpeg->avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
     av_dict_free(&options);
-    Input input(opened);
-    if (error >= 0) error = avformat_find_stream_info(input.get(), nullptr);
+    Input input(opened, InputClose{ffmpeg});
+    if (error >= 0) error = ffmpeg->avformat_find_stream_info(input.get(), nullptr);
     const AVCodec* decoder = nullptr;
     if (error >= 0)
-        error = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
+        error = ffmpeg->av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
     if (error < 0 || !decoder) {
         QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
                 path, error);
@@ -170,25 +181,30 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     // A stream that claims a frame larger than any thumbnail source is not decoded at all.
     const AVCodecParameters* parameters = stream->codecpar;
     const bool sizeKnown = parameters->width > 0 && parameters->height > 0;
-    Codec codec(avcodec_alloc_context3(decoder));
+    Codec codec(ffmpeg->avcodec_alloc_context3(decoder), CodecFree{ffmpeg});
     if (sizeKnown && !detail::plausibleSize(parameters->width, parameters->height))
         error = AVERROR(ERANGE);
     else
-        error = codec ? avcodec_parameters_to_context(codec.get(), parameters) : AVERROR(ENOMEM);
-    if (error >= 0) error = avcodec_open2(codec.get(), decoder, nullptr);
+        error = codec ? ffmpeg->avcodec_parameters_to_context(codec.get(), parameters)
+                      : AVERROR(ENOMEM);
+    if (error >= 0) error = ffmpeg->avcodec_open2(codec.get(), decoder, nullptr);
     detail::VideoFrame frame;
     if (error >= 0) {
         const int64_t target = thumbnailTime(input.get(), stream);
         if (target != AV_NOPTS_VALUE &&
-            av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
-            av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
+            ffmpeg->av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
+            ffmpeg->av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
         AVFormatContext* file = input.get();
         AVCodecContext* decoding = codec.get();
         const detail::VideoCodecCalls calls{
-            [file](AVPacket* packet) { return av_read_frame(file, packet); },
-            [decoding](const AVPacket* packet) { return avcodec_send_packet(decoding, packet); },
-            [decoding](AVFrame* out) { return avcodec_receive_frame(decoding, out); }};
-        frame = detail::findFrameAt(calls, streamIndex, target, error);
+            [ffmpeg, file](AVPacket* packet) { return ffmpeg->av_read_frame(file, packet); },
+            [ffmpeg, decoding](const AVPacket* packet) {
+                return ffmpeg->avcodec_send_packet(decoding, packet);
+            },
+            [ffmpeg, decoding](AVFrame* out) {
+                return ffmpeg->avcodec_receive_frame(decoding, out);
+            }};
+        frame = detail::findFrameAt(*ffmpeg, calls, streamIndex, target, error);
     }
     SharedPtr<Rgba8Image> thumbnail;
     if (frame) {
@@ -196,7 +212,7 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
             size.x > 0 ? std::min(size.x, kMaxThumbnailSide) : kMaxThumbnailSide,
             size.y > 0 ? std::min(size.y, kMaxThumbnailSide) : kMaxThumbnailSide);
         try {
-            thumbnail = toThumbnail(*frame, stream, box, path);
+            thumbnail = toThumbnail(*ffmpeg, *frame, stream, box, path);
         } catch (const std::bad_alloc&) {
             thumbnail = nullptr;
         }

@@ -7,7 +7,8 @@ namespace qor::imageio::detail {
 namespace {
 
 struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVPacket* packet) const { ffmpeg->av_packet_free(&packet); }
 };
 using Packet = std::unique_ptr<AVPacket, PacketFree>;
 
@@ -82,9 +83,10 @@ private:
 
 }  // namespace
 
-VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t target, int& error) {
+VideoFrame findFrameAt(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int streamIndex,
+                       int64_t target, int& error) {
     error = AVERROR_EOF;
-    Packet packet(av_packet_alloc());
+    Packet packet(ffmpeg.av_packet_alloc(), PacketFree{&ffmpeg});
     FrameSearch search(calls, target, error);
     if (!packet || !search.allocated()) {
         error = AVERROR(ENOMEM);
@@ -99,12 +101,12 @@ VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t ta
             return search.take();
         }
         if (packet->stream_index != streamIndex) {
-            av_packet_unref(packet.get());
+            ffmpeg.av_packet_unref(packet.get());
             continue;
         }
         ++packets;
         FrameSearch::Outcome outcome = search.send(packet.get());
-        av_packet_unref(packet.get());
+        ffmpeg.av_packet_unref(packet.get());
         if (outcome == FrameSearch::NoFrameReady) outcome = search.receiveReady(received);
         if (outcome != FrameSearch::NoFrameReady) return search.take();
     }
