@@ -10,26 +10,25 @@ namespace qor::imageio::detail {
 
 namespace {
 
-std::unique_ptr<FfmpegCalls> openFfmpeg() {
-    auto libraries = std::make_unique<SharedLibraries>(
-        std::vector<std::string>{kAvcodecLibrary, kAvformatLibrary});
-    if (!libraries->open()) return nullptr;
+std::unique_ptr<FfmpegCalls> resolveAll(SharedLibraries& libraries) {
+    if (!libraries.open()) return nullptr;
     auto calls = std::make_unique<FfmpegCalls>();
     bool found = true;
-#define QOR_FFMPEG_RESOLVE(name) found = libraries->resolve(calls->name, #name) && found;
+#define QOR_FFMPEG_RESOLVE(name) found = libraries.resolve(calls->name, #name) && found;
     QOR_FFMPEG_FUNCTIONS(QOR_FFMPEG_RESOLVE)
 #undef QOR_FFMPEG_RESOLVE
-    if (!found) return nullptr;
-    // Never closed: a thread of the application may still be in a video when the process exits.
-    libraries.release();
-    return calls;
+    return found ? std::move(calls) : nullptr;
 }
 
 }  // namespace
 
 const FfmpegCalls* ffmpegCalls() {
-    // Initialised once, thread-safely, by the first caller; a failure stays null.
-    static const std::unique_ptr<FfmpegCalls> calls = openFfmpeg();
+    // Both initialised once, thread-safely, by the first caller; a failure stays null. The
+    // libraries are never closed: a thread of the application may still be in a video while the
+    // process exits.
+    static SharedLibraries& libraries =
+        *new SharedLibraries(std::vector<std::string>{kAvcodecLibrary, kAvformatLibrary});
+    static const std::unique_ptr<FfmpegCalls> calls = resolveAll(libraries);
     return calls.get();
 }
 
