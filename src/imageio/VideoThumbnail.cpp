@@ -1,11 +1,5 @@
 #include "imageio/VideoThumbnail.h"
 
-extern "C" {
-#include <libavutil/display.h>
-#include <libavutil/imgutils.h>
-#include <libswscale/swscale.h>
-}
-
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
@@ -35,18 +29,20 @@ void logFromFfmpeg(void* context, int level, const char* format, va_list argumen
     if (level > AV_LOG_WARNING) return;
     char line[1024];
     int printPrefix = 1;
-    av_log_format_line2(context, level, format, arguments, line, sizeof line, &printPrefix);
+    // Only ever installed by the table, so the table is there.
+    detail::ffmpegCalls()->av_log_format_line2(context, level, format, arguments, line, sizeof line,
+                                               &printPrefix);
     std::string_view text(line);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
     QOR_LOG(LogDebug, "FFmpeg: %*", text);
 }
 
-void routeFfmpegLog() {
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_callback(logFromFfmpeg); });
-}
-
 using detail::FfmpegCalls;
+
+void routeFfmpegLog(const FfmpegCalls& ffmpeg) {
+    static std::once_flag once;
+    std::call_once(once, [&ffmpeg] { ffmpeg.av_log_set_callback(logFromFfmpeg); });
+}
 
 struct InputClose {
     const FfmpegCalls* ffmpeg;
@@ -57,7 +53,8 @@ struct CodecFree {
     void operator()(AVCodecContext* codec) const { ffmpeg->avcodec_free_context(&codec); }
 };
 struct ScalerFree {
-    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(SwsContext* scaler) const { ffmpeg->sws_freeContext(scaler); }
 };
 using Input = std::unique_ptr<AVFormatContext, InputClose>;
 using Codec = std::unique_ptr<AVCodecContext, CodecFree>;
@@ -76,22 +73,24 @@ int quarterTurns(const FfmpegCalls& ffmpeg, const AVStream* stream) {
     const uint8_t* matrix =
         ffmpeg.av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
     if (!matrix) return 0;
-    const double degrees = -av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    const double degrees =
+        -ffmpeg.av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
     if (std::isnan(degrees)) return 0;
     return ((int(std::lround(degrees / 90.0)) % 4) + 4) % 4;
 }
 
 // The time of the thumbnail frame in the stream's time base, and whether to seek there.
-int64_t thumbnailTime(const AVFormatContext* input, const AVStream* stream) {
+int64_t thumbnailTime(const FfmpegCalls& ffmpeg, const AVFormatContext* input,
+                      const AVStream* stream) {
     if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) return AV_NOPTS_VALUE;
     int64_t length = input->duration;
     if ((length == AV_NOPTS_VALUE || length <= 0) && stream->duration != AV_NOPTS_VALUE &&
         stream->duration > 0)
-        length = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
+        length = ffmpeg.av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
     if (length == AV_NOPTS_VALUE || length <= 0) return AV_NOPTS_VALUE;
     const int64_t at = std::min(kThumbnailTime, length / 10);
     const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
-    return start + av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
+    return start + ffmpeg.av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
 }
 
 // `image` turned clockwise by `turns` quarter turns.
@@ -132,16 +131,17 @@ SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& fram
     if (turns % 2 == 1) fitted = math::GenVec<int, 2>(fitted.y, fitted.x);
 
     const bool reduces = fitted.x <= frame.width && fitted.y <= frame.height;
-    Scaler scaler(sws_getContext(frame.width, frame.height, AVPixelFormat(frame.format), fitted.x,
-                                 fitted.y, AV_PIX_FMT_RGBA, reduces ? SWS_AREA : SWS_BICUBIC,
-                                 nullptr, nullptr, nullptr));
+    Scaler scaler(ffmpeg.sws_getContext(
+                      frame.width, frame.height, AVPixelFormat(frame.format), fitted.x, fitted.y,
+                      AV_PIX_FMT_RGBA, reduces ? SWS_AREA : SWS_BICUBIC, nullptr, nullptr, nullptr),
+                  ScalerFree{&ffmpeg});
     if (!scaler) return nullptr;
     SharedPtr<Rgba8Image> image = detail::allocateRgba(fitted.x, fitted.y, path);
     if (!image) return nullptr;
     uint8_t* planes[4] = {image->data(), nullptr, nullptr, nullptr};
     int strides[4] = {int(image->byteStride()), 0, 0, 0};
-    if (sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides) !=
-        fitted.y)
+    if (ffmpeg.sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes,
+                         strides) != fitted.y)
         return nullptr;
     return rotate(image, turns);
 }
@@ -156,12 +156,12 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
                 path, AVERROR(ENOSYS));
         return false;
     }
-    routeFfmpegLog();
+    routeFfmpegLog(*ffmpeg);
     AVFormatContext* opened = nullptr;
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "protocol_whitelist", "file", 0);
+    ffmpeg->av_dict_set(&options, "protocol_whitelist", "file", 0);
     int error = ffmpeg->avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
-    av_dict_free(&options);
+    ffmpeg->av_dict_free(&options);
     Input input(opened, InputClose{ffmpeg});
     if (error >= 0) error = ffmpeg->avformat_find_stream_info(input.get(), nullptr);
     const AVCodec* decoder = nullptr;
@@ -190,7 +190,7 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     if (error >= 0) error = ffmpeg->avcodec_open2(codec.get(), decoder, nullptr);
     detail::VideoFrame frame;
     if (error >= 0) {
-        const int64_t target = thumbnailTime(input.get(), stream);
+        const int64_t target = thumbnailTime(*ffmpeg, input.get(), stream);
         if (target != AV_NOPTS_VALUE &&
             ffmpeg->av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
             ffmpeg->av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);

@@ -78,7 +78,8 @@ TEST(SharedLibrariesThreads, ConcurrentFirstOpenIsOneOpening) {
     }
 }
 
-// The process-wide table, asked for by several threads at once, is one table with every function.
+// The process-wide table, asked for by several threads at once, is one table with every function;
+// the scaler's table opens as well.
 TEST(SharedLibrariesThreads, VideoFunctionsResolvedOnceForAllThreads) {
     std::vector<const detail::FfmpegCalls*> tables(4, nullptr);
     std::vector<std::thread> threads;
@@ -87,6 +88,7 @@ TEST(SharedLibrariesThreads, VideoFunctionsResolvedOnceForAllThreads) {
     for (std::thread& thread : threads) thread.join();
     ASSERT_NE(tables[0], nullptr);
     for (const detail::FfmpegCalls* table : tables) EXPECT_EQ(table, tables[0]);
+    ASSERT_NE(detail::scalerCalls(), nullptr);
 #define QOR_EXPECT_RESOLVED(name) EXPECT_NE(tables[0]->name, nullptr) << #name;
     QOR_FFMPEG_FUNCTIONS(QOR_EXPECT_RESOLVED)
 #undef QOR_EXPECT_RESOLVED

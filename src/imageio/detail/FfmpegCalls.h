@@ -1,26 +1,48 @@
 #pragma once
-// The functions of libavformat and libavcodec that the video thumbnails call. These two libraries
-// (and the hundred-odd libraries they pull in) are opened on the first video, not when the program
-// starts: the video code calls them through this table. libavutil and libswscale, which the image
-// decoders' resizing uses as well and which cost little to load, stay linked.
+// The functions of FFmpeg that the library calls, in tables filled when they are first needed
+// rather than linked: libavformat and libavcodec pull in some 130 shared libraries, libavutil
+// some 20, and a program that reads no video and enlarges no picture needs none of them. The
+// scaler (libswscale, libavutil) is opened by the first enlargement or video, the rest by the
+// first video.
 //
-// Thread contract: ffmpegCalls() may be called on any thread; the first call opens the libraries
-// while any others wait for it. The table never changes afterwards and is never freed.
+// Thread contract: scalerCalls() and ffmpegCalls() may be called on any thread; the first call of
+// each opens its libraries while any others wait for it. The tables never change afterwards and
+// are never freed.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/display.h>
+#include <libavutil/frame.h>
+#include <libswscale/swscale.h>
 }
 
 namespace qor::imageio::detail {
 
 // The library file names, with the major versions of the headers built against.
+inline constexpr const char* kAvutilLibrary = "libavutil.so." AV_STRINGIFY(LIBAVUTIL_VERSION_MAJOR);
+inline constexpr const char* kSwscaleLibrary =
+    "libswscale.so." AV_STRINGIFY(LIBSWSCALE_VERSION_MAJOR);
 inline constexpr const char* kAvcodecLibrary =
     "libavcodec.so." AV_STRINGIFY(LIBAVCODEC_VERSION_MAJOR);
 inline constexpr const char* kAvformatLibrary =
     "libavformat.so." AV_STRINGIFY(LIBAVFORMAT_VERSION_MAJOR);
 
+#define QOR_SCALER_FUNCTIONS(X) \
+    X(sws_getContext)           \
+    X(sws_scale)                \
+    X(sws_freeContext)
+
 #define QOR_FFMPEG_FUNCTIONS(X)      \
+    QOR_SCALER_FUNCTIONS(X)          \
+    X(av_log_set_callback)           \
+    X(av_log_format_line2)           \
+    X(av_dict_set)                   \
+    X(av_dict_free)                  \
+    X(av_display_rotation_get)       \
+    X(av_rescale_q)                  \
+    X(av_frame_alloc)                \
+    X(av_frame_free)                 \
     X(avformat_open_input)           \
     X(avformat_close_input)          \
     X(avformat_find_stream_info)     \
@@ -39,15 +61,21 @@ inline constexpr const char* kAvformatLibrary =
     X(av_packet_unref)
 
 // One pointer for each function, named as the function and typed as its header declares it.
-struct FfmpegCalls {
 #define QOR_FFMPEG_POINTER(name) decltype(&::name) name = nullptr;
-    QOR_FFMPEG_FUNCTIONS(QOR_FFMPEG_POINTER)
-#undef QOR_FFMPEG_POINTER
+// libswscale's scaling, for the decoders' enlargements.
+struct ScalerCalls {
+    QOR_SCALER_FUNCTIONS(QOR_FFMPEG_POINTER)
 };
+// Everything the video thumbnails call, the scaler included.
+struct FfmpegCalls {
+    QOR_FFMPEG_FUNCTIONS(QOR_FFMPEG_POINTER)
+};
+#undef QOR_FFMPEG_POINTER
 
-// The table, opened and resolved on the first call. Null when a library does not open or lacks a
-// function: the first call logs which (one line at warning level), and later calls return null at
-// once without trying again. Blocks on the loader on the first call. Never throws.
+// The tables, opened and resolved on the first call of each. Null when a library does not open or
+// lacks a function: the first call logs which (one line at warning level), and later calls return
+// null at once without trying again. Block on the loader on the first call. Never throw.
+const ScalerCalls* scalerCalls();
 const FfmpegCalls* ffmpegCalls();
 
 }  // namespace qor::imageio::detail

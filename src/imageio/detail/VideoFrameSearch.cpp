@@ -15,8 +15,13 @@ using Packet = std::unique_ptr<AVPacket, PacketFree>;
 // One search: the frame being received, the last one decoded before the target, and the error.
 class FrameSearch {
 public:
-    FrameSearch(const VideoCodecCalls& calls, int64_t target, int& error)
-        : _calls(calls), _target(target), _error(error), _frame(av_frame_alloc()) {}
+    FrameSearch(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int64_t target, int& error)
+        : _ffmpeg(ffmpeg),
+          _calls(calls),
+          _target(target),
+          _error(error),
+          _frame(ffmpeg.av_frame_alloc(), FrameFree{&ffmpeg}),
+          _last(nullptr, FrameFree{&ffmpeg}) {}
 
     // What reading the codec's ready frames came to.
     enum Outcome {
@@ -43,7 +48,7 @@ public:
                 return Found;
             }
             _last = std::move(_frame);
-            _frame.reset(av_frame_alloc());
+            _frame.reset(_ffmpeg.av_frame_alloc());
         }
     }
 
@@ -73,6 +78,7 @@ public:
     bool allocated() const { return bool(_frame); }
 
 private:
+    const FfmpegCalls& _ffmpeg;
     const VideoCodecCalls& _calls;
     const int64_t _target;
     int& _error;
@@ -87,7 +93,7 @@ VideoFrame findFrameAt(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, 
                        int64_t target, int& error) {
     error = AVERROR_EOF;
     Packet packet(ffmpeg.av_packet_alloc(), PacketFree{&ffmpeg});
-    FrameSearch search(calls, target, error);
+    FrameSearch search(ffmpeg, calls, target, error);
     if (!packet || !search.allocated()) {
         error = AVERROR(ENOMEM);
         return nullptr;

@@ -5,10 +5,6 @@
 //
 // Thread contract: one search runs on the calling thread and uses its codec alone.
 
-extern "C" {
-#include <libavutil/frame.h>
-}
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -18,7 +14,8 @@ extern "C" {
 namespace qor::imageio::detail {
 
 struct FrameFree {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    const FfmpegCalls* ffmpeg = nullptr;
+    void operator()(AVFrame* frame) const { ffmpeg->av_frame_free(&frame); }
 };
 using VideoFrame = std::unique_ptr<AVFrame, FrameFree>;
 
@@ -40,7 +37,7 @@ constexpr int kMaxVideoPackets = 2000;
 // search (error AVERROR(EAGAIN)). At the end of the file the codec is drained; at the end of its
 // frames, or after kMaxVideoPackets packets, the last frame decoded is taken. Null when no frame
 // decodes; `error` then holds the codec's last error (AVERROR_EOF when there was none). The packet
-// that carries the reads comes from `ffmpeg`. Blocks on the reads. Never throws.
+// and the frames come from `ffmpeg`. Blocks on the reads. Never throws.
 VideoFrame findFrameAt(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int streamIndex,
                        int64_t target, int& error);
 
