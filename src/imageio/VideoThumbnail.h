@@ -1,7 +1,7 @@
 #pragma once
 // Thumbnails of video files, through FFmpeg: a frame near the start of the video, as an 8-bit
-// RGBA image (alpha 255) fitted inside the requested size, at most 256 by 256. libavformat and
-// libavcodec are opened by the first call, not when the program starts.
+// RGBA image (alpha 255) fitted inside the requested size, at most 256 by 256. FFmpeg's
+// libraries are opened by the first call, not when the program starts.
 
 #include "imageio/DecoderRegistry.h"
 
