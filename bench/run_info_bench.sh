@@ -11,6 +11,8 @@
 #
 # Usage: bench/run_info_bench.sh [FILES [ROUNDS]]   (default 500 files, 7 rounds)
 # QOR_BENCH_BUILD names another build folder for the release preset (default build/release).
+# QOR_INFO_BENCH_BESIDE names another qor program (an earlier build, say) whose `info --json` runs
+# in the same rounds, for a before-and-after in one session.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -93,16 +95,18 @@ first="$work/img$(seq -w 1 "$count" | head -1).jpg"
 echo "$(exiv2 --version | head -1); $count files of $(stat -c %s "$first") bytes," \
      "$(exiv2 -pa "$first" 2>/dev/null | wc -l) lines of exiv2 -pa each"
 
-python3 - "$qor" "$work" "$rounds" <<'PY'
+python3 - "$qor" "$work" "$rounds" "${QOR_INFO_BENCH_BESIDE:-}" <<'PY'
 import glob, os, resource, statistics, subprocess, sys, time
 
-qor, work, rounds = sys.argv[1], sys.argv[2], int(sys.argv[3])
+qor, work, rounds, beside = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4]
 files = sorted(glob.glob(os.path.join(work, "img*.jpg")))
 commands = {
     "qor info --json": [qor, "info", "--json"] + files,
     "exiv2 -pa": ["exiv2", "-pa"] + files,
     "qor info --json --verify": [qor, "info", "--json", "--verify"] + files,
 }
+if beside:
+    commands["beside: info --json"] = [beside, "info", "--json"] + files
 
 def timed(command):
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
@@ -110,7 +114,7 @@ def timed(command):
     result = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     wall = time.perf_counter() - start
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
-    if command[0] == qor and result.returncode != 0:
+    if command[0] in (qor, beside) and result.returncode != 0:
         sys.exit("qor failed: " + result.stderr.decode(errors="replace")[:500])
     cpu = (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
     return wall * 1000, cpu * 1000

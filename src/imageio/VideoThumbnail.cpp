@@ -1,13 +1,5 @@
 #include "imageio/VideoThumbnail.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/display.h>
-#include <libavutil/imgutils.h>
-#include <libswscale/swscale.h>
-}
-
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
@@ -18,6 +10,7 @@ extern "C" {
 
 #include "base/Log.h"
 #include "imageio/decoders/detail/DecodeSupport.h"
+#include "imageio/detail/FfmpegCalls.h"
 #include "imageio/detail/VideoFrameSearch.h"
 
 namespace qor::imageio {
@@ -36,25 +29,32 @@ void logFromFfmpeg(void* context, int level, const char* format, va_list argumen
     if (level > AV_LOG_WARNING) return;
     char line[1024];
     int printPrefix = 1;
-    av_log_format_line2(context, level, format, arguments, line, sizeof line, &printPrefix);
+    // Only ever installed by the table, so the table is there.
+    detail::ffmpegCalls()->av_log_format_line2(context, level, format, arguments, line, sizeof line,
+                                               &printPrefix);
     std::string_view text(line);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
     QOR_LOG(LogDebug, "FFmpeg: %*", text);
 }
 
-void routeFfmpegLog() {
+using detail::FfmpegCalls;
+
+void routeFfmpegLog(const FfmpegCalls& ffmpeg) {
     static std::once_flag once;
-    std::call_once(once, [] { av_log_set_callback(logFromFfmpeg); });
+    std::call_once(once, [&ffmpeg] { ffmpeg.av_log_set_callback(logFromFfmpeg); });
 }
 
 struct InputClose {
-    void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVFormatContext* input) const { ffmpeg->avformat_close_input(&input); }
 };
 struct CodecFree {
-    void operator()(AVCodecContext* codec) const { avcodec_free_context(&codec); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVCodecContext* codec) const { ffmpeg->avcodec_free_context(&codec); }
 };
 struct ScalerFree {
-    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(SwsContext* scaler) const { ffmpeg->sws_freeContext(scaler); }
 };
 using Input = std::unique_ptr<AVFormatContext, InputClose>;
 using Codec = std::unique_ptr<AVCodecContext, CodecFree>;
@@ -69,25 +69,28 @@ std::string fileUrl(const FastString<char>& path) {
 }
 
 // The clockwise rotation, in quarter turns, with which the stream is meant to be shown.
-int quarterTurns(const AVStream* stream) {
-    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+int quarterTurns(const FfmpegCalls& ffmpeg, const AVStream* stream) {
+    const uint8_t* matrix =
+        ffmpeg.av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
     if (!matrix) return 0;
-    const double degrees = -av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    const double degrees =
+        -ffmpeg.av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
     if (std::isnan(degrees)) return 0;
     return ((int(std::lround(degrees / 90.0)) % 4) + 4) % 4;
 }
 
 // The time of the thumbnail frame in the stream's time base, and whether to seek there.
-int64_t thumbnailTime(const AVFormatContext* input, const AVStream* stream) {
+int64_t thumbnailTime(const FfmpegCalls& ffmpeg, const AVFormatContext* input,
+                      const AVStream* stream) {
     if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) return AV_NOPTS_VALUE;
     int64_t length = input->duration;
     if ((length == AV_NOPTS_VALUE || length <= 0) && stream->duration != AV_NOPTS_VALUE &&
         stream->duration > 0)
-        length = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
+        length = ffmpeg.av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
     if (length == AV_NOPTS_VALUE || length <= 0) return AV_NOPTS_VALUE;
     const int64_t at = std::min(kThumbnailTime, length / 10);
     const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
-    return start + av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
+    return start + ffmpeg.av_rescale_q(at, AV_TIME_BASE_Q, stream->time_base);
 }
 
 // `image` turned clockwise by `turns` quarter turns.
@@ -112,14 +115,15 @@ SharedPtr<Rgba8Image> rotate(const SharedPtr<Rgba8Image>& image, int turns) {
 
 // The frame scaled to fit inside `box` as it is shown, converted to RGBA. Null when the frame's
 // format or size is not usable.
-SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
-                                  math::GenVec<int, 2> box, const FastString<char>& path) {
+SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& frame,
+                                  const AVStream* stream, math::GenVec<int, 2> box,
+                                  const FastString<char>& path) {
     if (!detail::plausibleSize(frame.width, frame.height)) return nullptr;
     AVRational aspect = frame.sample_aspect_ratio;
     if (aspect.num <= 0 || aspect.den <= 0) aspect = stream->sample_aspect_ratio;
     double shownWidth = frame.width;
     if (aspect.num > 0 && aspect.den > 0) shownWidth = frame.width * av_q2d(aspect);
-    const int turns = quarterTurns(stream);
+    const int turns = quarterTurns(ffmpeg, stream);
     math::GenVec<int, 2> shown(std::max(1, int(std::lround(shownWidth))), frame.height);
     if (turns % 2 == 1) shown = math::GenVec<int, 2>(shown.y, shown.x);
     math::GenVec<int, 2> fitted = fitInside(shown, box);
@@ -127,16 +131,17 @@ SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
     if (turns % 2 == 1) fitted = math::GenVec<int, 2>(fitted.y, fitted.x);
 
     const bool reduces = fitted.x <= frame.width && fitted.y <= frame.height;
-    Scaler scaler(sws_getContext(frame.width, frame.height, AVPixelFormat(frame.format), fitted.x,
-                                 fitted.y, AV_PIX_FMT_RGBA, reduces ? SWS_AREA : SWS_BICUBIC,
-                                 nullptr, nullptr, nullptr));
+    Scaler scaler(ffmpeg.sws_getContext(
+                      frame.width, frame.height, AVPixelFormat(frame.format), fitted.x, fitted.y,
+                      AV_PIX_FMT_RGBA, reduces ? SWS_AREA : SWS_BICUBIC, nullptr, nullptr, nullptr),
+                  ScalerFree{&ffmpeg});
     if (!scaler) return nullptr;
     SharedPtr<Rgba8Image> image = detail::allocateRgba(fitted.x, fitted.y, path);
     if (!image) return nullptr;
     uint8_t* planes[4] = {image->data(), nullptr, nullptr, nullptr};
     int strides[4] = {int(image->byteStride()), 0, 0, 0};
-    if (sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides) !=
-        fitted.y)
+    if (ffmpeg.sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes,
+                         strides) != fitted.y)
         return nullptr;
     return rotate(image, turns);
 }
@@ -145,17 +150,23 @@ SharedPtr<Rgba8Image> toThumbnail(const AVFrame& frame, const AVStream* stream,
 
 bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size, ImageOut* image,
                         SharedPtr<Metadata>* metadata) {
-    routeFfmpegLog();
+    const FfmpegCalls* ffmpeg = detail::ffmpegCalls();
+    if (!ffmpeg) {
+        QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
+                path, AVERROR(ENOSYS));
+        return false;
+    }
+    routeFfmpegLog(*ffmpeg);
     AVFormatContext* opened = nullptr;
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "protocol_whitelist", "file", 0);
-    int error = avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
-    av_dict_free(&options);
-    Input input(opened);
-    if (error >= 0) error = avformat_find_stream_info(input.get(), nullptr);
+    ffmpeg->av_dict_set(&options, "protocol_whitelist", "file", 0);
+    int error = ffmpeg->avformat_open_input(&opened, fileUrl(path).c_str(), nullptr, &options);
+    ffmpeg->av_dict_free(&options);
+    Input input(opened, InputClose{ffmpeg});
+    if (error >= 0) error = ffmpeg->avformat_find_stream_info(input.get(), nullptr);
     const AVCodec* decoder = nullptr;
     if (error >= 0)
-        error = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
+        error = ffmpeg->av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
     if (error < 0 || !decoder) {
         QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
                 path, error);
@@ -170,25 +181,30 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     // A stream that claims a frame larger than any thumbnail source is not decoded at all.
     const AVCodecParameters* parameters = stream->codecpar;
     const bool sizeKnown = parameters->width > 0 && parameters->height > 0;
-    Codec codec(avcodec_alloc_context3(decoder));
+    Codec codec(ffmpeg->avcodec_alloc_context3(decoder), CodecFree{ffmpeg});
     if (sizeKnown && !detail::plausibleSize(parameters->width, parameters->height))
         error = AVERROR(ERANGE);
     else
-        error = codec ? avcodec_parameters_to_context(codec.get(), parameters) : AVERROR(ENOMEM);
-    if (error >= 0) error = avcodec_open2(codec.get(), decoder, nullptr);
+        error = codec ? ffmpeg->avcodec_parameters_to_context(codec.get(), parameters)
+                      : AVERROR(ENOMEM);
+    if (error >= 0) error = ffmpeg->avcodec_open2(codec.get(), decoder, nullptr);
     detail::VideoFrame frame;
     if (error >= 0) {
-        const int64_t target = thumbnailTime(input.get(), stream);
+        const int64_t target = thumbnailTime(*ffmpeg, input.get(), stream);
         if (target != AV_NOPTS_VALUE &&
-            av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
-            av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
+            ffmpeg->av_seek_frame(input.get(), streamIndex, target, AVSEEK_FLAG_BACKWARD) < 0)
+            ffmpeg->av_seek_frame(input.get(), streamIndex, 0, AVSEEK_FLAG_BACKWARD);
         AVFormatContext* file = input.get();
         AVCodecContext* decoding = codec.get();
         const detail::VideoCodecCalls calls{
-            [file](AVPacket* packet) { return av_read_frame(file, packet); },
-            [decoding](const AVPacket* packet) { return avcodec_send_packet(decoding, packet); },
-            [decoding](AVFrame* out) { return avcodec_receive_frame(decoding, out); }};
-        frame = detail::findFrameAt(calls, streamIndex, target, error);
+            [ffmpeg, file](AVPacket* packet) { return ffmpeg->av_read_frame(file, packet); },
+            [ffmpeg, decoding](const AVPacket* packet) {
+                return ffmpeg->avcodec_send_packet(decoding, packet);
+            },
+            [ffmpeg, decoding](AVFrame* out) {
+                return ffmpeg->avcodec_receive_frame(decoding, out);
+            }};
+        frame = detail::findFrameAt(*ffmpeg, calls, streamIndex, target, error);
     }
     SharedPtr<Rgba8Image> thumbnail;
     if (frame) {
@@ -196,7 +212,7 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
             size.x > 0 ? std::min(size.x, kMaxThumbnailSide) : kMaxThumbnailSide,
             size.y > 0 ? std::min(size.y, kMaxThumbnailSide) : kMaxThumbnailSide);
         try {
-            thumbnail = toThumbnail(*frame, stream, box, path);
+            thumbnail = toThumbnail(*ffmpeg, *frame, stream, box, path);
         } catch (const std::bad_alloc&) {
             thumbnail = nullptr;
         }

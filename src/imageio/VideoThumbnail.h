@@ -1,6 +1,7 @@
 #pragma once
 // Thumbnails of video files, through FFmpeg: a frame near the start of the video, as an 8-bit
-// RGBA image (alpha 255) fitted inside the requested size, at most 256 by 256.
+// RGBA image (alpha 255) fitted inside the requested size, at most 256 by 256. FFmpeg's
+// libraries are opened by the first call, not when the program starts.
 
 #include "imageio/DecoderRegistry.h"
 
@@ -14,7 +15,9 @@ namespace qor::imageio {
 // and already holding a Metadata, gets Imagesize set to the thumbnail's size on it.
 //
 // Returns false, logging "SHCreateItemFromParsingName for file '%*' failed with error code %*"
-// at level 1, when FFmpeg cannot open the file or finds no video stream in it. Returns true with
+// at level 1, when FFmpeg cannot open the file or finds no video stream in it, or when its
+// libraries cannot be loaded on this machine (error code AVERROR(ENOSYS); the first call also
+// logs the library and the loader's reason at warning level). Returns true with
 // the image output untouched, logging "IShellItemImageFactory::GetImage for file '%*' failed with
 // error code %*" at level 1, when the video has no frame that decodes. Blocks on file reads;
 // re-entrant, and safe on any number of threads at once. Never throws.

@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -65,6 +66,13 @@ AsyncCodec videoWithAudio(int count) {
     return codec;
 }
 
+// The packets come from the libraries opened at run time; a test fails when they do not open.
+const detail::FfmpegCalls& ffmpeg() {
+    const detail::FfmpegCalls* calls = detail::ffmpegCalls();
+    if (!calls) throw std::runtime_error("libavformat or libavcodec cannot be loaded");
+    return *calls;
+}
+
 std::vector<int64_t> upTo(int64_t last) {
     std::vector<int64_t> times;
     for (int64_t t = 0; t <= last; ++t) times.push_back(t);
@@ -75,7 +83,7 @@ TEST(VideoFrameSearch, PacketsRefusedWithEagainAreSentAgain) {
     {
         AsyncCodec codec = videoWithAudio(12);
         int error = 0;
-        detail::VideoFrame frame = findFrameAt(codec.calls(), 0, 5, error);
+        detail::VideoFrame frame = findFrameAt(ffmpeg(), codec.calls(), 0, 5, error);
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->best_effort_timestamp, 5);
         EXPECT_EQ(codec.taken, upTo(5));
@@ -84,7 +92,7 @@ TEST(VideoFrameSearch, PacketsRefusedWithEagainAreSentAgain) {
         // A target past the end: the codec is drained and its last frame taken.
         AsyncCodec codec = videoWithAudio(8);
         int error = 0;
-        detail::VideoFrame frame = findFrameAt(codec.calls(), 0, 100, error);
+        detail::VideoFrame frame = findFrameAt(ffmpeg(), codec.calls(), 0, 100, error);
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->best_effort_timestamp, 7);
         EXPECT_EQ(codec.taken, upTo(7));
@@ -97,7 +105,7 @@ TEST(VideoFrameSearch, CodecThatNeitherTakesNorGivesEndsTheSearch) {
     VideoCodecCalls calls = codec.calls();
     calls.sendPacket = [](const AVPacket*) { return AVERROR(EAGAIN); };
     int error = 0;
-    EXPECT_FALSE(findFrameAt(calls, 0, 2, error));
+    EXPECT_FALSE(findFrameAt(ffmpeg(), calls, 0, 2, error));
     EXPECT_EQ(error, AVERROR(EAGAIN));
 }
 

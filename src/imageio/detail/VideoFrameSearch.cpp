@@ -7,15 +7,21 @@ namespace qor::imageio::detail {
 namespace {
 
 struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+    const FfmpegCalls* ffmpeg;
+    void operator()(AVPacket* packet) const { ffmpeg->av_packet_free(&packet); }
 };
 using Packet = std::unique_ptr<AVPacket, PacketFree>;
 
 // One search: the frame being received, the last one decoded before the target, and the error.
 class FrameSearch {
 public:
-    FrameSearch(const VideoCodecCalls& calls, int64_t target, int& error)
-        : _calls(calls), _target(target), _error(error), _frame(av_frame_alloc()) {}
+    FrameSearch(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int64_t target, int& error)
+        : _ffmpeg(ffmpeg),
+          _calls(calls),
+          _target(target),
+          _error(error),
+          _frame(ffmpeg.av_frame_alloc(), FrameFree{&ffmpeg}),
+          _last(nullptr, FrameFree{&ffmpeg}) {}
 
     // What reading the codec's ready frames came to.
     enum Outcome {
@@ -42,7 +48,7 @@ public:
                 return Found;
             }
             _last = std::move(_frame);
-            _frame.reset(av_frame_alloc());
+            _frame.reset(_ffmpeg.av_frame_alloc());
         }
     }
 
@@ -72,6 +78,7 @@ public:
     bool allocated() const { return bool(_frame); }
 
 private:
+    const FfmpegCalls& _ffmpeg;
     const VideoCodecCalls& _calls;
     const int64_t _target;
     int& _error;
@@ -82,10 +89,11 @@ private:
 
 }  // namespace
 
-VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t target, int& error) {
+VideoFrame findFrameAt(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int streamIndex,
+                       int64_t target, int& error) {
     error = AVERROR_EOF;
-    Packet packet(av_packet_alloc());
-    FrameSearch search(calls, target, error);
+    Packet packet(ffmpeg.av_packet_alloc(), PacketFree{&ffmpeg});
+    FrameSearch search(ffmpeg, calls, target, error);
     if (!packet || !search.allocated()) {
         error = AVERROR(ENOMEM);
         return nullptr;
@@ -99,12 +107,12 @@ VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t ta
             return search.take();
         }
         if (packet->stream_index != streamIndex) {
-            av_packet_unref(packet.get());
+            ffmpeg.av_packet_unref(packet.get());
             continue;
         }
         ++packets;
         FrameSearch::Outcome outcome = search.send(packet.get());
-        av_packet_unref(packet.get());
+        ffmpeg.av_packet_unref(packet.get());
         if (outcome == FrameSearch::NoFrameReady) outcome = search.receiveReady(received);
         if (outcome != FrameSearch::NoFrameReady) return search.take();
     }

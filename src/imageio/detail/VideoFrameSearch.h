@@ -5,18 +5,17 @@
 //
 // Thread contract: one search runs on the calling thread and uses its codec alone.
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 #include <cstdint>
 #include <functional>
 #include <memory>
 
+#include "imageio/detail/FfmpegCalls.h"
+
 namespace qor::imageio::detail {
 
 struct FrameFree {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    const FfmpegCalls* ffmpeg = nullptr;
+    void operator()(AVFrame* frame) const { ffmpeg->av_frame_free(&frame); }
 };
 using VideoFrame = std::unique_ptr<AVFrame, FrameFree>;
 
@@ -37,8 +36,9 @@ constexpr int kMaxVideoPackets = 2000;
 // are read, so that no packet is lost; a codec that refuses a packet with no frame ready ends the
 // search (error AVERROR(EAGAIN)). At the end of the file the codec is drained; at the end of its
 // frames, or after kMaxVideoPackets packets, the last frame decoded is taken. Null when no frame
-// decodes; `error` then holds the codec's last error (AVERROR_EOF when there was none). Blocks on
-// the reads. Never throws.
-VideoFrame findFrameAt(const VideoCodecCalls& calls, int streamIndex, int64_t target, int& error);
+// decodes; `error` then holds the codec's last error (AVERROR_EOF when there was none). The packet
+// and the frames come from `ffmpeg`. Blocks on the reads. Never throws.
+VideoFrame findFrameAt(const FfmpegCalls& ffmpeg, const VideoCodecCalls& calls, int streamIndex,
+                       int64_t target, int& error);
 
 }  // namespace qor::imageio::detail

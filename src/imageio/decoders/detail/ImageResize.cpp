@@ -1,10 +1,5 @@
 #include "imageio/decoders/detail/ImageResize.h"
 
-extern "C" {
-#include <libavutil/pixfmt.h>
-#include <libswscale/swscale.h>
-}
-
 #include <algorithm>
 #include <cstdint>
 #include <memory>
@@ -12,6 +7,7 @@ extern "C" {
 #include <vector>
 
 #include "imageio/ImageScaling.h"
+#include "imageio/detail/FfmpegCalls.h"
 
 namespace qor::imageio::detail {
 
@@ -49,7 +45,8 @@ void unpremultiply(Rgba8& image) {
 }
 
 struct ScalerDeleter {
-    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+    const ScalerCalls* calls;
+    void operator()(SwsContext* scaler) const { calls->sws_freeContext(scaler); }
 };
 
 // Four 16-bit planes of one image: colour times alpha for R, G and B, and alpha times 255, each
@@ -69,10 +66,14 @@ struct Planes {
 
 SharedPtr<Rgba8> scaleWithSwscale(const Rgba8& source, int width, int height) {
     // SWS_AREA: an area average where a side shrinks, bilinear where it grows. Grey planes are
-    // scaled as they are, with no conversion through another colour space.
+    // scaled as they are, with no conversion through another colour space. Without libswscale on
+    // the machine (its loader has said why, once) the enlargement fails as when no scaler is made.
+    const ScalerCalls* calls = scalerCalls();
+    if (!calls) throw std::bad_alloc();
     std::unique_ptr<SwsContext, ScalerDeleter> scaler(
-        sws_getContext(source.width(), source.height(), AV_PIX_FMT_GRAY16, width, height,
-                       AV_PIX_FMT_GRAY16, SWS_AREA, nullptr, nullptr, nullptr));
+        calls->sws_getContext(source.width(), source.height(), AV_PIX_FMT_GRAY16, width, height,
+                              AV_PIX_FMT_GRAY16, SWS_AREA, nullptr, nullptr, nullptr),
+        ScalerDeleter{calls});
     if (!scaler) throw std::bad_alloc();
 
     Planes in(source.width(), source.height());
@@ -89,7 +90,7 @@ SharedPtr<Rgba8> scaleWithSwscale(const Rgba8& source, int width, int height) {
         const uint8_t* const from[1] = {reinterpret_cast<const uint8_t*>(in.row(plane, 0))};
         uint8_t* const to[1] = {reinterpret_cast<uint8_t*>(out.row(plane, 0))};
         const int fromStride[1] = {int(in.stride * 2)}, toStride[1] = {int(out.stride * 2)};
-        sws_scale(scaler.get(), from, fromStride, 0, in.height, to, toStride);
+        calls->sws_scale(scaler.get(), from, fromStride, 0, in.height, to, toStride);
     }
 
     SharedPtr<Rgba8> result = Rgba8::create(width, height);

@@ -13,8 +13,9 @@ namespace qor::imageio::detail {
 // `image` at width x height (both positive). A reduction in both directions is the engine's own
 // area average (scaleTrilinear_destructive). Where either side grows, libswscale does the work:
 // an area average along a side that shrinks and bilinear interpolation along one that grows,
-// with pixel centres lined up. Destructive: the caller hands `image` over, and its pixels may be
-// overwritten. Throws std::bad_alloc.
+// with pixel centres lined up; the first enlargement opens libswscale. Destructive: the caller
+// hands `image` over, and its pixels may be overwritten. Throws std::bad_alloc, also for an
+// enlargement when libswscale cannot be loaded.
 SharedPtr<imaging::GenImageData<unsigned char, 4>> resizeRgba(
     SharedPtr<imaging::GenImageData<unsigned char, 4>> image, int width, int height);
 
