@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "base/Log.h"
-#include "base/filesystem/PosixIO.h"
 
 namespace qor {
 
@@ -112,7 +111,6 @@ struct ResourceDB::Impl {
         std::vector<bool> live;
         size_t count = 0;
         RecordIndex last = -1;
-        RecordIndex next = 0;
     };
 
     std::string path;
@@ -127,6 +125,7 @@ struct ResourceDB::Impl {
     size_t count = 0;
     RecordIndex last = -1;
     RecordIndex next = 0;
+    RecordIndex storedNext = 0;  // the counter as the file has it
     Snapshot before;  // at the start of the pending transaction
 
     Statement beginStmt, commitStmt, rollbackStmt;
@@ -199,7 +198,7 @@ struct ResourceDB::Impl {
         sqlite3_reset(beginStmt.get());
         if (rc != SQLITE_DONE) failCode(rc, "starting a transaction");
         inTransaction = true;
-        before = Snapshot{live, count, last, next};
+        before = Snapshot{live, count, last};
     }
     // Drops the pending changes, in the file and in memory.
     void rollback() {
@@ -212,12 +211,13 @@ struct ResourceDB::Impl {
         live = std::move(before.live);
         count = before.count;
         last = before.last;
-        next = before.next;
+        // Indices given in the dropped transaction stay used (the next commit stores the
+        // counter): their callers may still hold them.
     }
     void commit() {
         if (!inTransaction) return;
         try {
-            if (next != before.next) {
+            if (next != storedNext) {
                 sqlite3_stmt* s =
                     prepare(setMeta, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)");
                 StatementUse use(s);
@@ -233,6 +233,7 @@ struct ResourceDB::Impl {
             throw;
         }
         inTransaction = false;
+        storedNext = next;
         before = Snapshot();
     }
     // Runs fn inside the pending transaction; a failure of SQLite rolls it back, since SQLite
@@ -324,43 +325,17 @@ struct ResourceDB::Impl {
 
     // ---- opening ----
 
-    // Rejects what SQLite would take for an empty database, and a file cut short.
-    void checkFileHead() {
-        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
+    // Rejects a missing file, and an empty one, which SQLite would take for a new database.
+    // SQLite itself refuses the rest: a file that is not SQLite, and one shorter than its
+    // header says.
+    void checkFile() {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) != 0) {
             if (errno == ENOENT) fail(path, ResourceDBException::RdbNotFound, "no such file");
             fail(path, ResourceDBException::RdbIO,
                  formatLog("can't read the file: %*", std::strerror(errno)));
         }
-        unsigned char head[100];
-        struct stat st {};
-        ssize_t got = filesystem::preadFull(fd, head, sizeof head, 0);
-        int statResult = ::fstat(fd, &st);
-        ::close(fd);
-        if (got < 0 || statResult != 0)
-            fail(path, ResourceDBException::RdbIO, "can't read the file's header");
-        if (got < ssize_t(sizeof head)) {
-            fail(path, got == 0 ? ResourceDBException::RdbCorrupt
-                                : ResourceDBException::RdbNotADatabase,
-                 got == 0 ? "the file is empty" : "the file is too short to be a database");
-        }
-        if (std::memcmp(head, "SQLite format 3", 16) != 0)
-            fail(path, ResourceDBException::RdbNotADatabase, "the file is not a database");
-        auto be32 = [&](int at) {
-            return uint32_t(head[at]) << 24 | uint32_t(head[at + 1]) << 16 |
-                   uint32_t(head[at + 2]) << 8 | uint32_t(head[at + 3]);
-        };
-        uint64_t pageSize = uint32_t(head[16]) << 8 | head[17];
-        if (pageSize == 1) pageSize = 65536;
-        uint32_t pages = be32(28);
-        bool sizeValid = pages != 0 && be32(24) == be32(92);
-        // While a log exists, a checkpoint cut short may have left the file shorter than its
-        // header says, and the log completes it.
-        struct stat walStat {};
-        bool walHasFrames = ::stat((path + "-wal").c_str(), &walStat) == 0 && walStat.st_size > 0;
-        if (sizeValid && !walHasFrames && uint64_t(st.st_size) < pages * pageSize)
-            fail(path, ResourceDBException::RdbCorrupt,
-                 formatLog("the file is truncated: %* bytes of %*", st.st_size, pages * pageSize));
+        if (st.st_size == 0) fail(path, ResourceDBException::RdbCorrupt, "the file is empty");
     }
 
     void openConnection(bool ro) {
@@ -401,6 +376,7 @@ struct ResourceDB::Impl {
                                  "reading the table counter"));
         next = RecordIndex(queryInt("SELECT value FROM meta WHERE key='next'",
                                     "reading the record counter"));
+        storedNext = next;
         readLiveRecords();
     }
 
@@ -584,7 +560,7 @@ void ResourceDB::open(bool readOnly) {
     d.count = 0;
     d.last = -1;
     try {
-        d.checkFileHead();
+        d.checkFile();
         d.openConnection(readOnly);
         d.load();
     } catch (...) {
@@ -672,7 +648,7 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
         ::close(dirFd);
     }
     try {
-        d.checkFileHead();
+        d.checkFile();
         d.openConnection(false);
         d.load();
     } catch (...) {

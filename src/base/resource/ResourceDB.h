@@ -9,8 +9,8 @@
 // Record indices. A record keeps its index for its whole life, across runs. A new record gets the
 // index after the highest one ever given in this file, so the index of a deleted record is never
 // given to a later record: a reader that still holds an index of a deleted record finds nothing
-// there rather than another resource's values. The counter is stored in the file with the
-// records. Indices therefore leave holes; reads over a run of records read the values of a hole
+// there rather than another resource's values. The same holds for an index given by addRecord
+// whose record was lost with a failed flush. The counter is stored in the file with the records. Indices therefore leave holes; reads over a run of records read the values of a hole
 // as zeros (an empty string for text), as they do for a field that was never set.
 //
 // Transactions. Every change (addRecord, deleteRecord, rename, setFields) goes into one pending
