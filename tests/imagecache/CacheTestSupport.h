@@ -42,6 +42,21 @@ inline Bytes cameraJpeg(double fnumber = 2.8, int orientation = 1) {
         });
 }
 
+// Recognisable values of item `i` for most record fields, and a string.
+inline SharedPtr<Metadata> itemValues(int i) {
+    SharedPtr<Metadata> m = std::make_shared<Metadata>();
+    m->set(F::Imagesize, Vec2i(100 + i, 50 + i));
+    m->set(F::FNumber, 1.4 + 0.1 * i);
+    m->set(F::ISOSensitivity, 100 + i);
+    m->set(F::OriginalTime, Timestamp::fromFields(2020, 1, 1 + i % 28, 12));
+    m->set(F::GPSCoordinates, Vec3d(9.5 + i, 53.25, 12));
+    m->set(F::MD5, Digest::fromBytes("0123456789abcdef"));
+    m->set(F::ItemState, 0);
+    m->set(F::ItemType, 1);
+    m->set(F::MakeString, FastString<char>("Maker " + std::to_string(i)));
+    return m;
+}
+
 // A next cache in memory: loadMetadata gives a copy of what `items` holds for the id, get reads
 // the same. Counts its calls; `fail` makes loadMetadata throw.
 class MemoryCache : public imageio::MetadataCache {

@@ -25,6 +25,7 @@ namespace qor::imagecache {
 template <class T>
 class PagedColumn {
 public:
+    using Value = T;
     static constexpr int PageShift = 8;
     static constexpr int32_t PageSize = int32_t(1) << PageShift;  // 256 entries a block
 
