@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fstream>
+#include <thread>
 
 #include "CacheTestSupport.h"
 #include "base/Log.h"
@@ -370,6 +372,95 @@ TEST_F(MetadataCacheRDBTest, WrongTypesAndFieldsWithoutColumnFailTheirAssertion)
     double invalid = 0;
     EXPECT_FALSE(cache->get(InvalidResourceID, F::FNumber, invalid));
     EXPECT_EQ(capture.assertions("id.valid()"), 1u);
+}
+
+}  // namespace
+}  // namespace qor::imagecache
+
+namespace qor::imagecache {
+namespace {
+
+// The whole chain on real pictures: the cache in front of the file reader.
+class MetadataCacheRDBFiles : public ::testing::Test {
+protected:
+    std::unique_ptr<MetadataCacheRDB> open(ResourceManager& manager, FileMetadataCache& files) {
+        return std::make_unique<MetadataCacheRDB>(&files, S(folder.path() + "/cache"), nullptr, 0);
+    }
+    ResourceID add(ResourceManager& manager, const std::string& name) {
+        return manager.add(manager.nameFromLocalPath(folder.path() + "/" + name));
+    }
+
+    TempFolder folder;
+};
+
+TEST_F(MetadataCacheRDBFiles, FilesChangedDeletedOrDisownedSinceTheLastRunAreFoundAtCheck) {
+    const std::string touched = folder.write("touched.jpg", cameraJpeg(2.8));
+    const std::string kept = folder.write("kept.jpg", cameraJpeg(4.0));
+    const std::string gone = folder.write("gone.jpg", cameraJpeg(8.0));
+    {
+        ResourceManager manager;
+        FileMetadataCache files(&manager);
+        auto cache = open(manager, files);
+        for (const char* name : {"touched.jpg", "kept.jpg", "gone.jpg"})
+            cache->cacheImage(add(manager, name));
+    }
+    // Between the runs: one picture is rewritten, one deleted.
+    folder.write("touched.jpg", cameraJpeg(5.6));
+    filesystem::setLastWriteTime(touched, filesystem::lastWriteTime(touched).addSeconds(60));
+    filesystem::removeFile(gone);
+
+    ResourceManager manager;
+    FileMetadataCache files(&manager);
+    auto cache = open(manager, files);
+    const ResourceID touchedId = manager.findLocalPath(touched);
+    const ResourceID keptId = manager.findLocalPath(kept);
+    const ResourceID goneId = manager.findLocalPath(gone);
+    EXPECT_DOUBLE_EQ(ItemMetadata(cache.get(), touchedId).getDouble(F::FNumber), 2.8);  // stale
+    LogCapture capture;
+    cache->check(touchedId);
+    EXPECT_EQ(capture.count("Found changed file FileLastWirteTime:'"), 1u);
+    EXPECT_DOUBLE_EQ(ItemMetadata(cache.get(), touchedId).getDouble(F::FNumber), 5.6);
+    EXPECT_EQ(ItemMetadata(cache.get(), touchedId).getTime(F::FileLastWriteTime),
+              filesystem::lastWriteTime(touched));
+
+    cache->check(keptId);
+    EXPECT_EQ(capture.count("Found changed file"), 1u);
+    EXPECT_EQ(capture.count("state changed"), 0u);
+
+    cache->check(goneId);
+    EXPECT_EQ(capture.count("Item '" + gone + "' state changed to '1'"), 1u);
+    EXPECT_EQ(ItemMetadata(cache.get(), goneId).getItemState(), ItemStateMissing);
+    EXPECT_DOUBLE_EQ(ItemMetadata(cache.get(), goneId).getDouble(F::FNumber), 8.0);  // kept
+
+    cache->setIsLibraryItemCallback([&](ResourceID id) { return id != goneId; });
+    cache->check(goneId);
+    EXPECT_EQ(capture.count("Found cached item '" + gone +
+                            "' that doesn't exist in the library. Removing it from the cache now"),
+              1u);
+    EXPECT_EQ(cache->recordIndex(goneId), -1);
+    EXPECT_FALSE(cache->isCached(goneId));
+    EXPECT_EQ(capture.assertions(), 0u);
+    cache->shutdown();
+    ResourceDB db(cache->databasePath());
+    db.open(true);
+    EXPECT_EQ(db.getRecordCount(), 2u);
+}
+
+TEST_F(MetadataCacheRDBFiles, RecheckOnTheWorkerFindsWhatCheckFinds) {
+    const std::string path = folder.write("a.jpg", cameraJpeg(2.8));
+    ResourceManager manager;
+    FileMetadataCache files(&manager);
+    auto cache = open(manager, files);
+    const ResourceID id = add(manager, "a.jpg");
+    cache->cacheImage(id);
+    folder.write("a.jpg", cameraJpeg(11.0));
+    filesystem::setLastWriteTime(path, filesystem::lastWriteTime(path).addSeconds(60));
+    LogCapture capture;
+    cache->startRecheck();
+    for (int i = 0; i < 500 && capture.count("Found changed file") == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(capture.count("Found changed file"), 1u);
+    EXPECT_DOUBLE_EQ(ItemMetadata(cache.get(), id).getDouble(F::FNumber), 11.0);
 }
 
 }  // namespace
