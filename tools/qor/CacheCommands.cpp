@@ -17,10 +17,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -193,17 +195,26 @@ int runBuild(const CacheOptions& o) {
     std::atomic<size_t> next{0}, done{0};
     const unsigned threadCount = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
     const auto start = std::chrono::steady_clock::now();
+    std::mutex mutex;
+    std::condition_variable ended;  // a thread has run out of files
+    unsigned running = threadCount;  // guarded by mutex
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < threadCount; ++t) {
         threads.emplace_back([&] {
             for (size_t i; !g_cacheInterrupted && (i = next++) < total; ++done)
                 chain.cache->cacheImage(ids[i]);
+            std::lock_guard<std::mutex> lock(mutex);
+            --running;
+            ended.notify_all();
         });
     }
     const bool bar = progressBarWanted();
-    for (size_t drawn = ~size_t(0); done < total && !g_cacheInterrupted;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        if (bar && done != drawn) drawProgressBar(drawn = done, total, "files", false);
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (size_t drawn = ~size_t(0); running > 0;) {
+            ended.wait_for(lock, std::chrono::milliseconds(100));
+            if (bar && done != drawn) drawProgressBar(drawn = done, total, "files", false);
+        }
     }
     for (std::thread& t : threads) t.join();
     chain.cache->shutdown();  // writes what was read, also after Ctrl-C
