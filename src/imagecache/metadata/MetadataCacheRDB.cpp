@@ -49,6 +49,8 @@ MetadataCacheRDB::MetadataCacheRDB(MetadataCache* next, const FastString<char>& 
       _priority(priority),
       _db(filesystem::pathJoin(directory.view(), DatabaseName)),
       _worker(worker) {
+    // Columns are sized by the highest index: ids by hash would make them huge.
+    QOR_ASSERT(!_manager || _manager->idKind() == ResourceManager::IdsByIndex);
     filesystem::createDirectoryFromUrl(directory.view());
     if (!_worker) {
         _ownWorker = std::make_unique<ResourceSequenceWorker>("qor-metadata");
@@ -194,6 +196,7 @@ void MetadataCacheRDB::loadRecords() QOR_REQUIRES(_mutex) {
                   consistent.data());
 
     size_t good = 0;
+    std::vector<RecordIndex> duplicates;
     for (size_t i = 0; i < records.size(); ++i) {
         const ResourceID id = ids[i];
         if (!id.isValid() || id.index() < 0) {
@@ -204,6 +207,8 @@ void MetadataCacheRDB::loadRecords() QOR_REQUIRES(_mutex) {
         }
         const size_t record = size_t(records[i]);
         reallocForItem(id);
+        if (const RecordIndex* older = _columns->idToRecord.find(id.index()))
+            duplicates.push_back(*older);  // two records of one name: the newer one counts
         _columns->idToRecord.set(id.index(), records[i]);
         int flag = 0;
         if (Storage<int>::decode(&consistent[record * 4], flag) && flag == 1) {
@@ -217,6 +222,7 @@ void MetadataCacheRDB::loadRecords() QOR_REQUIRES(_mutex) {
     }
     QOR_LOG(LogInfo, "Metadata cache contains %* records from which %* are consistent entries ",
             records.size(), good);
+    for (RecordIndex record : duplicates) _db.deleteRecord(record);  // committed by reorganize
 }
 
 MetadataCacheRDB::~MetadataCacheRDB() {
@@ -309,6 +315,14 @@ PagedColumn<T>* MetadataCacheRDB::columnFor(MetadataField field, bool reading) {
     return &_columns->group<T>()[size_t(slot.column)];
 }
 
+bool MetadataCacheRDB::hasAnyValueLocked(int32_t index) {
+    if (recordIndexLocked(index) >= 0) return true;
+    bool any = false;
+    _columns->forEachColumn(
+        [&](const FieldSlot&, auto& column) { any = any || column.known(index); });
+    return any;
+}
+
 void MetadataCacheRDB::dropValuesLocked(int32_t index) {
     _columns->forEachColumn([&](const FieldSlot&, auto& column) { column.clear(index); });
 }
@@ -325,74 +339,83 @@ bool MetadataCacheRDB::markDirtyLocked(ResourceID id) {
 
 // ---- reading from the records ----
 
-template <class T>
-void MetadataCacheRDB::readFieldFromRecords(const FieldSlot& slot, PagedColumn<T>& column,
-                                            std::span<const int32_t> indices,
-                                            std::span<const RecordIndex> records) {
-    const size_t size = ResourceDB::fieldSize(slot.storage);
-    std::vector<uint8_t> values(records.size() * size);
-    try {
-        _db.getFields(slot.position, records, values.data());
-    } catch (const ResourceDBException& e) {
-        QOR_LOG(LogError, "MetadataCacheRDB::internalCacheImageField: failed to get data out of RDB '%*'",
-                e.what());
-        QOR_ASSERT_TEXT(false, "false");
-        return;
-    }
-    for (size_t i = 0; i < indices.size(); ++i) {
-        T value;
-        if (Storage<T>::decode(&values[i * size], value))
-            column.set(indices[i], value);
-        else
-            column.setAbsent(indices[i]);
-    }
-}
-
 bool MetadataCacheRDB::internalCacheImageField(ResourceID id, MetadataField field) {
     const int32_t index = id.index();
     if (recordIndexLocked(index) < 0 || !isLoadedLocked(index)) return false;
-    const FieldSlot& slot = _columns->slot(field);
     // The field of every item of the block that has a consistent record and lacks it, in one read:
     // a view sorted by this field reads its neighbours next.
-    std::array<int32_t, PagedColumn<int>::PageSize> indices;
-    std::array<RecordIndex, PagedColumn<int>::PageSize> records;
-    _columns->withColumn(slot, [&](auto& column) {
-        size_t count = 0;
-        const int32_t first = index & ~(PagedColumn<int>::PageSize - 1);
-        const int32_t end = std::min<int32_t>(first + PagedColumn<int>::PageSize, int32_t(_capacity));
-        for (int32_t i = first; i < end; ++i) {
-            const RecordIndex record = recordIndexLocked(i);
-            if (record < 0 || column.known(i) || !isLoadedLocked(i)) continue;
-            indices[count] = i;
-            records[count++] = record;
-        }
-        QOR_ASSERT(count > 0 && count <= 256);
-        if (count > 0)
-            readFieldFromRecords(slot, column, std::span(indices.data(), count),
-                                 std::span<const RecordIndex>(records.data(), count));
-    });
+    const int32_t first = index & ~(PagedColumn<int>::PageSize - 1);
+    const int32_t end = std::min<int32_t>(first + PagedColumn<int>::PageSize, int32_t(_capacity));
+    std::array<int32_t, PagedColumn<int>::PageSize> block;
+    std::array<RecordIndex, PagedColumn<int>::PageSize> blockRecords;
+    size_t candidates = 0;
+    for (int32_t i = first; i < end; ++i) {
+        const RecordIndex record = recordIndexLocked(i);
+        if (record < 0 || !isLoadedLocked(i)) continue;
+        block[candidates] = i;
+        blockRecords[candidates++] = record;
+    }
+    readMissingFromRecords(_columns->slot(field), std::span(block.data(), candidates),
+                           std::span(blockRecords.data(), candidates), true);
     return true;
 }
 
 void MetadataCacheRDB::fillFromRecords(std::span<const int32_t> items) {
     std::vector<int32_t> indices;
     std::vector<RecordIndex> records;
-    _columns->forEachColumn([&](const FieldSlot& slot, auto& column) {
-        indices.clear();
-        records.clear();
-        for (int32_t index : items) {
-            const RecordIndex record = recordIndexLocked(index);
-            if (record < 0 || column.known(index) || !isLoadedLocked(index)) continue;
-            indices.push_back(index);
-            records.push_back(record);
+    for (int32_t index : items) {
+        const RecordIndex record = recordIndexLocked(index);
+        if (record < 0 || !isLoadedLocked(index)) continue;
+        indices.push_back(index);
+        records.push_back(record);
+    }
+    if (indices.empty()) return;
+    for (const detail::RecordField& field : detail::kRecordFields)
+        if (field.field != MetadataField::RecordConsistent)
+            readMissingFromRecords(_columns->slot(field.field), indices, records, false);
+}
+
+void MetadataCacheRDB::readMissingFromRecords(const FieldSlot& slot,
+                                              std::span<const int32_t> indices,
+                                              std::span<const RecordIndex> records, bool block) {
+    _columns->withColumn(slot, [&](auto& column) {
+        using T = typename std::remove_reference_t<decltype(column)>::Value;
+        std::vector<int32_t> missing;
+        std::vector<RecordIndex> missingRecords;
+        for (size_t i = 0; i < indices.size(); ++i) {
+            if (column.known(indices[i])) continue;
+            missing.push_back(indices[i]);
+            missingRecords.push_back(records[i]);
         }
-        if (!indices.empty()) readFieldFromRecords(slot, column, indices, records);
+        const size_t count = missing.size();
+        if (block) QOR_ASSERT(count > 0 && count <= 256);
+        if (count == 0) return;
+        const size_t size = ResourceDB::fieldSize(slot.storage);
+        std::vector<uint8_t> values(count * size);
+        try {
+            _db.getFields(slot.position, missingRecords, values.data());
+        } catch (const ResourceDBException& e) {
+            QOR_LOG(LogError,
+                    "MetadataCacheRDB::internalCacheImageField: failed to get data out of RDB '%*'",
+                    e.what());
+            QOR_ASSERT_TEXT(false, "false");
+            return;
+        }
+        for (size_t i = 0; i < count; ++i) {
+            T value;
+            if (Storage<T>::decode(&values[i * size], value))
+                column.set(missing[i], value);
+            else
+                column.setAbsent(missing[i]);
+        }
     });
 }
 
 // ---- loading from the next cache ----
 
-bool MetadataCacheRDB::internalCacheImageLazy(ResourceID id, ScopedLock<Mutex>& lock, bool replace) {
+// The analysis cannot follow the caller's lock being opened and closed again here.
+bool MetadataCacheRDB::internalCacheImageLazy(ResourceID id, ScopedLock<Mutex>& lock, bool replace)
+    QOR_NO_THREAD_SAFETY_ANALYSIS {
     if (!_next || !_manager) return false;
     lock.unlock();
     // The file's time first, under its lock, which is dropped before the mutex is taken again.

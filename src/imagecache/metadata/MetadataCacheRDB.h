@@ -209,11 +209,11 @@ private:
     // Reads one field of the item's record, with those of the other recorded items of its block
     // that lack it, into the column. False when the item has no consistent record.
     bool internalCacheImageField(ResourceID id, MetadataField field) QOR_REQUIRES(_mutex);
-    // Reads one field of the listed records into the column, at the listed item indices.
-    template <class T>
-    void readFieldFromRecords(const detail::FieldSlot& slot, PagedColumn<T>& column,
-                              std::span<const int32_t> indices,
-                              std::span<const RecordIndex> records) QOR_REQUIRES(_mutex);
+    // Reads the field of those listed items (with their records) that lack it, in one call; for
+    // a `block` of one item's neighbours, the count is asserted "count > 0 && count <= 256".
+    void readMissingFromRecords(const detail::FieldSlot& slot, std::span<const int32_t> indices,
+                                std::span<const RecordIndex> records, bool block)
+        QOR_REQUIRES(_mutex);
     // Reads every field that the listed items lack from their records.
     void fillFromRecords(std::span<const int32_t> indices) QOR_REQUIRES(_mutex);
     // Loads the item from the next cache, with `lock` (on _mutex) released meanwhile; fields
@@ -222,6 +222,8 @@ private:
         QOR_REQUIRES(_mutex);
     // The same without the mutex held on entry.
     bool cacheImageLazy(ResourceID id, bool replace);
+    // Whether the item has a record or any value known.
+    bool hasAnyValueLocked(int32_t index) QOR_REQUIRES(_mutex);
     // Forgets every value of the item; keeps its record.
     void dropValuesLocked(int32_t index) QOR_REQUIRES(_mutex);
     // Marks the item dirty; true when the caller must schedule a flush (after unlocking).

@@ -96,7 +96,7 @@ void MetadataCacheRDB::flushItems(std::span<const ResourceID> ids) {
     {
         ScopedLock lock(_mutex);
         for (ResourceID id : ids)
-            if (!isLoadedLocked(id.index())) toLoad.push_back(id);
+            if (!isLoadedLocked(id.index()) && hasAnyValueLocked(id.index())) toLoad.push_back(id);
     }
     for (ResourceID id : toLoad) cacheImageLazy(id, false);
 
@@ -307,6 +307,7 @@ void MetadataCacheRDB::internalCheck(ResourceID id) {
             internalCacheImageLazy(id, lock, true);
         }
     }
+    if (!isLoadedLocked(index)) return;  // the file could not be read: logged there
     if (!_columns->itemState().known(index)) internalCacheImageField(id, MetadataField::ItemState);
     int state = -1;
     if (!_columns->itemState().get(index, state)) {
@@ -318,7 +319,7 @@ void MetadataCacheRDB::internalCheck(ResourceID id) {
         now = ItemStateMissing;
     else if (state == ItemStateMissing || state < 0)
         now = ItemStateOk;  // the file is back
-    if (now != state && isLoadedLocked(index)) {
+    if (now != state) {
         _columns->itemState().set(index, now);
         trigger = markDirtyLocked(id);
         QOR_LOG(LogInfo, "Item '%*' state changed to '%*'", path, now);
