@@ -683,6 +683,7 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         ResourceDB db(path);
         ASSERT_NO_THROW(db.open()) << "run " << runs;
         const int gen = generationOf(db);
+        ASSERT_EQ(db.getRecordCount(), size_t(initialRecords + gen)) << "run " << runs;
         ASSERT_GE(gen, lastGen) << "a committed generation was lost, run " << runs;
         if (gen > lastGen) ++advanced;
         lastGen = gen;

@@ -101,7 +101,7 @@ struct ResourceDB::Impl {
     struct Field {
         DBFieldDesc desc;
         int table = 0;               // number of its value table
-        Statement selectRange;       // idx, v over [?1, ?2)
+        Statement selectRange;       // idx, v from ?1 on
         Statement selectOne;         // v of ?1
         Statement write;             // set v of ?1 to ?2
         Statement erase;             // drop the value of ?1
@@ -120,12 +120,17 @@ struct ResourceDB::Impl {
     unsigned capacity = 0;
     int nextTable = 0;
     std::vector<Field> fields;  // by position; kept after close
-    // Records in use, by index; count and highest in use; the index the next record gets.
+    // Records in use, by index, read on first need (start-up reads need only the counters);
+    // count and highest index in use; the index the next record gets. The file keeps the three
+    // counters in `meta`, as of the last commit (stored*).
     std::vector<bool> live;
+    bool liveLoaded = false;
     size_t count = 0;
     RecordIndex last = -1;
     RecordIndex next = 0;
-    RecordIndex storedNext = 0;  // the counter as the file has it
+    size_t storedCount = 0;
+    RecordIndex storedLast = -1;
+    RecordIndex storedNext = 0;
     Snapshot before;  // at the start of the pending transaction
 
     Statement beginStmt, commitStmt, rollbackStmt;
@@ -185,7 +190,10 @@ struct ResourceDB::Impl {
         inTransaction = false;
     }
 
-    bool isLive(RecordIndex i) const { return i >= 0 && size_t(i) < live.size() && live[i]; }
+    bool isLive(RecordIndex i) {
+        ensureLive();
+        return i >= 0 && size_t(i) < live.size() && live[i];
+    }
 
     // ---- transactions ----
 
@@ -194,6 +202,7 @@ struct ResourceDB::Impl {
         if (readOnly)
             fail(path, ResourceDBException::RdbReadOnly, "change to a database opened read-only");
         if (inTransaction) return;
+        ensureLive();
         int rc = sqlite3_step(prepare(beginStmt, "BEGIN IMMEDIATE"));
         sqlite3_reset(beginStmt.get());
         if (rc != SQLITE_DONE) failCode(rc, "starting a transaction");
@@ -217,14 +226,9 @@ struct ResourceDB::Impl {
     void commit() {
         if (!inTransaction) return;
         try {
-            if (next != storedNext) {
-                sqlite3_stmt* s =
-                    prepare(setMeta, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)");
-                StatementUse use(s);
-                sqlite3_bind_text(s, 1, "next", -1, SQLITE_STATIC);
-                sqlite3_bind_int64(s, 2, next);
-                stepDone(s, "storing the next record index");
-            }
+            storeCounter("next", next, storedNext);
+            storeCounter("count", int64_t(count), int64_t(storedCount));
+            storeCounter("last", last, storedLast);
             int rc = sqlite3_step(prepare(commitStmt, "COMMIT"));
             sqlite3_reset(commitStmt.get());
             if (rc != SQLITE_DONE) failCode(rc, "committing");
@@ -234,7 +238,18 @@ struct ResourceDB::Impl {
         }
         inTransaction = false;
         storedNext = next;
+        storedCount = count;
+        storedLast = last;
         before = Snapshot();
+    }
+    void storeCounter(const char* key, int64_t value, int64_t stored) {
+        if (value == stored) return;
+        sqlite3_stmt* s =
+            prepare(setMeta, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)");
+        StatementUse use(s);
+        sqlite3_bind_text(s, 1, key, -1, SQLITE_STATIC);
+        sqlite3_bind_int64(s, 2, value);
+        stepDone(s, "storing the record counters");
     }
     // Runs fn inside the pending transaction; a failure of SQLite rolls it back, since SQLite
     // may already have dropped part of it.
@@ -374,30 +389,49 @@ struct ResourceDB::Impl {
                                      "reading the capacity"));
         nextTable = int(queryInt("SELECT value FROM meta WHERE key='tables'",
                                  "reading the table counter"));
-        next = RecordIndex(queryInt("SELECT value FROM meta WHERE key='next'",
-                                    "reading the record counter"));
-        storedNext = next;
-        readLiveRecords();
+        storedNext = next = RecordIndex(queryInt("SELECT value FROM meta WHERE key='next'",
+                                                 "reading the record counters"));
+        storedCount = count = size_t(queryInt("SELECT value FROM meta WHERE key='count'",
+                                              "reading the record counters"));
+        storedLast = last = RecordIndex(queryInt("SELECT value FROM meta WHERE key='last'",
+                                                 "reading the record counters"));
+        if (next < 0 || last >= next || count > size_t(last + 1))
+            fail(path, ResourceDBException::RdbCorrupt,
+                 formatLog("bad record counters %*, %*, %*", next, count, last));
     }
 
-    void readLiveRecords() {
-        live.assign(std::max<size_t>(capacity, size_t(std::max(next, 0))), false);
-        count = 0;
-        last = -1;
-        Statement s;
-        prepare(s, "SELECT idx FROM records");
+    // Builds the set of records in use from the indices of a scan of `records` (statement s,
+    // column 0), calling each(row) for every row; checks it against the counters.
+    template <class Each>
+    void scanRecords(sqlite3_stmt* s, Each&& each) {
+        std::vector<bool> found(std::max<size_t>(capacity, size_t(next)), false);
+        size_t n = 0;
+        RecordIndex highest = -1;
         int rc;
-        while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-            int64_t i = sqlite3_column_int64(s.get(), 0);
+        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+            int64_t i = sqlite3_column_int64(s, 0);
             if (i < 0 || i >= next)
                 fail(path, ResourceDBException::RdbCorrupt,
                      formatLog("record index %* outside 0 to %*", i, next - 1));
-            if (size_t(i) >= live.size()) live.resize(size_t(i) + 1, false);
-            live[i] = true;
-            ++count;
-            last = std::max(last, RecordIndex(i));
+            found[size_t(i)] = true;
+            ++n;
+            highest = std::max(highest, RecordIndex(i));
+            each(s);
         }
         if (rc != SQLITE_DONE) failCode(rc, "reading the records");
+        if (liveLoaded) return;
+        if (n != count || highest != last)
+            fail(path, ResourceDBException::RdbCorrupt,
+                 formatLog("%* records up to %*, where the counters say %* up to %*", n, highest,
+                           count, last));
+        live = std::move(found);
+        liveLoaded = true;
+    }
+    void ensureLive() {
+        if (liveLoaded || !db) return;
+        Statement s;
+        prepare(s, "SELECT idx FROM records");
+        scanRecords(s.get(), [](sqlite3_stmt*) {});
     }
 
     // ---- values ----
@@ -455,8 +489,8 @@ struct ResourceDB::Impl {
     }
 
     sqlite3_stmt* selectRange(Field& f) {
-        return prepare(f.selectRange, "SELECT idx, v FROM " + tableName(f.table) +
-                                          " WHERE idx >= ?1 AND idx < ?2");
+        return prepare(f.selectRange,
+                       "SELECT idx, v FROM " + tableName(f.table) + " WHERE idx >= ?1");
     }
     sqlite3_stmt* selectOne(Field& f) {
         return prepare(f.selectOne, "SELECT v FROM " + tableName(f.table) + " WHERE idx = ?1");
@@ -478,10 +512,14 @@ struct ResourceDB::Impl {
         sqlite3_stmt* s = selectRange(f);
         StatementUse use(s);
         sqlite3_bind_int64(s, 1, first);
-        sqlite3_bind_int64(s, 2, int64_t(first) + int64_t(count));
+        // Rows come by rising index; the scan stops after the run (one comparison a row less
+        // than a bound in the query).
         int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW)
-            put(size_t(sqlite3_column_int64(s, 0) - first), s);
+        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+            size_t at = size_t(sqlite3_column_int64(s, 0) - first);
+            if (at >= count) return;
+            put(at, s);
+        }
         if (rc != SQLITE_DONE) failCode(rc, "reading a field");
     }
     // Reads listed records: calls put(position, statement) for each stored value.
@@ -500,13 +538,13 @@ struct ResourceDB::Impl {
         }
     }
 
-    void requireRecords(RecordIndex first, size_t n) const {
+    void requireRecords(RecordIndex first, size_t n) {
         for (size_t i = 0; i < n; ++i)
             if (!isLive(RecordIndex(first + int64_t(i))))
                 fail(path, ResourceDBException::RdbNoRecord,
                      formatLog("no record %*", int64_t(first) + int64_t(i)));
     }
-    void requireRecords(std::span<const RecordIndex> records) const {
+    void requireRecords(std::span<const RecordIndex> records) {
         for (RecordIndex r : records)
             if (!isLive(r)) fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
     }
@@ -557,8 +595,7 @@ void ResourceDB::open(bool readOnly) {
     }
     d.fields.clear();
     d.live.clear();
-    d.count = 0;
-    d.last = -1;
+    d.liveLoaded = false;
     try {
         d.checkFile();
         d.openConnection(readOnly);
@@ -617,7 +654,7 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
             }
             n.writeFieldList();
             n.exec(("INSERT INTO meta(key, value) VALUES('capacity', " +
-                    std::to_string(capacity) + "), ('next', 0)")
+                    std::to_string(capacity) + "), ('next', 0), ('count', 0), ('last', -1)")
                        .c_str(),
                    "writing the counters");
             n.exec("COMMIT", "writing the file");
@@ -776,6 +813,7 @@ ResourceDB::RecordIndex ResourceDB::getLastRecord() const {
 
 bool ResourceDB::hasRecord(RecordIndex index) const {
     ScopedLock lock(_mutex);
+    _impl->requireOpen();
     return _impl->isLive(index);
 }
 
@@ -786,14 +824,13 @@ void ResourceDB::enumerateRecords(
     d.requireOpen();
     Statement s;
     d.prepare(s, "SELECT idx, name FROM records ORDER BY idx");
-    int rc;
-    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-        const unsigned char* name = sqlite3_column_text(s.get(), 1);
-        fn(RecordIndex(sqlite3_column_int64(s.get(), 0)),
+    // The scan also gives the set of records in use, if it was not read yet.
+    d.scanRecords(s.get(), [&](sqlite3_stmt* row) {
+        const unsigned char* name = sqlite3_column_text(row, 1);
+        fn(RecordIndex(sqlite3_column_int64(row, 0)),
            std::string_view(name ? reinterpret_cast<const char*>(name) : "",
-                            size_t(sqlite3_column_bytes(s.get(), 1))));
-    }
-    if (rc != SQLITE_DONE) d.failCode(rc, "reading the records");
+                            size_t(sqlite3_column_bytes(row, 1))));
+    });
 }
 
 void ResourceDB::enumerateRecords(std::vector<RecordIndex>& indices,
