@@ -15,6 +15,7 @@
 // the page cache, so the figures are those of a warm start.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -78,10 +79,14 @@ void writeFields(ResourceDB& db, const std::vector<RecordIndex>& records, int ge
     db.flush();
 }
 
+void check(int rc, sqlite3* db, const char* what);
+std::string tableOf(sqlite3* db, int fieldId);
+
 // The database every case starts from, made once.
 struct Files {
     std::string dir;
     std::string path;
+    std::string rowsPath;  // the same records as one table with a column per field
 
     Files() : dir(tempDir()), path(dir + "/metadata") {
         ResourceDB db(path);
@@ -95,7 +100,9 @@ struct Files {
         }
         writeFields(db, all, 1);
         db.close();
+        makeRows();
     }
+    void makeRows();
     ~Files() { std::filesystem::remove_all(dir); }
 
     // A copy of the database for a case that writes.
@@ -105,6 +112,26 @@ struct Files {
         return to;
     }
 };
+
+void Files::makeRows() {
+    rowsPath = dir + "/rows";
+    sqlite3* db = nullptr;
+    check(sqlite3_open(path.c_str(), &db), db, "open");
+    std::string columns, select = "r.idx, r.name", joins;
+    for (size_t f = 0; f < kLayout.size(); ++f) {
+        std::string c = "c" + std::to_string(f), t = tableOf(db, kLayout[f].id);
+        columns += ", " + c;
+        select += ", " + t + ".v";
+        joins += " LEFT JOIN " + t + " ON " + t + ".idx = r.idx";
+    }
+    std::string sql = "ATTACH '" + rowsPath + "' AS rows;"
+                      "PRAGMA rows.journal_mode=WAL;"
+                      "CREATE TABLE rows.rows(idx INTEGER PRIMARY KEY, name TEXT" + columns + ");"
+                      "INSERT INTO rows.rows SELECT " + select + " FROM records r" + joins + ";"
+                      "DETACH rows;";
+    check(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), db, "rows");
+    sqlite3_close(db);
+}
 
 const Files& files() {
     static Files f;
@@ -118,11 +145,42 @@ void check(int rc, sqlite3* db, const char* what) {
 
 // ---- start-up read ----
 
+// Megabytes of the file that hold these tables (dbstat), for the counter "MB".
+double tableMegabytes(const std::string& path, const std::vector<std::string>& tables) {
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+    double bytes = 0;
+    for (const std::string& t : tables) {
+        sqlite3_stmt* s = nullptr;
+        sqlite3_prepare_v2(db, "SELECT SUM(pgsize) FROM dbstat WHERE name = ?1", -1, &s, nullptr);
+        sqlite3_bind_text(s, 1, t.c_str(), -1, SQLITE_TRANSIENT);
+        if (sqlite3_step(s) == SQLITE_ROW) bytes += sqlite3_column_double(s, 0);
+        sqlite3_finalize(s);
+    }
+    sqlite3_close(db);
+    return bytes / 1e6;
+}
+
+// With arg 1, drops the file from the page cache before each start, so that it is read from the
+// disk as after a reboot (posix_fadvise: only this file's clean pages go, nothing else's).
+void evict(benchmark::State& state, const std::string& path) {
+    if (state.range(0) == 0) return;
+    state.PauseTiming();
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fdatasync(fd);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+        ::close(fd);
+    }
+    state.ResumeTiming();
+}
+
 void BM_StartupRead_ResourceDB(benchmark::State& state) {
     const std::string& path = files().path;
     std::vector<int32_t> consistent;
     std::vector<int64_t> written;
     for (auto _ : state) {
+        evict(state, path);
         ResourceDB db(path);
         db.open(false);
         const size_t n = size_t(db.getLastRecord() + 1);
@@ -136,7 +194,7 @@ void BM_StartupRead_ResourceDB(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kRecords);
 }
-BENCHMARK(BM_StartupRead_ResourceDB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StartupRead_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 void BM_StartupEnumerate_ResourceDB(benchmark::State& state) {
     const std::string& path = files().path;
@@ -145,6 +203,7 @@ void BM_StartupEnumerate_ResourceDB(benchmark::State& state) {
     std::vector<RecordIndex> indices;
     std::vector<std::string> names;
     for (auto _ : state) {
+        evict(state, path);
         ResourceDB db(path);
         db.open(false);
         db.enumerateRecords(indices, &names);
@@ -158,7 +217,7 @@ void BM_StartupEnumerate_ResourceDB(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kRecords);
 }
-BENCHMARK(BM_StartupEnumerate_ResourceDB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StartupEnumerate_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The table that holds a field's values in ResourceDB's file.
 std::string tableOf(sqlite3* db, int fieldId) {
@@ -198,6 +257,7 @@ void BM_StartupRead_SQLite(benchmark::State& state) {
     const std::string writtenTable = tableOf(probe, kFileLastWriteTime);
     sqlite3_close(probe);
     for (auto _ : state) {
+        evict(state, path);
         sqlite3* db = nullptr;
         check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                               nullptr),
@@ -211,8 +271,48 @@ void BM_StartupRead_SQLite(benchmark::State& state) {
         benchmark::DoNotOptimize(written.data());
     }
     state.SetItemsProcessed(state.iterations() * kRecords);
+    state.counters["MB"] = tableMegabytes(path, {consistentTable, writtenTable});
 }
-BENCHMARK(BM_StartupRead_SQLite)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StartupRead_SQLite)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The other layout a writer could choose: one row a record, a column a field.
+void BM_StartupRead_SQLiteRows(benchmark::State& state) {
+    const std::string& path = files().rowsPath;
+    std::vector<int32_t> consistent;
+    std::vector<int64_t> written;
+    int consistentColumn = 0, writtenColumn = 0;
+    for (size_t f = 0; f < kLayout.size(); ++f) {
+        if (kLayout[f].id == kRecordConsistent) consistentColumn = int(f);
+        if (kLayout[f].id == kFileLastWriteTime) writtenColumn = int(f);
+    }
+    const std::string sql = "SELECT idx, c" + std::to_string(consistentColumn) + ", c" +
+                            std::to_string(writtenColumn) + " FROM rows";
+    for (auto _ : state) {
+        evict(state, path);
+        sqlite3* db = nullptr;
+        check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                              nullptr),
+              db, "open");
+        consistent.assign(kRecords, 0);
+        written.assign(kRecords, 0);
+        sqlite3_stmt* s = nullptr;
+        check(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), db, "prepare");
+        int rc;
+        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+            size_t i = size_t(sqlite3_column_int64(s, 0));
+            consistent[i] = sqlite3_column_int(s, 1);
+            written[i] = sqlite3_column_int64(s, 2);
+        }
+        check(rc, db, "read");
+        sqlite3_finalize(s);
+        sqlite3_close(db);
+        benchmark::DoNotOptimize(consistent.data());
+        benchmark::DoNotOptimize(written.data());
+    }
+    state.SetItemsProcessed(state.iterations() * kRecords);
+    state.counters["MB"] = tableMegabytes(path, {"rows"});
+}
+BENCHMARK(BM_StartupRead_SQLiteRows)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // ---- flush of 500 records ----
 
@@ -247,6 +347,22 @@ void BM_Flush500_ResourceDB(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_Flush500_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// Binds a value as ResourceDB stores it: 4- and 8-byte values as integers, the rest as blobs.
+void bindValue(sqlite3_stmt* s, int column, int type, const unsigned char* v) {
+    const size_t size = ResourceDB::fieldSize(type);
+    if (size == 4) {
+        int32_t x;
+        std::memcpy(&x, v, 4);
+        sqlite3_bind_int(s, column, x);
+    } else if (size == 8) {
+        int64_t x;
+        std::memcpy(&x, v, 8);
+        sqlite3_bind_int64(s, column, x);
+    } else {
+        sqlite3_bind_blob(s, column, v, int(size), SQLITE_STATIC);
+    }
+}
 
 // The same writes through plain SQLite: one prepared statement per field table, in one
 // transaction.
@@ -284,17 +400,7 @@ void flushPlain(benchmark::State& state, const char* name, const char* journal,
             for (size_t i = 0; i < records.size(); ++i) {
                 const unsigned char* v = data[f].data() + i * size;
                 sqlite3_bind_int64(s, 1, records[i]);
-                if (type == ResourceDB::FtInt32) {
-                    int32_t x;
-                    std::memcpy(&x, v, 4);
-                    sqlite3_bind_int(s, 2, x);
-                } else if (size == 8) {
-                    int64_t x;
-                    std::memcpy(&x, v, 8);
-                    sqlite3_bind_int64(s, 2, x);
-                } else {
-                    sqlite3_bind_blob(s, 2, v, int(size), SQLITE_STATIC);
-                }
+                bindValue(s, 2, type, v);
                 check(sqlite3_step(s), db, "write");
                 sqlite3_reset(s);
             }
@@ -306,6 +412,45 @@ void flushPlain(benchmark::State& state, const char* name, const char* journal,
     sqlite3_close(db);
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
+
+// The row layout's best case: one UPDATE of all 31 columns a record.
+void BM_Flush500_SQLiteRows(benchmark::State& state) {
+    const std::string path = files().dir + "/flush-rows";
+    std::filesystem::copy_file(files().rowsPath, path,
+                               std::filesystem::copy_options::overwrite_existing);
+    sqlite3* db = nullptr;
+    check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr),
+          db, "open");
+    check(sqlite3_exec(db, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr), db, "sync");
+    std::string sql = "UPDATE rows SET ";
+    for (size_t f = 0; f < kLayout.size(); ++f)
+        sql += (f ? ", c" : "c") + std::to_string(f) + " = ?" + std::to_string(f + 2);
+    sql += " WHERE idx = ?1";
+    sqlite3_stmt* s = nullptr;
+    check(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), db, "prepare");
+    int round = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto records = batchRecords(state.range(0) != 0, round);
+        std::vector<std::vector<unsigned char>> data;
+        for (const Field& f : kLayout) data.push_back(values(f.type, records, round + 2));
+        state.ResumeTiming();
+        check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db, "begin");
+        for (size_t i = 0; i < records.size(); ++i) {
+            sqlite3_bind_int64(s, 1, records[i]);
+            for (size_t f = 0; f < kLayout.size(); ++f)
+                bindValue(s, int(f) + 2, kLayout[f].type, data[f].data() + i * ResourceDB::fieldSize(kLayout[f].type));
+            check(sqlite3_step(s), db, "write");
+            sqlite3_reset(s);
+        }
+        check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db, "commit");
+        ++round;
+    }
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+BENCHMARK(BM_Flush500_SQLiteRows)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 void BM_Flush500_SQLiteWalNormal(benchmark::State& state) {
     flushPlain(state, "flush-wal", "WAL", "NORMAL");
