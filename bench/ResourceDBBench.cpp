@@ -43,9 +43,10 @@ constexpr int kBatch = 500;
 
 // The metadata cache's record: storage type and field identifier, in record order.
 const std::vector<Field> kLayout = {
-    {4, 0},  {3, 1},  {3, 2},  {4, 6},  {4, 7},  {3, 5},  {7, 3},  {7, 11}, {7, 8},  {7, 10}, {7, 4},
-    {7, 9},  {7, 12}, {7, 13}, {7, 14}, {7, 15}, {7, 22}, {3, 19}, {3, 20}, {7, 21}, {9, 23}, {7, 24},
-    {9, 40}, {4, 42}, {3, 25}, {11, 43}, {3, 41}, {3, 45}, {3, 47}, {3, 46}, {4, 44},
+    {4, 0},  {3, 1},   {3, 2},  {4, 6},  {4, 7},  {3, 5},  {7, 3},  {7, 11},
+    {7, 8},  {7, 10},  {7, 4},  {7, 9},  {7, 12}, {7, 13}, {7, 14}, {7, 15},
+    {7, 22}, {3, 19},  {3, 20}, {7, 21}, {9, 23}, {7, 24}, {9, 40}, {4, 42},
+    {3, 25}, {11, 43}, {3, 41}, {3, 45}, {3, 47}, {3, 46}, {4, 44},
 };
 constexpr int kRecordConsistent = 41;
 constexpr int kFileLastWriteTime = 42;
@@ -124,10 +125,15 @@ void Files::makeRows() {
         select += ", " + t + ".v";
         joins += " LEFT JOIN " + t + " ON " + t + ".idx = r.idx";
     }
-    std::string sql = "ATTACH '" + rowsPath + "' AS rows;"
+    std::string sql = "ATTACH '" + rowsPath +
+                      "' AS rows;"
                       "PRAGMA rows.journal_mode=WAL;"
-                      "CREATE TABLE rows.rows(idx INTEGER PRIMARY KEY, name TEXT" + columns + ");"
-                      "INSERT INTO rows.rows SELECT " + select + " FROM records r" + joins + ";"
+                      "CREATE TABLE rows.rows(idx INTEGER PRIMARY KEY, name TEXT" +
+                      columns +
+                      ");"
+                      "INSERT INTO rows.rows SELECT " +
+                      select + " FROM records r" + joins +
+                      ";"
                       "DETACH rows;";
     check(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), db, "rows");
     sqlite3_close(db);
@@ -366,8 +372,7 @@ void bindValue(sqlite3_stmt* s, int column, int type, const unsigned char* v) {
 
 // The same writes through plain SQLite: one prepared statement per field table, in one
 // transaction.
-void flushPlain(benchmark::State& state, const char* name, const char* journal,
-                const char* sync) {
+void flushPlain(benchmark::State& state, const char* name, const char* journal, const char* sync) {
     const std::string path = files().copy(name);
     sqlite3* db = nullptr;
     check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr),
@@ -439,7 +444,8 @@ void BM_Flush500_SQLiteRows(benchmark::State& state) {
         for (size_t i = 0; i < records.size(); ++i) {
             sqlite3_bind_int64(s, 1, records[i]);
             for (size_t f = 0; f < kLayout.size(); ++f)
-                bindValue(s, int(f) + 2, kLayout[f].type, data[f].data() + i * ResourceDB::fieldSize(kLayout[f].type));
+                bindValue(s, int(f) + 2, kLayout[f].type,
+                          data[f].data() + i * ResourceDB::fieldSize(kLayout[f].type));
             check(sqlite3_step(s), db, "write");
             sqlite3_reset(s);
         }

@@ -32,8 +32,8 @@ namespace {
 
 // One field of every storage type, with identifiers that are not their positions.
 const std::vector<Field> kAllTypes = {
-    {ResourceDB::FtInt32, 41},  {ResourceDB::FtInt64, 42},  {ResourceDB::FtDouble, 3},
-    {ResourceDB::FtVec3d, 23},  {ResourceDB::FtDigest, 43}, {ResourceDB::FtString, 100},
+    {ResourceDB::FtInt32, 41}, {ResourceDB::FtInt64, 42},  {ResourceDB::FtDouble, 3},
+    {ResourceDB::FtVec3d, 23}, {ResourceDB::FtDigest, 43}, {ResourceDB::FtString, 100},
 };
 
 struct Vec3 {
@@ -93,7 +93,6 @@ std::string integrityCheck(const std::string& path) {
 
 }  // namespace
 
-
 namespace {
 
 // Values differ by field as well as by generation.
@@ -113,11 +112,21 @@ void writeGeneration(ResourceDB& db, std::span<const RecordIndex> records, int g
             db.setFields(pos, records, values.data());
         };
         switch (fields[pos].type) {
-            case ResourceDB::FtInt32: fill([&](RecordIndex r) { return intValue(g, r); }); break;
-            case ResourceDB::FtInt64: fill([&](RecordIndex r) { return longValue(g, r); }); break;
-            case ResourceDB::FtDouble: fill([&](RecordIndex r) { return doubleValue(g, r); }); break;
-            case ResourceDB::FtVec3d: fill([&](RecordIndex r) { return vecValue(g, r); }); break;
-            case ResourceDB::FtDigest: fill([&](RecordIndex r) { return digestValue(g, r); }); break;
+            case ResourceDB::FtInt32:
+                fill([&](RecordIndex r) { return intValue(g, r); });
+                break;
+            case ResourceDB::FtInt64:
+                fill([&](RecordIndex r) { return longValue(g, r); });
+                break;
+            case ResourceDB::FtDouble:
+                fill([&](RecordIndex r) { return doubleValue(g, r); });
+                break;
+            case ResourceDB::FtVec3d:
+                fill([&](RecordIndex r) { return vecValue(g, r); });
+                break;
+            case ResourceDB::FtDigest:
+                fill([&](RecordIndex r) { return digestValue(g, r); });
+                break;
             default:
                 fill([&](RecordIndex r) { return FastString<char>(textValue(g, r)); });
         }
@@ -125,8 +134,7 @@ void writeGeneration(ResourceDB& db, std::span<const RecordIndex> records, int g
 }
 
 // Reads back every field of the records; counts those that are not wholly of generation `gen`.
-size_t recordsNotOfGeneration(const ResourceDB& db, std::span<const RecordIndex> records,
-                              int gen) {
+size_t recordsNotOfGeneration(const ResourceDB& db, std::span<const RecordIndex> records, int gen) {
     const std::vector<Field> fields = db.getFieldList();
     std::vector<bool> bad(records.size(), false);
     for (int pos = 0; pos < int(fields.size()); ++pos) {
@@ -142,11 +150,21 @@ size_t recordsNotOfGeneration(const ResourceDB& db, std::span<const RecordIndex>
             return std::memcmp(&a, &b, sizeof a) == 0;
         };
         switch (fields[pos].type) {
-            case ResourceDB::FtInt32: check([&](RecordIndex r) { return intValue(g, r); }, equal); break;
-            case ResourceDB::FtInt64: check([&](RecordIndex r) { return longValue(g, r); }, equal); break;
-            case ResourceDB::FtDouble: check([&](RecordIndex r) { return doubleValue(g, r); }, equal); break;
-            case ResourceDB::FtVec3d: check([&](RecordIndex r) { return vecValue(g, r); }, sameBytes); break;
-            case ResourceDB::FtDigest: check([&](RecordIndex r) { return digestValue(g, r); }, equal); break;
+            case ResourceDB::FtInt32:
+                check([&](RecordIndex r) { return intValue(g, r); }, equal);
+                break;
+            case ResourceDB::FtInt64:
+                check([&](RecordIndex r) { return longValue(g, r); }, equal);
+                break;
+            case ResourceDB::FtDouble:
+                check([&](RecordIndex r) { return doubleValue(g, r); }, equal);
+                break;
+            case ResourceDB::FtVec3d:
+                check([&](RecordIndex r) { return vecValue(g, r); }, sameBytes);
+                break;
+            case ResourceDB::FtDigest:
+                check([&](RecordIndex r) { return digestValue(g, r); }, equal);
+                break;
             default:
                 check([&](RecordIndex r) { return FastString<char>(textValue(g, r)); }, equal);
         }
@@ -579,8 +597,8 @@ TEST(ResourceDB, AFailedFlushKeepsThePreviousContents) {
         }
         faults.failWith(0);
         EXPECT_GT(faults.failures(), failuresBefore);
-        EXPECT_EQ(reason, code == SQLITE_FULL ? ResourceDBException::RdbFull
-                                              : ResourceDBException::RdbIO);
+        EXPECT_EQ(reason,
+                  code == SQLITE_FULL ? ResourceDBException::RdbFull : ResourceDBException::RdbIO);
         EXPECT_FALSE(db.hasPendingChanges());
 
         // This object and a fresh one both see the previous batch, whole.
@@ -673,8 +691,8 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         pid_t child = ::fork();
         ASSERT_GE(child, 0);
         if (child == 0) writeGenerationsForever(path);
-        std::this_thread::sleep_for(std::chrono::microseconds(
-            std::uniform_int_distribution<int>(0, 150000)(random)));
+        std::this_thread::sleep_for(
+            std::chrono::microseconds(std::uniform_int_distribution<int>(0, 150000)(random)));
         ::kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -692,7 +710,9 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         db.enumerateRecords(records, &names);
         ASSERT_EQ(records.size(), size_t(initialRecords + gen)) << "run " << runs;
         ASSERT_EQ(names[0], "generation " + std::to_string(gen));
-        if (gen > 0) ASSERT_EQ(names.back(), "added in " + std::to_string(gen));
+        if (gen > 0) {
+            ASSERT_EQ(names.back(), "added in " + std::to_string(gen));
+        }
         ASSERT_EQ(recordsNotOfGeneration(db, records, gen), 0u)
             << "records of another generation than " << gen << ", run " << runs;
         db.close();

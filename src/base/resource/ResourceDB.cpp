@@ -29,13 +29,19 @@ using Reason = ResourceDBException::Reason;
 
 Reason reasonOf(int code) {
     switch (code & 0xff) {
-        case SQLITE_NOTADB: return ResourceDBException::RdbNotADatabase;
-        case SQLITE_CORRUPT: return ResourceDBException::RdbCorrupt;
-        case SQLITE_FULL: return ResourceDBException::RdbFull;
-        case SQLITE_READONLY: return ResourceDBException::RdbReadOnly;
+        case SQLITE_NOTADB:
+            return ResourceDBException::RdbNotADatabase;
+        case SQLITE_CORRUPT:
+            return ResourceDBException::RdbCorrupt;
+        case SQLITE_FULL:
+            return ResourceDBException::RdbFull;
+        case SQLITE_READONLY:
+            return ResourceDBException::RdbReadOnly;
         case SQLITE_BUSY:
-        case SQLITE_LOCKED: return ResourceDBException::RdbBusy;
-        default: return ResourceDBException::RdbIO;
+        case SQLITE_LOCKED:
+            return ResourceDBException::RdbBusy;
+        default:
+            return ResourceDBException::RdbIO;
     }
 }
 
@@ -100,11 +106,11 @@ std::string tableName(int table) { return "v" + std::to_string(table); }
 struct ResourceDB::Impl {
     struct Field {
         DBFieldDesc desc;
-        int table = 0;               // number of its value table
-        Statement selectRange;       // idx, v from ?1 on
-        Statement selectOne;         // v of ?1
-        Statement write;             // set v of ?1 to ?2
-        Statement erase;             // drop the value of ?1
+        int table = 0;          // number of its value table
+        Statement selectRange;  // idx, v from ?1 on
+        Statement selectOne;    // v of ?1
+        Statement write;        // set v of ?1 to ?2
+        Statement erase;        // drop the value of ?1
     };
     // What a rolled-back transaction must restore.
     struct Snapshot {
@@ -156,8 +162,8 @@ struct ResourceDB::Impl {
     }
     sqlite3_stmt* prepare(Statement& s, const std::string& sql) {
         if (!s.prepared()) {
-            int rc = sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()),
-                                        SQLITE_PREPARE_PERSISTENT, s.out(), nullptr);
+            int rc = sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                                        s.out(), nullptr);
             if (rc != SQLITE_OK) failCode(rc, "preparing '" + sql + "'");
         }
         return s.get();
@@ -182,8 +188,8 @@ struct ResourceDB::Impl {
             f.write = Statement();
             f.erase = Statement();
         }
-        for (Statement* s : {&beginStmt, &commitStmt, &rollbackStmt, &insertRecord,
-                             &deleteRecord, &renameRecord, &selectName, &setMeta})
+        for (Statement* s : {&beginStmt, &commitStmt, &rollbackStmt, &insertRecord, &deleteRecord,
+                             &renameRecord, &selectName, &setMeta})
             *s = Statement();
         if (db) sqlite3_close_v2(db);
         db = nullptr;
@@ -383,18 +389,21 @@ struct ResourceDB::Impl {
         if (!readOnly) {
             exec("PRAGMA journal_mode=WAL", "choosing the write-ahead log");
             exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
+            // A flush of records spread over the file can log tens of megabytes; the log is
+            // cut back to this size after its pages are copied into the file.
+            exec("PRAGMA journal_size_limit=8388608", "limiting the log");
         }
         readFieldList();
-        capacity = unsigned(queryInt("SELECT value FROM meta WHERE key='capacity'",
-                                     "reading the capacity"));
-        nextTable = int(queryInt("SELECT value FROM meta WHERE key='tables'",
-                                 "reading the table counter"));
-        storedNext = next = RecordIndex(queryInt("SELECT value FROM meta WHERE key='next'",
-                                                 "reading the record counters"));
-        storedCount = count = size_t(queryInt("SELECT value FROM meta WHERE key='count'",
-                                              "reading the record counters"));
-        storedLast = last = RecordIndex(queryInt("SELECT value FROM meta WHERE key='last'",
-                                                 "reading the record counters"));
+        capacity = unsigned(
+            queryInt("SELECT value FROM meta WHERE key='capacity'", "reading the capacity"));
+        nextTable =
+            int(queryInt("SELECT value FROM meta WHERE key='tables'", "reading the table counter"));
+        storedNext = next = RecordIndex(
+            queryInt("SELECT value FROM meta WHERE key='next'", "reading the record counters"));
+        storedCount = count = size_t(
+            queryInt("SELECT value FROM meta WHERE key='count'", "reading the record counters"));
+        storedLast = last = RecordIndex(
+            queryInt("SELECT value FROM meta WHERE key='last'", "reading the record counters"));
         if (next < 0 || last >= next || count > size_t(last + 1))
             fail(path, ResourceDBException::RdbCorrupt,
                  formatLog("bad record counters %*, %*, %*", next, count, last));
@@ -478,7 +487,8 @@ struct ResourceDB::Impl {
                 sqlite3_bind_int64(s, col, v);
                 return;
             }
-            default: sqlite3_bind_blob(s, col, in, int(fieldSize(type)), SQLITE_STATIC);
+            default:
+                sqlite3_bind_blob(s, col, in, int(fieldSize(type)), SQLITE_STATIC);
         }
     }
     static FastString<char> readText(sqlite3_stmt* s, int col) {
@@ -546,7 +556,8 @@ struct ResourceDB::Impl {
     }
     void requireRecords(std::span<const RecordIndex> records) {
         for (RecordIndex r : records)
-            if (!isLive(r)) fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
+            if (!isLive(r))
+                fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
     }
     // Writes values: bind(statement, i) binds the value of the i-th record to column 2.
     template <class RecordAt, class Bind>
@@ -565,12 +576,18 @@ struct ResourceDB::Impl {
 
 size_t ResourceDB::fieldSize(int type) {
     switch (type) {
-        case FtInt32: return 4;
-        case FtInt64: return 8;
-        case FtDouble: return 8;
-        case FtVec3d: return 24;
-        case FtDigest: return 16;
-        default: return 0;
+        case FtInt32:
+            return 4;
+        case FtInt64:
+            return 8;
+        case FtDouble:
+            return 8;
+        case FtVec3d:
+            return 24;
+        case FtDigest:
+            return 16;
+        default:
+            return 0;
     }
 }
 
@@ -640,11 +657,12 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
             n.exec(("PRAGMA user_version=" + std::to_string(FormatVersion)).c_str(),
                    "marking the format");
             n.exec("BEGIN", "starting the file");
-            n.exec("CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-                   "CREATE TABLE fields(pos INTEGER PRIMARY KEY, id INTEGER NOT NULL UNIQUE,"
-                   " type INTEGER NOT NULL, tab INTEGER NOT NULL);"
-                   "CREATE TABLE records(idx INTEGER PRIMARY KEY, name TEXT NOT NULL);",
-                   "creating the tables");
+            n.exec(
+                "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+                "CREATE TABLE fields(pos INTEGER PRIMARY KEY, id INTEGER NOT NULL UNIQUE,"
+                " type INTEGER NOT NULL, tab INTEGER NOT NULL);"
+                "CREATE TABLE records(idx INTEGER PRIMARY KEY, name TEXT NOT NULL);",
+                "creating the tables");
             for (const DBFieldDesc& desc : fields) {
                 Impl::Field f;
                 f.desc = desc;
@@ -653,8 +671,8 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
                 n.fields.push_back(std::move(f));
             }
             n.writeFieldList();
-            n.exec(("INSERT INTO meta(key, value) VALUES('capacity', " +
-                    std::to_string(capacity) + "), ('next', 0), ('count', 0), ('last', -1)")
+            n.exec(("INSERT INTO meta(key, value) VALUES('capacity', " + std::to_string(capacity) +
+                    "), ('next', 0), ('count', 0), ('last', -1)")
                        .c_str(),
                    "writing the counters");
             n.exec("COMMIT", "writing the file");
@@ -817,8 +835,7 @@ bool ResourceDB::hasRecord(RecordIndex index) const {
     return _impl->isLive(index);
 }
 
-void ResourceDB::enumerateRecords(
-    const Function2<void, RecordIndex, std::string_view>& fn) const {
+void ResourceDB::enumerateRecords(const Function2<void, RecordIndex, std::string_view>& fn) const {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
@@ -870,7 +887,8 @@ ResourceDB::RecordIndex ResourceDB::addRecord(std::string_view name) {
         sqlite3_bind_text(s, 2, name.data(), int(name.size()), SQLITE_STATIC);
         d.stepDone(s, "adding a record");
         index = d.next++;
-        if (size_t(index) >= d.live.size()) d.live.resize(std::max<size_t>(index + 1, d.live.size() * 2), false);
+        if (size_t(index) >= d.live.size())
+            d.live.resize(std::max<size_t>(index + 1, d.live.size() * 2), false);
         d.live[index] = true;
         ++d.count;
         d.last = std::max(d.last, index);
@@ -906,8 +924,7 @@ void ResourceDB::rename(RecordIndex index, std::string_view name) {
     d.requireOpen();
     d.requireRecords(index, 1);
     d.write([&] {
-        sqlite3_stmt* s =
-            d.prepare(d.renameRecord, "UPDATE records SET name = ?2 WHERE idx = ?1");
+        sqlite3_stmt* s = d.prepare(d.renameRecord, "UPDATE records SET name = ?2 WHERE idx = ?1");
         StatementUse use(s);
         sqlite3_bind_int64(s, 1, index);
         sqlite3_bind_text(s, 2, name.data(), int(name.size()), SQLITE_STATIC);
@@ -960,8 +977,7 @@ void ResourceDB::getFields(int fieldIndex, RecordIndex first, size_t count,
     d.requireOpen();
     Impl::Field& f = d.checkedField(fieldIndex, true);
     std::fill(out, out + count, FastString<char>());
-    d.readRun(f, first, count,
-              [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 1); });
+    d.readRun(f, first, count, [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 1); });
 }
 
 void ResourceDB::getFields(int fieldIndex, std::span<const RecordIndex> records, void* out) const {
