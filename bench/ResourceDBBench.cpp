@@ -149,6 +149,18 @@ void check(int rc, sqlite3* db, const char* what) {
         throw std::runtime_error(std::string(what) + ": " + sqlite3_errmsg(db));
 }
 
+// Opens a file through plain SQLite with a journal mode and a sync mode (null: SQLite's own).
+sqlite3* openPlain(const std::string& path, const char* journal, const char* sync) {
+    sqlite3* db = nullptr;
+    check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr),
+          db, "open");
+    std::string pragmas;
+    if (sync) pragmas += std::string("PRAGMA synchronous=") + sync + ";";
+    if (journal) pragmas += std::string("PRAGMA journal_mode=") + journal + ";";
+    check(sqlite3_exec(db, pragmas.c_str(), nullptr, nullptr, nullptr), db, "pragmas");
+    return db;
+}
+
 // ---- start-up read ----
 
 // Megabytes of the file that hold these tables (dbstat), for the counter "MB".
@@ -181,14 +193,18 @@ void evict(benchmark::State& state, const std::string& path) {
     state.ResumeTiming();
 }
 
-void BM_StartupRead_ResourceDB(benchmark::State& state) {
+// Opens, optionally enumerates the records with their names, reads the two fields, closes.
+void startup(benchmark::State& state, bool names) {
     const std::string& path = files().path;
     std::vector<int32_t> consistent;
     std::vector<int64_t> written;
+    std::vector<RecordIndex> indices;
+    std::vector<std::string> recordNames;
     for (auto _ : state) {
         evict(state, path);
         ResourceDB db(path);
         db.open(false);
+        if (names) db.enumerateRecords(indices, &recordNames);
         const size_t n = size_t(db.getLastRecord() + 1);
         consistent.resize(n);
         written.resize(n);
@@ -197,32 +213,15 @@ void BM_StartupRead_ResourceDB(benchmark::State& state) {
         db.close();
         benchmark::DoNotOptimize(consistent.data());
         benchmark::DoNotOptimize(written.data());
+        benchmark::DoNotOptimize(recordNames.data());
     }
     state.SetItemsProcessed(state.iterations() * kRecords);
 }
+
+void BM_StartupRead_ResourceDB(benchmark::State& state) { startup(state, false); }
 BENCHMARK(BM_StartupRead_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-void BM_StartupEnumerate_ResourceDB(benchmark::State& state) {
-    const std::string& path = files().path;
-    std::vector<int32_t> consistent;
-    std::vector<int64_t> written;
-    std::vector<RecordIndex> indices;
-    std::vector<std::string> names;
-    for (auto _ : state) {
-        evict(state, path);
-        ResourceDB db(path);
-        db.open(false);
-        db.enumerateRecords(indices, &names);
-        const size_t n = size_t(db.getLastRecord() + 1);
-        consistent.resize(n);
-        written.resize(n);
-        db.getFields(db.getFieldIndex(kRecordConsistent), 0, n, consistent.data());
-        db.getFields(db.getFieldIndex(kFileLastWriteTime), 0, n, written.data());
-        db.close();
-        benchmark::DoNotOptimize(names.data());
-    }
-    state.SetItemsProcessed(state.iterations() * kRecords);
-}
+void BM_StartupEnumerate_ResourceDB(benchmark::State& state) { startup(state, true); }
 BENCHMARK(BM_StartupEnumerate_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The table that holds a field's values in ResourceDB's file.
@@ -264,10 +263,7 @@ void BM_StartupRead_SQLite(benchmark::State& state) {
     sqlite3_close(probe);
     for (auto _ : state) {
         evict(state, path);
-        sqlite3* db = nullptr;
-        check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                              nullptr),
-              db, "open");
+        sqlite3* db = openPlain(path, nullptr, nullptr);
         consistent.assign(kRecords, 0);
         written.assign(kRecords, 0);
         readColumn(db, consistentTable, consistent);
@@ -295,10 +291,7 @@ void BM_StartupRead_SQLiteRows(benchmark::State& state) {
                             std::to_string(writtenColumn) + " FROM rows";
     for (auto _ : state) {
         evict(state, path);
-        sqlite3* db = nullptr;
-        check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                              nullptr),
-              db, "open");
+        sqlite3* db = openPlain(path, nullptr, nullptr);
         consistent.assign(kRecords, 0);
         written.assign(kRecords, 0);
         sqlite3_stmt* s = nullptr;
@@ -334,23 +327,33 @@ std::vector<RecordIndex> batchRecords(bool spread, int round) {
     return records;
 }
 
-void BM_Flush500_ResourceDB(benchmark::State& state) {
-    const std::string path = files().copy("flush-ours");
-    ResourceDB db(path);
-    db.open(false);
+using Batch = std::vector<std::vector<unsigned char>>;  // values by field, then by record
+
+// The timed rounds of a flush case: makes each round's records and values untimed, then times
+// write(records, values).
+template <class Write>
+void flushRounds(benchmark::State& state, Write&& write) {
     int round = 0;
     for (auto _ : state) {
         state.PauseTiming();
         auto records = batchRecords(state.range(0) != 0, round);
-        std::vector<std::vector<unsigned char>> data;
+        Batch data;
         for (const Field& f : kLayout) data.push_back(values(f.type, records, round + 2));
         state.ResumeTiming();
-        for (int f = 0; f < int(kLayout.size()); ++f) db.setFields(f, records, data[f].data());
-        db.flush();
+        write(records, data);
         ++round;
     }
-    db.close();
     state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_Flush500_ResourceDB(benchmark::State& state) {
+    ResourceDB db(files().copy("flush-ours"));
+    db.open(false);
+    flushRounds(state, [&](const std::vector<RecordIndex>& records, const Batch& data) {
+        for (int f = 0; f < int(kLayout.size()); ++f) db.setFields(f, records, data[f].data());
+        db.flush();
+    });
+    db.close();
 }
 BENCHMARK(BM_Flush500_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
@@ -373,16 +376,7 @@ void bindValue(sqlite3_stmt* s, int column, int type, const unsigned char* v) {
 // The same writes through plain SQLite: one prepared statement per field table, in one
 // transaction.
 void flushPlain(benchmark::State& state, const char* name, const char* journal, const char* sync) {
-    const std::string path = files().copy(name);
-    sqlite3* db = nullptr;
-    check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr),
-          db, "open");
-    check(sqlite3_exec(db, (std::string("PRAGMA journal_mode=") + journal).c_str(), nullptr,
-                       nullptr, nullptr),
-          db, "journal");
-    check(sqlite3_exec(db, (std::string("PRAGMA synchronous=") + sync).c_str(), nullptr, nullptr,
-                       nullptr),
-          db, "sync");
+    sqlite3* db = openPlain(files().copy(name), journal, sync);
     std::vector<sqlite3_stmt*> writes;
     for (const Field& f : kLayout) {
         std::string sql = "INSERT OR REPLACE INTO " + tableOf(db, f.id) + "(idx, v) VALUES(?1, ?2)";
@@ -390,32 +384,21 @@ void flushPlain(benchmark::State& state, const char* name, const char* journal, 
         check(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), db, "prepare");
         writes.push_back(s);
     }
-    int round = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        auto records = batchRecords(state.range(0) != 0, round);
-        std::vector<std::vector<unsigned char>> data;
-        for (const Field& f : kLayout) data.push_back(values(f.type, records, round + 2));
-        state.ResumeTiming();
+    flushRounds(state, [&](const std::vector<RecordIndex>& records, const Batch& data) {
         check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db, "begin");
         for (size_t f = 0; f < kLayout.size(); ++f) {
-            const int type = kLayout[f].type;
-            const size_t size = ResourceDB::fieldSize(type);
-            sqlite3_stmt* s = writes[f];
+            const size_t size = ResourceDB::fieldSize(kLayout[f].type);
             for (size_t i = 0; i < records.size(); ++i) {
-                const unsigned char* v = data[f].data() + i * size;
-                sqlite3_bind_int64(s, 1, records[i]);
-                bindValue(s, 2, type, v);
-                check(sqlite3_step(s), db, "write");
-                sqlite3_reset(s);
+                sqlite3_bind_int64(writes[f], 1, records[i]);
+                bindValue(writes[f], 2, kLayout[f].type, data[f].data() + i * size);
+                check(sqlite3_step(writes[f]), db, "write");
+                sqlite3_reset(writes[f]);
             }
         }
         check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db, "commit");
-        ++round;
-    }
+    });
     for (sqlite3_stmt* s : writes) sqlite3_finalize(s);
     sqlite3_close(db);
-    state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
 // The row layout's best case: one UPDATE of all 31 columns a record.
@@ -423,23 +406,14 @@ void BM_Flush500_SQLiteRows(benchmark::State& state) {
     const std::string path = files().dir + "/flush-rows";
     std::filesystem::copy_file(files().rowsPath, path,
                                std::filesystem::copy_options::overwrite_existing);
-    sqlite3* db = nullptr;
-    check(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr),
-          db, "open");
-    check(sqlite3_exec(db, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr), db, "sync");
+    sqlite3* db = openPlain(path, nullptr, "NORMAL");
     std::string sql = "UPDATE rows SET ";
     for (size_t f = 0; f < kLayout.size(); ++f)
         sql += (f ? ", c" : "c") + std::to_string(f) + " = ?" + std::to_string(f + 2);
     sql += " WHERE idx = ?1";
     sqlite3_stmt* s = nullptr;
     check(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), db, "prepare");
-    int round = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        auto records = batchRecords(state.range(0) != 0, round);
-        std::vector<std::vector<unsigned char>> data;
-        for (const Field& f : kLayout) data.push_back(values(f.type, records, round + 2));
-        state.ResumeTiming();
+    flushRounds(state, [&](const std::vector<RecordIndex>& records, const Batch& data) {
         check(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), db, "begin");
         for (size_t i = 0; i < records.size(); ++i) {
             sqlite3_bind_int64(s, 1, records[i]);
@@ -450,11 +424,9 @@ void BM_Flush500_SQLiteRows(benchmark::State& state) {
             sqlite3_reset(s);
         }
         check(sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr), db, "commit");
-        ++round;
-    }
+    });
     sqlite3_finalize(s);
     sqlite3_close(db);
-    state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_Flush500_SQLiteRows)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 

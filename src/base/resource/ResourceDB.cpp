@@ -359,6 +359,25 @@ struct ResourceDB::Impl {
         if (st.st_size == 0) fail(path, ResourceDBException::RdbCorrupt, "the file is empty");
     }
 
+    // Drops pending changes, closes, and forgets the field list and the records.
+    void forget() {
+        rollback();
+        closeConnection();
+        fields.clear();
+        live.clear();
+        liveLoaded = false;
+    }
+    void openFile(bool ro) {
+        try {
+            checkFile();
+            openConnection(ro);
+            load();
+        } catch (...) {
+            closeConnection();
+            throw;
+        }
+    }
+
     void openConnection(bool ro) {
         readOnly = ro;
         int flags = (ro ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE) | SQLITE_OPEN_NOMUTEX;
@@ -513,7 +532,7 @@ struct ResourceDB::Impl {
         return prepare(f.erase, "DELETE FROM " + tableName(f.table) + " WHERE idx = ?1");
     }
 
-    // Reads a run of records: calls put(offset, statement) for each stored value.
+    // Reads a run of records: calls put(offset, statement, column) for each stored value.
     template <class Put>
     void readRun(Field& f, RecordIndex first, size_t count, Put&& put) {
         if (first < 0)
@@ -528,11 +547,11 @@ struct ResourceDB::Impl {
         while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
             size_t at = size_t(sqlite3_column_int64(s, 0) - first);
             if (at >= count) return;
-            put(at, s);
+            put(at, s, 1);
         }
         if (rc != SQLITE_DONE) failCode(rc, "reading a field");
     }
-    // Reads listed records: calls put(position, statement) for each stored value.
+    // Reads listed records: calls put(position, statement, column) for each stored value.
     template <class Put>
     void readList(Field& f, std::span<const RecordIndex> records, Put&& put) {
         sqlite3_stmt* s = selectOne(f);
@@ -541,27 +560,65 @@ struct ResourceDB::Impl {
             sqlite3_bind_int64(s, 1, records[i]);
             int rc = sqlite3_step(s);
             if (rc == SQLITE_ROW) {
-                put(i, s);
+                put(i, s, 0);
             } else if (rc != SQLITE_DONE) {
                 failCode(rc, "reading a field");
             }
         }
     }
+    // The getFields forms: n values of one field into `out`, the stored ones through scan(field,
+    // put), the rest zero.
+    template <class Scan>
+    void getBinary(int fieldIndex, size_t n, void* out, Scan&& scan) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, false);
+        const int type = f.desc.type;
+        const size_t size = fieldSize(type);
+        auto* bytes = static_cast<unsigned char*>(out);
+        std::memset(bytes, 0, size * n);
+        scan(f, [&](size_t at, sqlite3_stmt* s, int col) {
+            readValue(s, col, type, bytes + at * size);
+        });
+    }
+    template <class Scan>
+    void getText(int fieldIndex, size_t n, FastString<char>* out, Scan&& scan) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, true);
+        std::fill(out, out + n, FastString<char>());
+        scan(f, [&](size_t at, sqlite3_stmt* s, int col) { out[at] = readText(s, col); });
+    }
 
-    void requireRecords(RecordIndex first, size_t n) {
-        for (size_t i = 0; i < n; ++i)
-            if (!isLive(RecordIndex(first + int64_t(i))))
-                fail(path, ResourceDBException::RdbNoRecord,
-                     formatLog("no record %*", int64_t(first) + int64_t(i)));
+    void requireRecord(RecordIndex index) {
+        if (!isLive(index))
+            fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", index));
     }
-    void requireRecords(std::span<const RecordIndex> records) {
-        for (RecordIndex r : records)
-            if (!isLive(r))
-                fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
+    // The setFields forms: writes n values of one field, the i-th to record recordAt(i), after
+    // checking that every record is in use.
+    template <class RecordAt>
+    void setBinary(int fieldIndex, size_t n, RecordAt&& recordAt, const void* values) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, false);
+        const int type = f.desc.type;
+        const size_t size = fieldSize(type);
+        auto* bytes = static_cast<const unsigned char*>(values);
+        writeValues(f, n, recordAt,
+                    [&](sqlite3_stmt* s, size_t i) { bindValue(s, 2, type, bytes + i * size); });
     }
-    // Writes values: bind(statement, i) binds the value of the i-th record to column 2.
+    template <class RecordAt>
+    void setText(int fieldIndex, size_t n, RecordAt&& recordAt, const FastString<char>* values) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, true);
+        writeValues(f, n, recordAt, [&](sqlite3_stmt* s, size_t i) {
+            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
+        });
+    }
     template <class RecordAt, class Bind>
     void writeValues(Field& f, size_t n, RecordAt&& recordAt, Bind&& bind) {
+        for (size_t i = 0; i < n; ++i) {
+            int64_t r = recordAt(i);
+            if (r > std::numeric_limits<RecordIndex>::max() || !isLive(RecordIndex(r)))
+                fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
+        }
         write([&] {
             sqlite3_stmt* s = writeValue(f);
             for (size_t i = 0; i < n; ++i) {
@@ -605,33 +662,15 @@ ResourceDB::~ResourceDB() {
 
 void ResourceDB::open(bool readOnly) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    if (d.db) {
-        d.rollback();
-        d.closeConnection();
-    }
-    d.fields.clear();
-    d.live.clear();
-    d.liveLoaded = false;
-    try {
-        d.checkFile();
-        d.openConnection(readOnly);
-        d.load();
-    } catch (...) {
-        d.closeConnection();
-        throw;
-    }
+    _impl->forget();
+    _impl->openFile(readOnly);
 }
 
 void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& fields) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.validate(fields);
-    if (d.db) {
-        d.rollback();
-        d.closeConnection();
-    }
-    d.fields.clear();
+    d.forget();
 
     // Built under another name and renamed over the path, so a crash leaves a whole file.
     const std::string temp = _path + ".new-" + std::to_string(::getpid());
@@ -702,14 +741,7 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
         ::fsync(dirFd);
         ::close(dirFd);
     }
-    try {
-        d.checkFile();
-        d.openConnection(false);
-        d.load();
-    } catch (...) {
-        d.closeConnection();
-        throw;
-    }
+    d.openFile(false);
 }
 
 void ResourceDB::close() {
@@ -864,7 +896,7 @@ std::string ResourceDB::getRecordName(RecordIndex index) const {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     sqlite3_stmt* s = d.prepare(d.selectName, "SELECT name FROM records WHERE idx = ?1");
     StatementUse use(s);
     sqlite3_bind_int64(s, 1, index);
@@ -900,7 +932,7 @@ void ResourceDB::deleteRecord(RecordIndex index) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     d.write([&] {
         for (Impl::Field& f : d.fields) {
             sqlite3_stmt* s = d.eraseValue(f);
@@ -922,7 +954,7 @@ void ResourceDB::rename(RecordIndex index, std::string_view name) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     d.write([&] {
         sqlite3_stmt* s = d.prepare(d.renameRecord, "UPDATE records SET name = ?2 WHERE idx = ?1");
         StatementUse use(s);
@@ -959,105 +991,55 @@ ResourceDB::FieldType ResourceDB::getFieldType(int fieldIndex) const {
 
 void ResourceDB::getFields(int fieldIndex, RecordIndex first, size_t count, void* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<unsigned char*>(out);
-    std::memset(bytes, 0, size * count);
-    d.readRun(f, first, count,
-              [&](size_t at, sqlite3_stmt* s) { d.readValue(s, 1, type, bytes + at * size); });
+    _impl->getBinary(fieldIndex, count, out,
+                     [&](Impl::Field& f, auto put) { _impl->readRun(f, first, count, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, RecordIndex first, size_t count,
                            FastString<char>* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    std::fill(out, out + count, FastString<char>());
-    d.readRun(f, first, count, [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 1); });
+    _impl->getText(fieldIndex, count, out,
+                   [&](Impl::Field& f, auto put) { _impl->readRun(f, first, count, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, std::span<const RecordIndex> records, void* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<unsigned char*>(out);
-    std::memset(bytes, 0, size * records.size());
-    d.readList(f, records,
-               [&](size_t at, sqlite3_stmt* s) { d.readValue(s, 0, type, bytes + at * size); });
+    _impl->getBinary(fieldIndex, records.size(), out,
+                     [&](Impl::Field& f, auto put) { _impl->readList(f, records, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, std::span<const RecordIndex> records,
                            FastString<char>* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    std::fill(out, out + records.size(), FastString<char>());
-    d.readList(f, records, [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 0); });
+    _impl->getText(fieldIndex, records.size(), out,
+                   [&](Impl::Field& f, auto put) { _impl->readList(f, records, put); });
 }
 
 void ResourceDB::setFields(int fieldIndex, RecordIndex first, size_t count, const void* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    d.requireRecords(first, count);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<const unsigned char*>(values);
-    d.writeValues(
-        f, count, [&](size_t i) { return int64_t(first) + int64_t(i); },
-        [&](sqlite3_stmt* s, size_t i) { Impl::bindValue(s, 2, type, bytes + i * size); });
+    _impl->setBinary(
+        fieldIndex, count, [&](size_t i) { return int64_t(first) + int64_t(i); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, RecordIndex first, size_t count,
                            const FastString<char>* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    d.requireRecords(first, count);
-    d.writeValues(
-        f, count, [&](size_t i) { return int64_t(first) + int64_t(i); },
-        [&](sqlite3_stmt* s, size_t i) {
-            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
-        });
+    _impl->setText(
+        fieldIndex, count, [&](size_t i) { return int64_t(first) + int64_t(i); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, std::span<const RecordIndex> records,
                            const void* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    d.requireRecords(records);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<const unsigned char*>(values);
-    d.writeValues(
-        f, records.size(), [&](size_t i) { return int64_t(records[i]); },
-        [&](sqlite3_stmt* s, size_t i) { Impl::bindValue(s, 2, type, bytes + i * size); });
+    _impl->setBinary(
+        fieldIndex, records.size(), [&](size_t i) { return int64_t(records[i]); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, std::span<const RecordIndex> records,
                            const FastString<char>* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    d.requireRecords(records);
-    d.writeValues(
-        f, records.size(), [&](size_t i) { return int64_t(records[i]); },
-        [&](sqlite3_stmt* s, size_t i) {
-            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
-        });
+    _impl->setText(
+        fieldIndex, records.size(), [&](size_t i) { return int64_t(records[i]); }, values);
 }
 
 }  // namespace qor
