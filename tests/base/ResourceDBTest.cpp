@@ -32,12 +32,15 @@ namespace {
 
 // One field of every storage type, with identifiers that are not their positions.
 const std::vector<Field> kAllTypes = {
-    {ResourceDB::FtInt32, 41},  {ResourceDB::FtInt64, 42},  {ResourceDB::FtDouble, 3},
-    {ResourceDB::FtVec3d, 23},  {ResourceDB::FtDigest, 43}, {ResourceDB::FtString, 100},
+    {ResourceDB::FtInt32, 41}, {ResourceDB::FtInt64, 42},  {ResourceDB::FtDouble, 3},
+    {ResourceDB::FtVec3d, 23}, {ResourceDB::FtDigest, 43}, {ResourceDB::FtString, 100},
 };
 
 struct Vec3 {
     double v[3];
+    friend bool operator==(const Vec3& a, const Vec3& b) {
+        return std::memcmp(a.v, b.v, sizeof a.v) == 0;
+    }
 };
 
 // A recognisable value of every type, for a record and a generation.
@@ -93,7 +96,6 @@ std::string integrityCheck(const std::string& path) {
 
 }  // namespace
 
-
 namespace {
 
 // Values differ by field as well as by generation.
@@ -102,54 +104,48 @@ std::string textValue(int gen, RecordIndex r) {
     return "text " + std::to_string(gen) + "/" + std::to_string(r);
 }
 
+// Calls fn(make), where make(record) gives the value of a field of `type` for seed g.
+template <class Fn>
+void withValues(int type, int g, Fn&& fn) {
+    switch (type) {
+        case ResourceDB::FtInt32:
+            return fn([g](RecordIndex r) { return intValue(g, r); });
+        case ResourceDB::FtInt64:
+            return fn([g](RecordIndex r) { return longValue(g, r); });
+        case ResourceDB::FtDouble:
+            return fn([g](RecordIndex r) { return doubleValue(g, r); });
+        case ResourceDB::FtVec3d:
+            return fn([g](RecordIndex r) { return vecValue(g, r); });
+        case ResourceDB::FtDigest:
+            return fn([g](RecordIndex r) { return digestValue(g, r); });
+        default:
+            return fn([g](RecordIndex r) { return FastString<char>(textValue(g, r)); });
+    }
+}
+
 // Writes every field of the records, as generation `gen`: one setFields call per field.
 void writeGeneration(ResourceDB& db, std::span<const RecordIndex> records, int gen) {
     const std::vector<Field> fields = db.getFieldList();
     for (int pos = 0; pos < int(fields.size()); ++pos) {
-        const int g = seed(gen, pos);
-        auto fill = [&](auto make) {
+        withValues(fields[pos].type, seed(gen, pos), [&](auto make) {
             std::vector<decltype(make(0))> values;
             for (RecordIndex r : records) values.push_back(make(r));
             db.setFields(pos, records, values.data());
-        };
-        switch (fields[pos].type) {
-            case ResourceDB::FtInt32: fill([&](RecordIndex r) { return intValue(g, r); }); break;
-            case ResourceDB::FtInt64: fill([&](RecordIndex r) { return longValue(g, r); }); break;
-            case ResourceDB::FtDouble: fill([&](RecordIndex r) { return doubleValue(g, r); }); break;
-            case ResourceDB::FtVec3d: fill([&](RecordIndex r) { return vecValue(g, r); }); break;
-            case ResourceDB::FtDigest: fill([&](RecordIndex r) { return digestValue(g, r); }); break;
-            default:
-                fill([&](RecordIndex r) { return FastString<char>(textValue(g, r)); });
-        }
+        });
     }
 }
 
 // Reads back every field of the records; counts those that are not wholly of generation `gen`.
-size_t recordsNotOfGeneration(const ResourceDB& db, std::span<const RecordIndex> records,
-                              int gen) {
+size_t recordsNotOfGeneration(const ResourceDB& db, std::span<const RecordIndex> records, int gen) {
     const std::vector<Field> fields = db.getFieldList();
     std::vector<bool> bad(records.size(), false);
     for (int pos = 0; pos < int(fields.size()); ++pos) {
-        const int g = seed(gen, pos);
-        auto check = [&](auto make, auto same) {
+        withValues(fields[pos].type, seed(gen, pos), [&](auto make) {
             std::vector<decltype(make(0))> values(records.size());
             db.getFields(pos, records, values.data());
             for (size_t i = 0; i < records.size(); ++i)
-                if (!same(values[i], make(records[i]))) bad[i] = true;
-        };
-        auto equal = [](const auto& a, const auto& b) { return a == b; };
-        auto sameBytes = [](const auto& a, const auto& b) {
-            return std::memcmp(&a, &b, sizeof a) == 0;
-        };
-        switch (fields[pos].type) {
-            case ResourceDB::FtInt32: check([&](RecordIndex r) { return intValue(g, r); }, equal); break;
-            case ResourceDB::FtInt64: check([&](RecordIndex r) { return longValue(g, r); }, equal); break;
-            case ResourceDB::FtDouble: check([&](RecordIndex r) { return doubleValue(g, r); }, equal); break;
-            case ResourceDB::FtVec3d: check([&](RecordIndex r) { return vecValue(g, r); }, sameBytes); break;
-            case ResourceDB::FtDigest: check([&](RecordIndex r) { return digestValue(g, r); }, equal); break;
-            default:
-                check([&](RecordIndex r) { return FastString<char>(textValue(g, r)); }, equal);
-        }
+                if (!(values[i] == make(records[i]))) bad[i] = true;
+        });
     }
     return size_t(std::count(bad.begin(), bad.end(), true));
 }
@@ -340,29 +336,23 @@ TEST(ResourceDB, RefusesFilesItCannotUseWithClearReasons) {
     // A file that lost its last page is refused at open, whichever table the page held; a file
     // whose pages were overwritten at the latest when a damaged field is read, and never read as
     // valid values.
-    const std::string cut = dir / "cut";
-    {
-        ResourceDB db(cut);
+    auto makeFilled = [](const std::string& path) {
+        ResourceDB db(path);
         db.create(10, kAllTypes);
         std::vector<RecordIndex> records;
         for (int i = 0; i < 2000; ++i) records.push_back(db.addRecord("r" + std::to_string(i)));
         writeGeneration(db, records, 3);
         db.close();
-    }
+    };
+    const std::string cut = dir / "cut";
+    makeFilled(cut);
     struct stat st {};
     ASSERT_EQ(::stat(cut.c_str(), &st), 0);
     ASSERT_EQ(::truncate(cut.c_str(), st.st_size - 4096), 0);
     EXPECT_EQ(openReason(cut), ResourceDBException::RdbCorrupt);
 
     const std::string scribbled = dir / "scribbled";
-    {
-        ResourceDB db(scribbled);
-        db.create(10, kAllTypes);
-        std::vector<RecordIndex> records;
-        for (int i = 0; i < 2000; ++i) records.push_back(db.addRecord("r" + std::to_string(i)));
-        writeGeneration(db, records, 3);
-        db.close();
-    }
+    makeFilled(scribbled);
     {
         std::fstream f(scribbled, std::ios::in | std::ios::out | std::ios::binary);
         f.seekp(8192);
@@ -467,6 +457,16 @@ private:
     };
 
     static File* self(sqlite3_file* f) { return reinterpret_cast<File*>(f); }
+    // A method that passes the call on to the real file.
+    template <auto Method>
+    struct Forward;
+    template <class R, class... A, R (*sqlite3_io_methods::*Method)(sqlite3_file*, A...)>
+    struct Forward<Method> {
+        static R call(sqlite3_file* x, A... a) {
+            sqlite3_file* real = self(x)->real();
+            return (real->pMethods->*Method)(real, a...);
+        }
+    };
     static int open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
                     int* outFlags) {
         auto* owner = static_cast<FailingWrites*>(vfs->pAppData);
@@ -477,16 +477,11 @@ private:
             f->base.pMethods = nullptr;
             return rc;
         }
-        owner->_methods = *f->real()->pMethods;
-        owner->_realMethods = f->real()->pMethods;
-        owner->_methods.xClose = [](sqlite3_file* x) {
-            int rc = self(x)->real()->pMethods->xClose(self(x)->real());
-            return rc;
-        };
-        owner->_methods.xRead = [](sqlite3_file* x, void* b, int n, sqlite3_int64 o) {
-            return self(x)->real()->pMethods->xRead(self(x)->real(), b, n, o);
-        };
-        owner->_methods.xWrite = [](sqlite3_file* x, const void* b, int n, sqlite3_int64 o) {
+        sqlite3_io_methods& m = owner->_methods;
+        m = *f->real()->pMethods;
+        m.xClose = &Forward<&sqlite3_io_methods::xClose>::call;
+        m.xRead = &Forward<&sqlite3_io_methods::xRead>::call;
+        m.xWrite = [](sqlite3_file* x, const void* b, int n, sqlite3_int64 o) {
             FailingWrites* w = self(x)->owner;
             if (int code = w->_code.load()) {
                 w->_failures.fetch_add(1);
@@ -494,50 +489,23 @@ private:
             }
             return self(x)->real()->pMethods->xWrite(self(x)->real(), b, n, o);
         };
-        owner->_methods.xTruncate = [](sqlite3_file* x, sqlite3_int64 size) {
-            return self(x)->real()->pMethods->xTruncate(self(x)->real(), size);
-        };
-        owner->_methods.xSync = [](sqlite3_file* x, int flags) {
-            return self(x)->real()->pMethods->xSync(self(x)->real(), flags);
-        };
-        owner->_methods.xFileSize = [](sqlite3_file* x, sqlite3_int64* size) {
-            return self(x)->real()->pMethods->xFileSize(self(x)->real(), size);
-        };
-        owner->_methods.xLock = [](sqlite3_file* x, int l) {
-            return self(x)->real()->pMethods->xLock(self(x)->real(), l);
-        };
-        owner->_methods.xUnlock = [](sqlite3_file* x, int l) {
-            return self(x)->real()->pMethods->xUnlock(self(x)->real(), l);
-        };
-        owner->_methods.xCheckReservedLock = [](sqlite3_file* x, int* out) {
-            return self(x)->real()->pMethods->xCheckReservedLock(self(x)->real(), out);
-        };
-        owner->_methods.xFileControl = [](sqlite3_file* x, int op, void* arg) {
-            return self(x)->real()->pMethods->xFileControl(self(x)->real(), op, arg);
-        };
-        owner->_methods.xSectorSize = [](sqlite3_file* x) {
-            return self(x)->real()->pMethods->xSectorSize(self(x)->real());
-        };
-        owner->_methods.xDeviceCharacteristics = [](sqlite3_file* x) {
-            return self(x)->real()->pMethods->xDeviceCharacteristics(self(x)->real());
-        };
-        owner->_methods.xShmMap = [](sqlite3_file* x, int page, int size, int extend,
-                                     void volatile** out) {
-            return self(x)->real()->pMethods->xShmMap(self(x)->real(), page, size, extend, out);
-        };
-        owner->_methods.xShmLock = [](sqlite3_file* x, int offset, int n, int flags) {
-            return self(x)->real()->pMethods->xShmLock(self(x)->real(), offset, n, flags);
-        };
-        owner->_methods.xShmBarrier = [](sqlite3_file* x) {
-            self(x)->real()->pMethods->xShmBarrier(self(x)->real());
-        };
-        owner->_methods.xShmUnmap = [](sqlite3_file* x, int del) {
-            return self(x)->real()->pMethods->xShmUnmap(self(x)->real(), del);
-        };
+        m.xTruncate = &Forward<&sqlite3_io_methods::xTruncate>::call;
+        m.xSync = &Forward<&sqlite3_io_methods::xSync>::call;
+        m.xFileSize = &Forward<&sqlite3_io_methods::xFileSize>::call;
+        m.xLock = &Forward<&sqlite3_io_methods::xLock>::call;
+        m.xUnlock = &Forward<&sqlite3_io_methods::xUnlock>::call;
+        m.xCheckReservedLock = &Forward<&sqlite3_io_methods::xCheckReservedLock>::call;
+        m.xFileControl = &Forward<&sqlite3_io_methods::xFileControl>::call;
+        m.xSectorSize = &Forward<&sqlite3_io_methods::xSectorSize>::call;
+        m.xDeviceCharacteristics = &Forward<&sqlite3_io_methods::xDeviceCharacteristics>::call;
+        m.xShmMap = &Forward<&sqlite3_io_methods::xShmMap>::call;
+        m.xShmLock = &Forward<&sqlite3_io_methods::xShmLock>::call;
+        m.xShmBarrier = &Forward<&sqlite3_io_methods::xShmBarrier>::call;
+        m.xShmUnmap = &Forward<&sqlite3_io_methods::xShmUnmap>::call;
         // No memory-mapped reads, which would bypass xRead; SQLite falls back to reads.
-        owner->_methods.iVersion = std::min(owner->_methods.iVersion, 2);
-        owner->_methods.xFetch = nullptr;
-        owner->_methods.xUnfetch = nullptr;
+        m.iVersion = std::min(m.iVersion, 2);
+        m.xFetch = nullptr;
+        m.xUnfetch = nullptr;
         f->base.pMethods = &owner->_methods;
         return SQLITE_OK;
     }
@@ -579,8 +547,8 @@ TEST(ResourceDB, AFailedFlushKeepsThePreviousContents) {
         }
         faults.failWith(0);
         EXPECT_GT(faults.failures(), failuresBefore);
-        EXPECT_EQ(reason, code == SQLITE_FULL ? ResourceDBException::RdbFull
-                                              : ResourceDBException::RdbIO);
+        EXPECT_EQ(reason,
+                  code == SQLITE_FULL ? ResourceDBException::RdbFull : ResourceDBException::RdbIO);
         EXPECT_FALSE(db.hasPendingChanges());
 
         // This object and a fresh one both see the previous batch, whole.
@@ -673,8 +641,8 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         pid_t child = ::fork();
         ASSERT_GE(child, 0);
         if (child == 0) writeGenerationsForever(path);
-        std::this_thread::sleep_for(std::chrono::microseconds(
-            std::uniform_int_distribution<int>(0, 150000)(random)));
+        std::this_thread::sleep_for(
+            std::chrono::microseconds(std::uniform_int_distribution<int>(0, 150000)(random)));
         ::kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -683,6 +651,7 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         ResourceDB db(path);
         ASSERT_NO_THROW(db.open()) << "run " << runs;
         const int gen = generationOf(db);
+        ASSERT_EQ(db.getRecordCount(), size_t(initialRecords + gen)) << "run " << runs;
         ASSERT_GE(gen, lastGen) << "a committed generation was lost, run " << runs;
         if (gen > lastGen) ++advanced;
         lastGen = gen;
@@ -691,7 +660,9 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
         db.enumerateRecords(records, &names);
         ASSERT_EQ(records.size(), size_t(initialRecords + gen)) << "run " << runs;
         ASSERT_EQ(names[0], "generation " + std::to_string(gen));
-        if (gen > 0) ASSERT_EQ(names.back(), "added in " + std::to_string(gen));
+        if (gen > 0) {
+            ASSERT_EQ(names.back(), "added in " + std::to_string(gen));
+        }
         ASSERT_EQ(recordsNotOfGeneration(db, records, gen), 0u)
             << "records of another generation than " << gen << ", run " << runs;
         db.close();

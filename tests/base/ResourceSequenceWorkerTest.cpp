@@ -291,10 +291,10 @@ TEST(ResourceSequenceWorker, CancelledSequencesStopAndStillCompleteOnce) {
         EXPECT_EQ(where, std::this_thread::get_id());
         EXPECT_TRUE(log.contains("refused after shutdown"));
     }
-    EXPECT_EQ(journal.events(),
-              (std::vector<std::string>{end("queued (rebound)", SsCancelled),
-                                        end("removed", SsCancelled), "self touch 0",
-                                        "self touch 1", end("self", SsCancelled)}));
+    EXPECT_EQ(
+        journal.events(),
+        (std::vector<std::string>{end("queued (rebound)", SsCancelled), end("removed", SsCancelled),
+                                  "self touch 0", "self touch 1", end("self", SsCancelled)}));
 }
 
 TEST(ResourceSequenceWorker, WaitingOnTheWorkersOwnThreadIsRefused) {
@@ -328,38 +328,36 @@ TEST(ResourceSequenceWorkerThreads, AddReplaceRemoveAndCancelFromManyThreads) {
     std::vector<SharedPtr<ResourceSequence>> sequences;
 
     ResourceSequenceWorker worker;
-    const ResourceSequenceWorker::Key keys[3] = {worker.newKey(), worker.newKey(),
-                                                 worker.newKey()};
-    std::function<SharedPtr<ResourceSequence>(std::mt19937&)> make =
-        [&](std::mt19937& random) {
-            auto probe = std::make_shared<Probe>();
-            int n = int(random() % 5);
-            auto s = ResourceSequence::create(items(n), int(random() % 3), 1 + random() % 2);
-            bool spawns = random() % 8 == 0;
-            auto step = [probe, spawns, &worker, &make](ResourceSequence&, size_t first, size_t) {
-                if (probe->ended.load()) probe->faults.fetch_add(1);
-                probe->steps.fetch_add(1);
-                if (spawns && first == 0) {
-                    std::mt19937 local(unsigned(probe->steps.load()));
-                    worker.addSequence(make(local));
-                }
-            };
-            s->setTouchStep(step);
-            if (random() % 2) s->setCopyStep(step);
-            s->setCompletion([probe](ResourceSequence& seq, SequenceStatus status) {
-                probe->ended.store(true);
-                probe->completions.fetch_add(1);
-                bool consistent = (status == SsFinished && seq.touched() == seq.size() &&
-                                   seq.copied() == seq.size()) ||
-                                  (status == SsReplaced && probe->steps.load() == 0) ||
-                                  status == SsCancelled;
-                if (!consistent) probe->faults.fetch_add(1);
-            });
-            std::lock_guard<std::mutex> lock(probesMutex);
-            probes.push_back(probe);
-            sequences.push_back(s);
-            return s;
+    const ResourceSequenceWorker::Key keys[3] = {worker.newKey(), worker.newKey(), worker.newKey()};
+    std::function<SharedPtr<ResourceSequence>(std::mt19937&)> make = [&](std::mt19937& random) {
+        auto probe = std::make_shared<Probe>();
+        int n = int(random() % 5);
+        auto s = ResourceSequence::create(items(n), int(random() % 3), 1 + random() % 2);
+        bool spawns = random() % 8 == 0;
+        auto step = [probe, spawns, &worker, &make](ResourceSequence&, size_t first, size_t) {
+            if (probe->ended.load()) probe->faults.fetch_add(1);
+            probe->steps.fetch_add(1);
+            if (spawns && first == 0) {
+                std::mt19937 local(unsigned(probe->steps.load()));
+                worker.addSequence(make(local));
+            }
         };
+        s->setTouchStep(step);
+        if (random() % 2) s->setCopyStep(step);
+        s->setCompletion([probe](ResourceSequence& seq, SequenceStatus status) {
+            probe->ended.store(true);
+            probe->completions.fetch_add(1);
+            bool consistent = (status == SsFinished && seq.touched() == seq.size() &&
+                               seq.copied() == seq.size()) ||
+                              (status == SsReplaced && probe->steps.load() == 0) ||
+                              status == SsCancelled;
+            if (!consistent) probe->faults.fetch_add(1);
+        });
+        std::lock_guard<std::mutex> lock(probesMutex);
+        probes.push_back(probe);
+        sequences.push_back(s);
+        return s;
+    };
 
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -369,10 +367,16 @@ TEST(ResourceSequenceWorkerThreads, AddReplaceRemoveAndCancelFromManyThreads) {
                 const auto key = keys[random() % 3];
                 switch (random() % 6) {
                     case 0:
-                    case 1: worker.addSequence(make(random)); break;
+                    case 1:
+                        worker.addSequence(make(random));
+                        break;
                     case 2:
-                    case 3: worker.setSequence(key, make(random)); break;
-                    case 4: worker.removeSequence(key); break;
+                    case 3:
+                        worker.setSequence(key, make(random));
+                        break;
+                    case 4:
+                        worker.removeSequence(key);
+                        break;
                     default: {
                         SharedPtr<ResourceSequence> victim;
                         {
@@ -399,10 +403,17 @@ TEST(ResourceSequenceWorkerThreads, AddReplaceRemoveAndCancelFromManyThreads) {
         EXPECT_EQ(probes[i]->faults.load(), 0) << "sequence " << i;
         EXPECT_TRUE(sequences[i]->isDone());
         switch (sequences[i]->status()) {
-            case SsFinished: ++finished; break;
-            case SsReplaced: ++replaced; break;
-            case SsCancelled: ++cancelled; break;
-            default: ADD_FAILURE() << "sequence " << i << " never ended";
+            case SsFinished:
+                ++finished;
+                break;
+            case SsReplaced:
+                ++replaced;
+                break;
+            case SsCancelled:
+                ++cancelled;
+                break;
+            default:
+                ADD_FAILURE() << "sequence " << i << " never ended";
         }
     }
     // The mix must have exercised every ending.

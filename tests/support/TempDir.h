@@ -15,8 +15,8 @@ class TempDir {
 public:
     explicit TempDir(const char* base = nullptr, std::string_view prefix = "qor-files") {
         if (!base) base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base && *base ? base : "/tmp") + "/" +
-                              std::string(prefix) + "-XXXXXX";
+        std::string pattern =
+            std::string(base && *base ? base : "/tmp") + "/" + std::string(prefix) + "-XXXXXX";
         if (::mkdtemp(pattern.data())) _path = pattern;
     }
     ~TempDir() {

@@ -29,13 +29,19 @@ using Reason = ResourceDBException::Reason;
 
 Reason reasonOf(int code) {
     switch (code & 0xff) {
-        case SQLITE_NOTADB: return ResourceDBException::RdbNotADatabase;
-        case SQLITE_CORRUPT: return ResourceDBException::RdbCorrupt;
-        case SQLITE_FULL: return ResourceDBException::RdbFull;
-        case SQLITE_READONLY: return ResourceDBException::RdbReadOnly;
+        case SQLITE_NOTADB:
+            return ResourceDBException::RdbNotADatabase;
+        case SQLITE_CORRUPT:
+            return ResourceDBException::RdbCorrupt;
+        case SQLITE_FULL:
+            return ResourceDBException::RdbFull;
+        case SQLITE_READONLY:
+            return ResourceDBException::RdbReadOnly;
         case SQLITE_BUSY:
-        case SQLITE_LOCKED: return ResourceDBException::RdbBusy;
-        default: return ResourceDBException::RdbIO;
+        case SQLITE_LOCKED:
+            return ResourceDBException::RdbBusy;
+        default:
+            return ResourceDBException::RdbIO;
     }
 }
 
@@ -100,11 +106,11 @@ std::string tableName(int table) { return "v" + std::to_string(table); }
 struct ResourceDB::Impl {
     struct Field {
         DBFieldDesc desc;
-        int table = 0;               // number of its value table
-        Statement selectRange;       // idx, v over [?1, ?2)
-        Statement selectOne;         // v of ?1
-        Statement write;             // set v of ?1 to ?2
-        Statement erase;             // drop the value of ?1
+        int table = 0;          // number of its value table
+        Statement selectRange;  // idx, v from ?1 on
+        Statement selectOne;    // v of ?1
+        Statement write;        // set v of ?1 to ?2
+        Statement erase;        // drop the value of ?1
     };
     // What a rolled-back transaction must restore.
     struct Snapshot {
@@ -120,12 +126,17 @@ struct ResourceDB::Impl {
     unsigned capacity = 0;
     int nextTable = 0;
     std::vector<Field> fields;  // by position; kept after close
-    // Records in use, by index; count and highest in use; the index the next record gets.
+    // Records in use, by index, read on first need (start-up reads need only the counters);
+    // count and highest index in use; the index the next record gets. The file keeps the three
+    // counters in `meta`, as of the last commit (stored*).
     std::vector<bool> live;
+    bool liveLoaded = false;
     size_t count = 0;
     RecordIndex last = -1;
     RecordIndex next = 0;
-    RecordIndex storedNext = 0;  // the counter as the file has it
+    size_t storedCount = 0;
+    RecordIndex storedLast = -1;
+    RecordIndex storedNext = 0;
     Snapshot before;  // at the start of the pending transaction
 
     Statement beginStmt, commitStmt, rollbackStmt;
@@ -151,8 +162,8 @@ struct ResourceDB::Impl {
     }
     sqlite3_stmt* prepare(Statement& s, const std::string& sql) {
         if (!s.prepared()) {
-            int rc = sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()),
-                                        SQLITE_PREPARE_PERSISTENT, s.out(), nullptr);
+            int rc = sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                                        s.out(), nullptr);
             if (rc != SQLITE_OK) failCode(rc, "preparing '" + sql + "'");
         }
         return s.get();
@@ -177,15 +188,18 @@ struct ResourceDB::Impl {
             f.write = Statement();
             f.erase = Statement();
         }
-        for (Statement* s : {&beginStmt, &commitStmt, &rollbackStmt, &insertRecord,
-                             &deleteRecord, &renameRecord, &selectName, &setMeta})
+        for (Statement* s : {&beginStmt, &commitStmt, &rollbackStmt, &insertRecord, &deleteRecord,
+                             &renameRecord, &selectName, &setMeta})
             *s = Statement();
         if (db) sqlite3_close_v2(db);
         db = nullptr;
         inTransaction = false;
     }
 
-    bool isLive(RecordIndex i) const { return i >= 0 && size_t(i) < live.size() && live[i]; }
+    bool isLive(RecordIndex i) {
+        ensureLive();
+        return i >= 0 && size_t(i) < live.size() && live[i];
+    }
 
     // ---- transactions ----
 
@@ -194,6 +208,7 @@ struct ResourceDB::Impl {
         if (readOnly)
             fail(path, ResourceDBException::RdbReadOnly, "change to a database opened read-only");
         if (inTransaction) return;
+        ensureLive();
         int rc = sqlite3_step(prepare(beginStmt, "BEGIN IMMEDIATE"));
         sqlite3_reset(beginStmt.get());
         if (rc != SQLITE_DONE) failCode(rc, "starting a transaction");
@@ -217,14 +232,9 @@ struct ResourceDB::Impl {
     void commit() {
         if (!inTransaction) return;
         try {
-            if (next != storedNext) {
-                sqlite3_stmt* s =
-                    prepare(setMeta, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)");
-                StatementUse use(s);
-                sqlite3_bind_text(s, 1, "next", -1, SQLITE_STATIC);
-                sqlite3_bind_int64(s, 2, next);
-                stepDone(s, "storing the next record index");
-            }
+            storeCounter("next", next, storedNext);
+            storeCounter("count", int64_t(count), int64_t(storedCount));
+            storeCounter("last", last, storedLast);
             int rc = sqlite3_step(prepare(commitStmt, "COMMIT"));
             sqlite3_reset(commitStmt.get());
             if (rc != SQLITE_DONE) failCode(rc, "committing");
@@ -234,7 +244,18 @@ struct ResourceDB::Impl {
         }
         inTransaction = false;
         storedNext = next;
+        storedCount = count;
+        storedLast = last;
         before = Snapshot();
+    }
+    void storeCounter(const char* key, int64_t value, int64_t stored) {
+        if (value == stored) return;
+        sqlite3_stmt* s =
+            prepare(setMeta, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)");
+        StatementUse use(s);
+        sqlite3_bind_text(s, 1, key, -1, SQLITE_STATIC);
+        sqlite3_bind_int64(s, 2, value);
+        stepDone(s, "storing the record counters");
     }
     // Runs fn inside the pending transaction; a failure of SQLite rolls it back, since SQLite
     // may already have dropped part of it.
@@ -338,6 +359,25 @@ struct ResourceDB::Impl {
         if (st.st_size == 0) fail(path, ResourceDBException::RdbCorrupt, "the file is empty");
     }
 
+    // Drops pending changes, closes, and forgets the field list and the records.
+    void forget() {
+        rollback();
+        closeConnection();
+        fields.clear();
+        live.clear();
+        liveLoaded = false;
+    }
+    void openFile(bool ro) {
+        try {
+            checkFile();
+            openConnection(ro);
+            load();
+        } catch (...) {
+            closeConnection();
+            throw;
+        }
+    }
+
     void openConnection(bool ro) {
         readOnly = ro;
         int flags = (ro ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE) | SQLITE_OPEN_NOMUTEX;
@@ -368,36 +408,58 @@ struct ResourceDB::Impl {
         if (!readOnly) {
             exec("PRAGMA journal_mode=WAL", "choosing the write-ahead log");
             exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
+            // A flush of records spread over the file can log tens of megabytes; the log is
+            // cut back to this size after its pages are copied into the file.
+            exec("PRAGMA journal_size_limit=8388608", "limiting the log");
         }
         readFieldList();
-        capacity = unsigned(queryInt("SELECT value FROM meta WHERE key='capacity'",
-                                     "reading the capacity"));
-        nextTable = int(queryInt("SELECT value FROM meta WHERE key='tables'",
-                                 "reading the table counter"));
-        next = RecordIndex(queryInt("SELECT value FROM meta WHERE key='next'",
-                                    "reading the record counter"));
-        storedNext = next;
-        readLiveRecords();
+        capacity = unsigned(
+            queryInt("SELECT value FROM meta WHERE key='capacity'", "reading the capacity"));
+        nextTable =
+            int(queryInt("SELECT value FROM meta WHERE key='tables'", "reading the table counter"));
+        storedNext = next = RecordIndex(
+            queryInt("SELECT value FROM meta WHERE key='next'", "reading the record counters"));
+        storedCount = count = size_t(
+            queryInt("SELECT value FROM meta WHERE key='count'", "reading the record counters"));
+        storedLast = last = RecordIndex(
+            queryInt("SELECT value FROM meta WHERE key='last'", "reading the record counters"));
+        if (next < 0 || last >= next || count > size_t(last + 1))
+            fail(path, ResourceDBException::RdbCorrupt,
+                 formatLog("bad record counters %*, %*, %*", next, count, last));
     }
 
-    void readLiveRecords() {
-        live.assign(std::max<size_t>(capacity, size_t(std::max(next, 0))), false);
-        count = 0;
-        last = -1;
-        Statement s;
-        prepare(s, "SELECT idx FROM records");
+    // Builds the set of records in use from the indices of a scan of `records` (statement s,
+    // column 0), calling each(row) for every row; checks it against the counters.
+    template <class Each>
+    void scanRecords(sqlite3_stmt* s, Each&& each) {
+        std::vector<bool> found(std::max<size_t>(capacity, size_t(next)), false);
+        size_t n = 0;
+        RecordIndex highest = -1;
         int rc;
-        while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-            int64_t i = sqlite3_column_int64(s.get(), 0);
+        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+            int64_t i = sqlite3_column_int64(s, 0);
             if (i < 0 || i >= next)
                 fail(path, ResourceDBException::RdbCorrupt,
                      formatLog("record index %* outside 0 to %*", i, next - 1));
-            if (size_t(i) >= live.size()) live.resize(size_t(i) + 1, false);
-            live[i] = true;
-            ++count;
-            last = std::max(last, RecordIndex(i));
+            found[size_t(i)] = true;
+            ++n;
+            highest = std::max(highest, RecordIndex(i));
+            each(s);
         }
         if (rc != SQLITE_DONE) failCode(rc, "reading the records");
+        if (liveLoaded) return;
+        if (n != count || highest != last)
+            fail(path, ResourceDBException::RdbCorrupt,
+                 formatLog("%* records up to %*, where the counters say %* up to %*", n, highest,
+                           count, last));
+        live = std::move(found);
+        liveLoaded = true;
+    }
+    void ensureLive() {
+        if (liveLoaded || !db) return;
+        Statement s;
+        prepare(s, "SELECT idx FROM records");
+        scanRecords(s.get(), [](sqlite3_stmt*) {});
     }
 
     // ---- values ----
@@ -444,7 +506,8 @@ struct ResourceDB::Impl {
                 sqlite3_bind_int64(s, col, v);
                 return;
             }
-            default: sqlite3_bind_blob(s, col, in, int(fieldSize(type)), SQLITE_STATIC);
+            default:
+                sqlite3_bind_blob(s, col, in, int(fieldSize(type)), SQLITE_STATIC);
         }
     }
     static FastString<char> readText(sqlite3_stmt* s, int col) {
@@ -455,8 +518,8 @@ struct ResourceDB::Impl {
     }
 
     sqlite3_stmt* selectRange(Field& f) {
-        return prepare(f.selectRange, "SELECT idx, v FROM " + tableName(f.table) +
-                                          " WHERE idx >= ?1 AND idx < ?2");
+        return prepare(f.selectRange,
+                       "SELECT idx, v FROM " + tableName(f.table) + " WHERE idx >= ?1");
     }
     sqlite3_stmt* selectOne(Field& f) {
         return prepare(f.selectOne, "SELECT v FROM " + tableName(f.table) + " WHERE idx = ?1");
@@ -469,7 +532,7 @@ struct ResourceDB::Impl {
         return prepare(f.erase, "DELETE FROM " + tableName(f.table) + " WHERE idx = ?1");
     }
 
-    // Reads a run of records: calls put(offset, statement) for each stored value.
+    // Reads a run of records: calls put(offset, statement, column) for each stored value.
     template <class Put>
     void readRun(Field& f, RecordIndex first, size_t count, Put&& put) {
         if (first < 0)
@@ -478,13 +541,17 @@ struct ResourceDB::Impl {
         sqlite3_stmt* s = selectRange(f);
         StatementUse use(s);
         sqlite3_bind_int64(s, 1, first);
-        sqlite3_bind_int64(s, 2, int64_t(first) + int64_t(count));
+        // Rows come by rising index; the scan stops after the run (one comparison a row less
+        // than a bound in the query).
         int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW)
-            put(size_t(sqlite3_column_int64(s, 0) - first), s);
+        while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+            size_t at = size_t(sqlite3_column_int64(s, 0) - first);
+            if (at >= count) return;
+            put(at, s, 1);
+        }
         if (rc != SQLITE_DONE) failCode(rc, "reading a field");
     }
-    // Reads listed records: calls put(position, statement) for each stored value.
+    // Reads listed records: calls put(position, statement, column) for each stored value.
     template <class Put>
     void readList(Field& f, std::span<const RecordIndex> records, Put&& put) {
         sqlite3_stmt* s = selectOne(f);
@@ -493,26 +560,65 @@ struct ResourceDB::Impl {
             sqlite3_bind_int64(s, 1, records[i]);
             int rc = sqlite3_step(s);
             if (rc == SQLITE_ROW) {
-                put(i, s);
+                put(i, s, 0);
             } else if (rc != SQLITE_DONE) {
                 failCode(rc, "reading a field");
             }
         }
     }
+    // The getFields forms: n values of one field into `out`, the stored ones through scan(field,
+    // put), the rest zero.
+    template <class Scan>
+    void getBinary(int fieldIndex, size_t n, void* out, Scan&& scan) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, false);
+        const int type = f.desc.type;
+        const size_t size = fieldSize(type);
+        auto* bytes = static_cast<unsigned char*>(out);
+        std::memset(bytes, 0, size * n);
+        scan(f, [&](size_t at, sqlite3_stmt* s, int col) {
+            readValue(s, col, type, bytes + at * size);
+        });
+    }
+    template <class Scan>
+    void getText(int fieldIndex, size_t n, FastString<char>* out, Scan&& scan) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, true);
+        std::fill(out, out + n, FastString<char>());
+        scan(f, [&](size_t at, sqlite3_stmt* s, int col) { out[at] = readText(s, col); });
+    }
 
-    void requireRecords(RecordIndex first, size_t n) const {
-        for (size_t i = 0; i < n; ++i)
-            if (!isLive(RecordIndex(first + int64_t(i))))
-                fail(path, ResourceDBException::RdbNoRecord,
-                     formatLog("no record %*", int64_t(first) + int64_t(i)));
+    void requireRecord(RecordIndex index) {
+        if (!isLive(index))
+            fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", index));
     }
-    void requireRecords(std::span<const RecordIndex> records) const {
-        for (RecordIndex r : records)
-            if (!isLive(r)) fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
+    // The setFields forms: writes n values of one field, the i-th to record recordAt(i), after
+    // checking that every record is in use.
+    template <class RecordAt>
+    void setBinary(int fieldIndex, size_t n, RecordAt&& recordAt, const void* values) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, false);
+        const int type = f.desc.type;
+        const size_t size = fieldSize(type);
+        auto* bytes = static_cast<const unsigned char*>(values);
+        writeValues(f, n, recordAt,
+                    [&](sqlite3_stmt* s, size_t i) { bindValue(s, 2, type, bytes + i * size); });
     }
-    // Writes values: bind(statement, i) binds the value of the i-th record to column 2.
+    template <class RecordAt>
+    void setText(int fieldIndex, size_t n, RecordAt&& recordAt, const FastString<char>* values) {
+        requireOpen();
+        Field& f = checkedField(fieldIndex, true);
+        writeValues(f, n, recordAt, [&](sqlite3_stmt* s, size_t i) {
+            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
+        });
+    }
     template <class RecordAt, class Bind>
     void writeValues(Field& f, size_t n, RecordAt&& recordAt, Bind&& bind) {
+        for (size_t i = 0; i < n; ++i) {
+            int64_t r = recordAt(i);
+            if (r > std::numeric_limits<RecordIndex>::max() || !isLive(RecordIndex(r)))
+                fail(path, ResourceDBException::RdbNoRecord, formatLog("no record %*", r));
+        }
         write([&] {
             sqlite3_stmt* s = writeValue(f);
             for (size_t i = 0; i < n; ++i) {
@@ -527,12 +633,18 @@ struct ResourceDB::Impl {
 
 size_t ResourceDB::fieldSize(int type) {
     switch (type) {
-        case FtInt32: return 4;
-        case FtInt64: return 8;
-        case FtDouble: return 8;
-        case FtVec3d: return 24;
-        case FtDigest: return 16;
-        default: return 0;
+        case FtInt32:
+            return 4;
+        case FtInt64:
+            return 8;
+        case FtDouble:
+            return 8;
+        case FtVec3d:
+            return 24;
+        case FtDigest:
+            return 16;
+        default:
+            return 0;
     }
 }
 
@@ -550,34 +662,15 @@ ResourceDB::~ResourceDB() {
 
 void ResourceDB::open(bool readOnly) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    if (d.db) {
-        d.rollback();
-        d.closeConnection();
-    }
-    d.fields.clear();
-    d.live.clear();
-    d.count = 0;
-    d.last = -1;
-    try {
-        d.checkFile();
-        d.openConnection(readOnly);
-        d.load();
-    } catch (...) {
-        d.closeConnection();
-        throw;
-    }
+    _impl->forget();
+    _impl->openFile(readOnly);
 }
 
 void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& fields) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.validate(fields);
-    if (d.db) {
-        d.rollback();
-        d.closeConnection();
-    }
-    d.fields.clear();
+    d.forget();
 
     // Built under another name and renamed over the path, so a crash leaves a whole file.
     const std::string temp = _path + ".new-" + std::to_string(::getpid());
@@ -603,11 +696,12 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
             n.exec(("PRAGMA user_version=" + std::to_string(FormatVersion)).c_str(),
                    "marking the format");
             n.exec("BEGIN", "starting the file");
-            n.exec("CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-                   "CREATE TABLE fields(pos INTEGER PRIMARY KEY, id INTEGER NOT NULL UNIQUE,"
-                   " type INTEGER NOT NULL, tab INTEGER NOT NULL);"
-                   "CREATE TABLE records(idx INTEGER PRIMARY KEY, name TEXT NOT NULL);",
-                   "creating the tables");
+            n.exec(
+                "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+                "CREATE TABLE fields(pos INTEGER PRIMARY KEY, id INTEGER NOT NULL UNIQUE,"
+                " type INTEGER NOT NULL, tab INTEGER NOT NULL);"
+                "CREATE TABLE records(idx INTEGER PRIMARY KEY, name TEXT NOT NULL);",
+                "creating the tables");
             for (const DBFieldDesc& desc : fields) {
                 Impl::Field f;
                 f.desc = desc;
@@ -616,8 +710,8 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
                 n.fields.push_back(std::move(f));
             }
             n.writeFieldList();
-            n.exec(("INSERT INTO meta(key, value) VALUES('capacity', " +
-                    std::to_string(capacity) + "), ('next', 0)")
+            n.exec(("INSERT INTO meta(key, value) VALUES('capacity', " + std::to_string(capacity) +
+                    "), ('next', 0), ('count', 0), ('last', -1)")
                        .c_str(),
                    "writing the counters");
             n.exec("COMMIT", "writing the file");
@@ -647,14 +741,7 @@ void ResourceDB::create(unsigned capacity, const std::vector<DBFieldDesc>& field
         ::fsync(dirFd);
         ::close(dirFd);
     }
-    try {
-        d.checkFile();
-        d.openConnection(false);
-        d.load();
-    } catch (...) {
-        d.closeConnection();
-        throw;
-    }
+    d.openFile(false);
 }
 
 void ResourceDB::close() {
@@ -776,24 +863,23 @@ ResourceDB::RecordIndex ResourceDB::getLastRecord() const {
 
 bool ResourceDB::hasRecord(RecordIndex index) const {
     ScopedLock lock(_mutex);
+    _impl->requireOpen();
     return _impl->isLive(index);
 }
 
-void ResourceDB::enumerateRecords(
-    const Function2<void, RecordIndex, std::string_view>& fn) const {
+void ResourceDB::enumerateRecords(const Function2<void, RecordIndex, std::string_view>& fn) const {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
     Statement s;
     d.prepare(s, "SELECT idx, name FROM records ORDER BY idx");
-    int rc;
-    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-        const unsigned char* name = sqlite3_column_text(s.get(), 1);
-        fn(RecordIndex(sqlite3_column_int64(s.get(), 0)),
+    // The scan also gives the set of records in use, if it was not read yet.
+    d.scanRecords(s.get(), [&](sqlite3_stmt* row) {
+        const unsigned char* name = sqlite3_column_text(row, 1);
+        fn(RecordIndex(sqlite3_column_int64(row, 0)),
            std::string_view(name ? reinterpret_cast<const char*>(name) : "",
-                            size_t(sqlite3_column_bytes(s.get(), 1))));
-    }
-    if (rc != SQLITE_DONE) d.failCode(rc, "reading the records");
+                            size_t(sqlite3_column_bytes(row, 1))));
+    });
 }
 
 void ResourceDB::enumerateRecords(std::vector<RecordIndex>& indices,
@@ -810,7 +896,7 @@ std::string ResourceDB::getRecordName(RecordIndex index) const {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     sqlite3_stmt* s = d.prepare(d.selectName, "SELECT name FROM records WHERE idx = ?1");
     StatementUse use(s);
     sqlite3_bind_int64(s, 1, index);
@@ -833,7 +919,8 @@ ResourceDB::RecordIndex ResourceDB::addRecord(std::string_view name) {
         sqlite3_bind_text(s, 2, name.data(), int(name.size()), SQLITE_STATIC);
         d.stepDone(s, "adding a record");
         index = d.next++;
-        if (size_t(index) >= d.live.size()) d.live.resize(std::max<size_t>(index + 1, d.live.size() * 2), false);
+        if (size_t(index) >= d.live.size())
+            d.live.resize(std::max<size_t>(index + 1, d.live.size() * 2), false);
         d.live[index] = true;
         ++d.count;
         d.last = std::max(d.last, index);
@@ -845,7 +932,7 @@ void ResourceDB::deleteRecord(RecordIndex index) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     d.write([&] {
         for (Impl::Field& f : d.fields) {
             sqlite3_stmt* s = d.eraseValue(f);
@@ -867,10 +954,9 @@ void ResourceDB::rename(RecordIndex index, std::string_view name) {
     ScopedLock lock(_mutex);
     Impl& d = *_impl;
     d.requireOpen();
-    d.requireRecords(index, 1);
+    d.requireRecord(index);
     d.write([&] {
-        sqlite3_stmt* s =
-            d.prepare(d.renameRecord, "UPDATE records SET name = ?2 WHERE idx = ?1");
+        sqlite3_stmt* s = d.prepare(d.renameRecord, "UPDATE records SET name = ?2 WHERE idx = ?1");
         StatementUse use(s);
         sqlite3_bind_int64(s, 1, index);
         sqlite3_bind_text(s, 2, name.data(), int(name.size()), SQLITE_STATIC);
@@ -905,106 +991,55 @@ ResourceDB::FieldType ResourceDB::getFieldType(int fieldIndex) const {
 
 void ResourceDB::getFields(int fieldIndex, RecordIndex first, size_t count, void* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<unsigned char*>(out);
-    std::memset(bytes, 0, size * count);
-    d.readRun(f, first, count,
-              [&](size_t at, sqlite3_stmt* s) { d.readValue(s, 1, type, bytes + at * size); });
+    _impl->getBinary(fieldIndex, count, out,
+                     [&](Impl::Field& f, auto put) { _impl->readRun(f, first, count, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, RecordIndex first, size_t count,
                            FastString<char>* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    std::fill(out, out + count, FastString<char>());
-    d.readRun(f, first, count,
-              [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 1); });
+    _impl->getText(fieldIndex, count, out,
+                   [&](Impl::Field& f, auto put) { _impl->readRun(f, first, count, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, std::span<const RecordIndex> records, void* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<unsigned char*>(out);
-    std::memset(bytes, 0, size * records.size());
-    d.readList(f, records,
-               [&](size_t at, sqlite3_stmt* s) { d.readValue(s, 0, type, bytes + at * size); });
+    _impl->getBinary(fieldIndex, records.size(), out,
+                     [&](Impl::Field& f, auto put) { _impl->readList(f, records, put); });
 }
 
 void ResourceDB::getFields(int fieldIndex, std::span<const RecordIndex> records,
                            FastString<char>* out) const {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    std::fill(out, out + records.size(), FastString<char>());
-    d.readList(f, records, [&](size_t at, sqlite3_stmt* s) { out[at] = Impl::readText(s, 0); });
+    _impl->getText(fieldIndex, records.size(), out,
+                   [&](Impl::Field& f, auto put) { _impl->readList(f, records, put); });
 }
 
 void ResourceDB::setFields(int fieldIndex, RecordIndex first, size_t count, const void* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    d.requireRecords(first, count);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<const unsigned char*>(values);
-    d.writeValues(
-        f, count, [&](size_t i) { return int64_t(first) + int64_t(i); },
-        [&](sqlite3_stmt* s, size_t i) { Impl::bindValue(s, 2, type, bytes + i * size); });
+    _impl->setBinary(
+        fieldIndex, count, [&](size_t i) { return int64_t(first) + int64_t(i); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, RecordIndex first, size_t count,
                            const FastString<char>* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    d.requireRecords(first, count);
-    d.writeValues(
-        f, count, [&](size_t i) { return int64_t(first) + int64_t(i); },
-        [&](sqlite3_stmt* s, size_t i) {
-            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
-        });
+    _impl->setText(
+        fieldIndex, count, [&](size_t i) { return int64_t(first) + int64_t(i); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, std::span<const RecordIndex> records,
                            const void* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, false);
-    d.requireRecords(records);
-    const int type = f.desc.type;
-    const size_t size = fieldSize(type);
-    auto* bytes = static_cast<const unsigned char*>(values);
-    d.writeValues(
-        f, records.size(), [&](size_t i) { return int64_t(records[i]); },
-        [&](sqlite3_stmt* s, size_t i) { Impl::bindValue(s, 2, type, bytes + i * size); });
+    _impl->setBinary(
+        fieldIndex, records.size(), [&](size_t i) { return int64_t(records[i]); }, values);
 }
 
 void ResourceDB::setFields(int fieldIndex, std::span<const RecordIndex> records,
                            const FastString<char>* values) {
     ScopedLock lock(_mutex);
-    Impl& d = *_impl;
-    d.requireOpen();
-    Impl::Field& f = d.checkedField(fieldIndex, true);
-    d.requireRecords(records);
-    d.writeValues(
-        f, records.size(), [&](size_t i) { return int64_t(records[i]); },
-        [&](sqlite3_stmt* s, size_t i) {
-            sqlite3_bind_text(s, 2, values[i].data(), int(values[i].size()), SQLITE_STATIC);
-        });
+    _impl->setText(
+        fieldIndex, records.size(), [&](size_t i) { return int64_t(records[i]); }, values);
 }
 
 }  // namespace qor

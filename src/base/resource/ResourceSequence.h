@@ -114,10 +114,10 @@ private:
     std::atomic<size_t> _copied{0};
     std::atomic<size_t> _failed{0};
 
-    mutable Mutex _mutex;                                    // guards the two below
-    Completion _completion QOR_GUARDED_BY(_mutex);           // emptied when it runs
+    mutable Mutex _mutex;                                              // guards the two below
+    Completion _completion QOR_GUARDED_BY(_mutex);                     // emptied when it runs
     ResourceSequenceWorker* _worker QOR_GUARDED_BY(_mutex) = nullptr;  // set while queued
-    bool _handedOver QOR_GUARDED_BY(_mutex) = false;         // given to a worker once
+    bool _handedOver QOR_GUARDED_BY(_mutex) = false;                   // given to a worker once
 };
 
 }  // namespace qor

@@ -133,9 +133,8 @@ void ResourceSequenceWorker::waitIdle() {
         return;
     }
     ScopedLock lock(_mutex);
-    _idleCondition.wait(lock, [&]() QOR_NO_THREAD_SAFETY_ANALYSIS {
-        return _queue.empty() && !_current.sequence;
-    });
+    _idleCondition.wait(
+        lock, [&]() QOR_NO_THREAD_SAFETY_ANALYSIS { return _queue.empty() && !_current.sequence; });
 }
 
 void ResourceSequenceWorker::shutdown() {

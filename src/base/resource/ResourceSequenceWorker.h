@@ -80,8 +80,8 @@ private:
     struct Entry {
         SharedPtr<ResourceSequence> sequence;
         Key key = NoKey;
-        std::uint64_t order = 0;             // queue order within a priority
-        SequenceStatus ending = SsPending;   // set when it is to end without further steps
+        std::uint64_t order = 0;            // queue order within a priority
+        SequenceStatus ending = SsPending;  // set when it is to end without further steps
     };
 
     Key queue(Key key, SharedPtr<ResourceSequence> sequence, bool replace);
@@ -97,7 +97,7 @@ private:
 
     friend class ResourceSequence;
 
-    mutable Mutex _mutex;  // guards everything below except _thread
+    mutable Mutex _mutex;              // guards everything below except _thread
     ConditionVariable _wakeCondition;  // something to do, or stopping
     ConditionVariable _idleCondition;  // a sequence ended or a step ended
     std::vector<Entry> _queue QOR_GUARDED_BY(_mutex);
