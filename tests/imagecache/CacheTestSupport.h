@@ -16,10 +16,10 @@ namespace qor::imagecache::testing {
 
 using imageio::Metadata;
 using imageio::MetadataField;
-using imageio::testing::Bytes;
-using imageio::testing::TempFolder;
 using imageio::Vec2i;
 using imageio::Vec3d;
+using imageio::testing::Bytes;
+using imageio::testing::TempFolder;
 using F = MetadataField;
 
 // A JPEG of 64 x 48 with what a camera writes: maker, model, exposure, time, GPS, orientation,

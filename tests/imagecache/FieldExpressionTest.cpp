@@ -7,10 +7,10 @@
 namespace qor::imagecache {
 namespace {
 
-using testing::F;
-using testing::Metadata;
-using testing::MemoryCache;
 using imageio::Vec2i;
+using testing::F;
+using testing::MemoryCache;
+using testing::Metadata;
 using S = FastString<char>;
 
 class FieldExpressionTest : public ::testing::Test {
@@ -55,7 +55,8 @@ TEST_F(FieldExpressionTest, SizesOrderByAreaAndStringsIgnoreCase) {
     // Same area, other shape: ordered alike, but not equal.
     same.addCondition(FieldCondition(FieldCondition::Equal, MetadataValue(Vec2i(3000, 4000))));
     EXPECT_FALSE(same.matches(item));
-    same.addCondition(FieldCondition(FieldCondition::LessOrEqual, MetadataValue(Vec2i(3000, 4000))));
+    same.addCondition(
+        FieldCondition(FieldCondition::LessOrEqual, MetadataValue(Vec2i(3000, 4000))));
     EXPECT_TRUE(same.matches(item));
 
     FieldExpression make(F::MakeString);
@@ -64,7 +65,8 @@ TEST_F(FieldExpressionTest, SizesOrderByAreaAndStringsIgnoreCase) {
     EXPECT_TRUE(make.matches(item));
     EXPECT_FALSE(make.matches(bare));
     FieldExpression equal(F::MakeString);
-    equal.addCondition(FieldCondition(FieldCondition::Equal, MetadataValue(S("nikon corporation"))));
+    equal.addCondition(
+        FieldCondition(FieldCondition::Equal, MetadataValue(S("nikon corporation"))));
     EXPECT_TRUE(equal.matches(item));
 }
 

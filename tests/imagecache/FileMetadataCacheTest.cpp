@@ -18,9 +18,7 @@ using S = FastString<char>;
 
 class FileMetadataCacheTest : public ::testing::Test {
 protected:
-    ResourceID add(const std::string& path) {
-        return manager.add(manager.nameFromLocalPath(path));
-    }
+    ResourceID add(const std::string& path) { return manager.add(manager.nameFromLocalPath(path)); }
 
     TempFolder folder;
     ResourceManager manager;

@@ -3,11 +3,10 @@
 // with SIGKILL and opens the cache again. Every record must be there whole, all of its fields from
 // one generation.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
@@ -115,7 +114,8 @@ std::string itemName(int i) { return "/qor-crash-test/item" + std::to_string(i) 
     MetadataCacheRDB cache(&next, S(dir), nullptr, 0);
     std::vector<ResourceID> ids;
     for (int i = 0; i < kItems; ++i)
-        ids.push_back(manager.add(manager.nameFromLocalPath(itemName(i)), ResourceManager::AddOrFind));
+        ids.push_back(
+            manager.add(manager.nameFromLocalPath(itemName(i)), ResourceManager::AddOrFind));
     const ResourceID scratch = manager.add(manager.nameFromLocalPath("/qor-crash-test/scratch"));
     cache.setPersitentItemCallback([scratch](ResourceID id) { return id != scratch; });
     for (int g = firstGeneration;; ++g) {
@@ -164,9 +164,10 @@ TEST(MetadataCacheRDBCrash, EveryRecordIsWholeAfterTheWriterIsKilledAtRandomMome
         if (!records.empty()) lastSeen = records.rbegin()->first;
         EXPECT_EQ(capture.assertions(), 0u);
     }
-    std::printf("[          ] %d of 25 runs were killed between the batches of a flush; "
-                "last generation %d\n",
-                mixed, lastSeen);
+    std::printf(
+        "[          ] %d of 25 runs were killed between the batches of a flush; "
+        "last generation %d\n",
+        mixed, lastSeen);
     EXPECT_GT(lastSeen, 0);
 }
 

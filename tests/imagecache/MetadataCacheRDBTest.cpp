@@ -1,7 +1,6 @@
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <fstream>
@@ -47,7 +46,8 @@ protected:
         std::vector<ResourceID> ids;
         for (int i = first; i < first + count; ++i) {
             std::string path = folder.path() + "/item" + std::to_string(i) + ".jpg";
-            if (!filesystem::exists(path)) folder.write("item" + std::to_string(i) + ".jpg", {1, 2});
+            if (!filesystem::exists(path))
+                folder.write("item" + std::to_string(i) + ".jpg", {1, 2});
             const ResourceID id = setup.manager.add(setup.manager.nameFromLocalPath(path));
             SharedPtr<Metadata> values = itemValues(i);
             values->set(F::FileLastWriteTime, filesystem::lastWriteTime(path));
@@ -137,8 +137,8 @@ TEST_F(MetadataCacheRDBTest, AFlushedRecordServesTheNextRunWithoutTheNextCache) 
     EXPECT_EQ(item.getCaptureTime(), Timestamp::fromFields(2020, 1, 2, 12));
     double brightness = 0;
     EXPECT_FALSE(cache->get(id, F::Brightness, brightness));  // absent in the record too
-    const ItemMetadata colored(cache.get(), again.manager.findLocalPath(
-                                                setup.manager.localPath(ids[2])));
+    const ItemMetadata colored(cache.get(),
+                               again.manager.findLocalPath(setup.manager.localPath(ids[2])));
     EXPECT_EQ(colored.getVec3d(F::AverageColor), Vec3d(0.25, 0.5, 0.75));
     EXPECT_EQ(again.next.loads, 0);
     EXPECT_EQ(again.next.gets, 0);

@@ -1,11 +1,10 @@
 // qor cache build, get and check, run as the program itself on pictures made here.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
-#include <fcntl.h>
 
 #include <chrono>
 #include <nlohmann/json.hpp>
@@ -27,8 +26,7 @@ using Json = nlohmann::json;
 // A small JPEG whose EXIF says `fnumber`.
 Bytes photo(double fnumber) {
     return withMetadata(makeJpeg(48, 32), [&](Exiv2::Image& image) {
-        image.exifData()["Exif.Photo.FNumber"] =
-            Exiv2::URational(uint32_t(fnumber * 10 + 0.5), 10);
+        image.exifData()["Exif.Photo.FNumber"] = Exiv2::URational(uint32_t(fnumber * 10 + 0.5), 10);
         image.exifData()["Exif.Image.Make"] = "Canon";
     });
 }
@@ -52,8 +50,8 @@ protected:
         cache = folder.path() + "/cache";
     }
     double fnumber(const std::string& file) {
-        const QorRun run =
-            runQor(folder, {"cache", "get", file, "--cache", cache, "--field", "FNumber", "--json"});
+        const QorRun run = runQor(
+            folder, {"cache", "get", file, "--cache", cache, "--field", "FNumber", "--json"});
         EXPECT_EQ(run.status, 0);
         return Json::parse(run.out)[0]["fields"]["FNumber"].get<double>();
     }
@@ -63,7 +61,8 @@ protected:
 };
 
 TEST_F(QorCache, GetAnswersFromTheCacheAndReadsAFileOnlyWhenItChanged) {
-    const QorRun build = runQor(folder, {"cache", "build", folder.path() + "/pics", "--cache", cache});
+    const QorRun build =
+        runQor(folder, {"cache", "build", folder.path() + "/pics", "--cache", cache});
     EXPECT_EQ(build.status, 0);
     EXPECT_EQ(build.out.rfind("2 files in ", 0), 0u) << build.out;
     EXPECT_NE(build.out.find(" files per second"), std::string::npos);
@@ -89,14 +88,16 @@ TEST_F(QorCache, GetAnswersFromTheCacheAndReadsAFileOnlyWhenItChanged) {
     EXPECT_DOUBLE_EQ(fnumber(c), 8.0);
 
     // Text fields always come from the file.
-    const QorRun make = runQor(folder, {"cache", "get", a, "--cache", cache, "--field", "MakeString"});
+    const QorRun make =
+        runQor(folder, {"cache", "get", a, "--cache", cache, "--field", "MakeString"});
     EXPECT_EQ(make.status, 0);
     EXPECT_NE(make.out.find("MakeString"), std::string::npos);
     EXPECT_NE(make.out.find("Canon"), std::string::npos);
 }
 
 TEST_F(QorCache, CheckPrintsEachRecordThatDiffersFromItsFile) {
-    ASSERT_EQ(runQor(folder, {"cache", "build", folder.path() + "/pics", "--cache", cache}).status, 0);
+    ASSERT_EQ(runQor(folder, {"cache", "build", folder.path() + "/pics", "--cache", cache}).status,
+              0);
     const QorRun clean = runQor(folder, {"cache", "check", "--cache", cache});
     EXPECT_EQ(clean.status, 0);
     EXPECT_EQ(clean.out, "2 records, 0 differ from their files\n");

@@ -94,10 +94,11 @@ int parseCacheOptions(const std::vector<std::string>& args, CacheOptions& o) {
         }
     }
     if (o.action != "build" && o.action != "get" && o.action != "check")
-        return usageError(o.action.empty() ? "cache: give build, get or check"
-                                           : "cache: unknown action '" + o.action +
-                                                 "' (build, get or check)");
-    if (o.cacheDir.empty()) return usageError("cache " + o.action + ": --cache CACHEDIR is required");
+        return usageError(o.action.empty()
+                              ? "cache: give build, get or check"
+                              : "cache: unknown action '" + o.action + "' (build, get or check)");
+    if (o.cacheDir.empty())
+        return usageError("cache " + o.action + ": --cache CACHEDIR is required");
     if (o.action != "get" && (o.json || !o.fields.empty()))
         return usageError("cache " + o.action + ": --field and --json are for 'cache get'");
     if (o.action == "check" && !o.paths.empty())
@@ -196,7 +197,7 @@ int runBuild(const CacheOptions& o) {
     const unsigned threadCount = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
     const auto start = std::chrono::steady_clock::now();
     std::mutex mutex;
-    std::condition_variable ended;  // a thread has run out of files
+    std::condition_variable ended;   // a thread has run out of files
     unsigned running = threadCount;  // guarded by mutex
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < threadCount; ++t) {
@@ -230,8 +231,8 @@ int runBuild(const CacheOptions& o) {
         status = reportBad("cache build", files[i], "cannot be read");
     }
     if (g_cacheInterrupted) {
-        std::fprintf(stderr, "qor: cache build: interrupted after %zu of %zu files\n",
-                     size_t(done), total);
+        std::fprintf(stderr, "qor: cache build: interrupted after %zu of %zu files\n", size_t(done),
+                     total);
         return 130;
     }
     std::printf("%zu files in %.2f s, %.0f files per second%s\n", total, seconds,
@@ -325,7 +326,8 @@ int runGet(const CacheOptions& o) {
         if (o.json) document.push_back(entry);
     }
     chain.cache->shutdown();
-    if (o.json) std::printf("%s\n", document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    if (o.json)
+        std::printf("%s\n", document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     return status;
 }
 

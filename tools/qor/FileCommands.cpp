@@ -148,7 +148,8 @@ ItemInfo readItem(const std::string& file, bool verify) {
                 item.format = loader->decoder().name();
                 item.metadata = loader->getMetadata();
                 if (verify)
-                    decoded = decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
+                    decoded =
+                        decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
             }
             if (item.metadata) item.checksum = imageio::imageChecksum(path);
         },

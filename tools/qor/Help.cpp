@@ -63,7 +63,8 @@ const OptionInfo kExportOptions[] = {
 };
 
 const OptionInfo kCacheOptions[] = {
-    {"--cache", "CACHEDIR", "the cache folder, made when missing; the database is its file 'metadata' (required)"},
+    {"--cache", "CACHEDIR",
+     "the cache folder, made when missing; the database is its file 'metadata' (required)"},
     {"--field", "NAME",
      "get: show this field, named as 'qor info' names it (FNumber, OriginalTime, MakeString ...); "
      "may be given again; default: every field the cache keeps"},

@@ -28,8 +28,8 @@ bool FieldCondition::accepts(const MetadataValue& value) const {
         QOR_ASSERT_TEXT(false, "false");
         return false;
     }
-    int cmp = 0;          // the value's order against the reference
-    bool equal = false;   // Equal means the same value, which for a size is more than its area
+    int cmp = 0;         // the value's order against the reference
+    bool equal = false;  // Equal means the same value, which for a size is more than its area
     bool contains = false;
     switch (type) {
         case imageio::MdtInt:

@@ -5,9 +5,10 @@
 namespace qor::imagecache {
 
 enum ItemState {
-    ItemStateOk = 0,          // the file is there and its metadata was read
-    ItemStateMissing = 1,     // the file is gone
-    ItemStateUnreadable = 2,  // the file is there, but it is no picture the reader knows, or damaged
+    ItemStateOk = 0,       // the file is there and its metadata was read
+    ItemStateMissing = 1,  // the file is gone
+    ItemStateUnreadable =
+        2,  // the file is there, but it is no picture the reader knows, or damaged
 };
 
 }  // namespace qor::imagecache

@@ -68,13 +68,13 @@ MetadataCacheRDB::MetadataCacheRDB(MetadataCache* next, const FastString<char>& 
         // The slots hold the guard, so a signal that is being handled when this object goes is
         // waited for, and one that comes later finds the object gone.
         std::shared_ptr<SignalGuard> guard = _signalGuard;
-        _renamedConnection = _manager->resourceRenamed.connect(
-            [this, guard](ResourceID id, const ResourceName&) {
+        _renamedConnection =
+            _manager->resourceRenamed.connect([this, guard](ResourceID id, const ResourceName&) {
                 std::lock_guard<std::mutex> alive(guard->mutex);
                 if (guard->alive) itemRenamed(id);
             });
-        _deletedConnection = _manager->resourceDeleted.connect(
-            [this, guard](ResourceID id, const ResourceName&) {
+        _deletedConnection =
+            _manager->resourceDeleted.connect([this, guard](ResourceID id, const ResourceName&) {
                 std::lock_guard<std::mutex> alive(guard->mutex);
                 if (guard->alive) deleteItem(id);
             });
@@ -141,8 +141,9 @@ void MetadataCacheRDB::open() {
     } catch (const ResourceDBException& e) {
         if (e.reason() != ResourceDBException::RdbNotFound) {
             QOR_LOG(LogError, "%*", kStars);
-            QOR_LOG(LogError,
-                    "* MetadataCacheRDB is inconsistent and gets recreated. Vorn startup be slow *");
+            QOR_LOG(
+                LogError,
+                "* MetadataCacheRDB is inconsistent and gets recreated. Vorn startup be slow *");
             QOR_LOG(LogError, "%*", kStars);
             QOR_ASSERT_MSG(false, "%*", e.what());
             try {
@@ -414,8 +415,8 @@ void MetadataCacheRDB::readMissingFromRecords(const FieldSlot& slot,
 // ---- loading from the next cache ----
 
 // The analysis cannot follow the caller's lock being opened and closed again here.
-bool MetadataCacheRDB::internalCacheImageLazy(ResourceID id, ScopedLock<Mutex>& lock, bool replace)
-    QOR_NO_THREAD_SAFETY_ANALYSIS {
+bool MetadataCacheRDB::internalCacheImageLazy(ResourceID id, ScopedLock<Mutex>& lock,
+                                              bool replace) QOR_NO_THREAD_SAFETY_ANALYSIS {
     if (!_next || !_manager) return false;
     lock.unlock();
     // The file's time first, under its lock, which is dropped before the mutex is taken again.

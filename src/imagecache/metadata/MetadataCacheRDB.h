@@ -186,7 +186,7 @@ public:
 
 private:
     struct SignalGuard {
-        std::mutex mutex;  // held while a signal is handled
+        std::mutex mutex;   // held while a signal is handled
         bool alive = true;  // false once the destructor has begun
     };
 
