@@ -4,6 +4,9 @@
 //                     FileLastWriteTime, what the metadata cache reads at start-up), then close.
 //                     The peer opens the same file and reads the same two columns.
 //   StartupEnumerate: the same plus every record's index and name, the rest of the cache's start.
+//   OpenMetadataCache: the whole start of a MetadataCacheRDB on the same file: the records' names
+//                     entered in a ResourceManager, the two fields read into the columns, the
+//                     worker started. Its floor is StartupRead_SQLite.
 //   Flush500:         31 setFields calls over 500 changed records and a flush. Arg 0: 500
 //                     consecutive records (items added in one go), 1: 500 records spread over the
 //                     file (edits here and there). The peers run the same statements through
@@ -25,12 +28,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "base/resource/ResourceDB.h"
+#include "base/resource/ResourceManager.h"
+#include "imagecache/metadata/FileMetadataCache.h"
+#include "imagecache/metadata/MetadataCacheRDB.h"
 
 namespace {
 
@@ -50,6 +57,7 @@ const std::vector<Field> kLayout = {
 };
 constexpr int kRecordConsistent = 41;
 constexpr int kFileLastWriteTime = 42;
+constexpr int32_t kOne = 1;
 
 std::string tempDir() {
     const char* base = std::getenv("TMPDIR");
@@ -58,23 +66,25 @@ std::string tempDir() {
     return pattern;
 }
 
-// Values of a generation for one field of some records, fieldSize bytes each.
-std::vector<unsigned char> values(int type, const std::vector<RecordIndex>& records, int gen) {
+// Values of a generation for one field of some records, fieldSize bytes each. RecordConsistent is
+// 1, as the cache writes it for a whole record.
+std::vector<unsigned char> values(const Field& field, const std::vector<RecordIndex>& records,
+                                  int gen) {
+    const int type = field.type;
     const size_t size = ResourceDB::fieldSize(type);
     std::vector<unsigned char> out(size * records.size());
     for (size_t i = 0; i < records.size(); ++i) {
         uint64_t v = (uint64_t(gen) << 32) | uint32_t(records[i]);
         for (size_t b = 0; b < size; ++b) out[i * size + b] = (unsigned char)(v >> (8 * (b % 8)));
     }
-    // RecordConsistent is 1, as the cache writes it for a whole record.
-    if (type == ResourceDB::FtInt32 && gen >= 0)
-        for (size_t i = 0; i < records.size(); ++i) out[i * size] |= 1;
+    if (field.id == kRecordConsistent)
+        for (size_t i = 0; i < records.size(); ++i) std::memcpy(&out[i * size], &kOne, size);
     return out;
 }
 
 void writeFields(ResourceDB& db, const std::vector<RecordIndex>& records, int gen) {
     for (int f = 0; f < int(kLayout.size()); ++f) {
-        auto v = values(kLayout[f].type, records, gen);
+        auto v = values(kLayout[f], records, gen);
         db.setFields(f, records, v.data());
     }
     db.flush();
@@ -105,7 +115,7 @@ struct Files {
         std::vector<RecordIndex> all;
         char name[64];
         for (int i = 0; i < kRecords; ++i) {
-            std::snprintf(name, sizeof name, "%04d/%02d/IMG_%06d.JPG", 2000 + i / 5000,
+            std::snprintf(name, sizeof name, "/photos/%04d/%02d/IMG_%06d.JPG", 2000 + i / 5000,
                           1 + i / 500 % 12, i);
             all.push_back(db.addRecord(name));
         }
@@ -235,6 +245,29 @@ BENCHMARK(BM_StartupRead_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMilliseco
 void BM_StartupEnumerate_ResourceDB(benchmark::State& state) { startup(state, true); }
 BENCHMARK(BM_StartupEnumerate_ResourceDB)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
+// The metadata cache opened on the file, as at an application's start; closed untimed. The file
+// is a copy in a folder of its own, as the cache names its file.
+void BM_OpenMetadataCache(benchmark::State& state) {
+    const std::string folder = files().dir + "/cache";
+    std::filesystem::create_directories(folder);
+    const std::string path = files().copy("cache/metadata");
+    for (auto _ : state) {
+        evict(state, path);
+        auto manager = std::make_unique<qor::ResourceManager>();
+        auto next = std::make_unique<qor::imagecache::FileMetadataCache>(manager.get());
+        auto cache = std::make_unique<qor::imagecache::MetadataCacheRDB>(
+            next.get(), qor::FastString<char>(folder), nullptr, 0);
+        state.PauseTiming();
+        if (cache->capacity() < size_t(kRecords)) state.SkipWithError("records missing");
+        cache.reset();
+        next.reset();
+        manager.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kRecords);
+}
+BENCHMARK(BM_OpenMetadataCache)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
 // The table that holds a field's values in ResourceDB's file.
 std::string tableOf(sqlite3* db, int fieldId) {
     sqlite3_stmt* s = nullptr;
@@ -349,7 +382,7 @@ void flushRounds(benchmark::State& state, Write&& write) {
         state.PauseTiming();
         auto records = batchRecords(state.range(0) != 0, round);
         Batch data;
-        for (const Field& f : kLayout) data.push_back(values(f.type, records, round + 2));
+        for (const Field& f : kLayout) data.push_back(values(f, records, round + 2));
         state.ResumeTiming();
         write(records, data);
         ++round;

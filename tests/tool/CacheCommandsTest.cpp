@@ -146,33 +146,43 @@ TEST_F(QorCache, CtrlCStopsTheBuildAndKeepsWhatWasRead) {
     const Bytes bytes = photo(2.8);
     for (int i = 0; i < 3000; ++i) folder.write("many/p" + std::to_string(i) + ".jpg", bytes);
     const std::string out = folder.path() + "/out.txt", err = folder.path() + "/err.txt";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     std::vector<std::string> args = {QOR_TOOL, "cache", "build", many, "--cache", cache};
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, QOR_TOOL, &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    // Interrupted once it has begun to write.
-    for (int i = 0; i < 2000 && !filesystem::exists(cache + "/metadata"); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    ::kill(pid, SIGINT);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 130);
-    const Bytes errBytes = readFile(err);
-    const std::string message(errBytes.begin(), errBytes.end());
-    size_t done = 0;
-    ASSERT_EQ(std::sscanf(message.c_str(), "qor: cache build: interrupted after %zu of 3000 files",
-                          &done),
-              1)
-        << message;
+    // Interrupted as soon as the cache is open, when the reading begins. An optimised build reads
+    // the 3000 files in a twentieth of a second, so on a loaded machine the build may end before
+    // the signal comes (exit 0, or 130 after all files): then it is run again.
+    size_t done = 3000;
+    for (int attempt = 0; attempt < 5 && done == 3000; ++attempt) {
+        std::filesystem::remove_all(cache);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        pid_t pid = 0;
+        ASSERT_EQ(posix_spawn(&pid, QOR_TOOL, &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        for (int i = 0; i < 10000 && !filesystem::exists(cache + "/metadata"); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ::kill(pid, SIGINT);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status));
+        const Bytes errBytes = readFile(err);
+        const std::string message(errBytes.begin(), errBytes.end());
+        if (WEXITSTATUS(status) == 0) {
+            EXPECT_EQ(message, "");
+            continue;
+        }
+        EXPECT_EQ(WEXITSTATUS(status), 130);
+        ASSERT_EQ(std::sscanf(message.c_str(),
+                              "qor: cache build: interrupted after %zu of 3000 files", &done),
+                  1)
+            << message;
+    }
     EXPECT_LT(done, 3000u);
     // Every file read before the interruption is in the cache, whole.
     const QorRun check = runQor(folder, {"cache", "check", "--cache", cache});
