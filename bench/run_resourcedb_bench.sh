@@ -11,7 +11,7 @@ cmake --build --preset release --target qor_bench_resourcedb
 
 out=$(mktemp /tmp/qor_bench_resourcedb.XXXXXX.json)
 trap 'rm -f "$out"' EXIT
-build/release/bench/qor_bench_resourcedb --benchmark_repetitions=5 \
+QOR_LOG_LEVEL=3 build/release/bench/qor_bench_resourcedb --benchmark_repetitions=5 \
     --benchmark_report_aggregates_only=true --benchmark_out="$out" --benchmark_out_format=json "$@"
 
 python3 - "$out" <<'PY'
@@ -28,6 +28,8 @@ rows = [
     ("start-up read, warm", "BM_StartupRead_ResourceDB/0", "BM_StartupRead_SQLite/0"),
     ("start-up read, evicted", "BM_StartupRead_ResourceDB/1", "BM_StartupRead_SQLite/1"),
     ("  + names, warm", "BM_StartupEnumerate_ResourceDB/0", "BM_StartupRead_SQLite/0"),
+    ("metadata cache open, warm", "BM_OpenMetadataCache/0", "BM_StartupRead_SQLite/0"),
+    ("metadata cache open, evicted", "BM_OpenMetadataCache/1", "BM_StartupRead_SQLite/1"),
     ("  row layout, warm", "BM_StartupRead_SQLiteRows/0", "BM_StartupRead_SQLite/0"),
     ("  row layout, evicted", "BM_StartupRead_SQLiteRows/1", "BM_StartupRead_SQLite/1"),
     ("flush 500 consecutive", "BM_Flush500_ResourceDB/0", "BM_Flush500_SQLiteWalNormal/0"),
