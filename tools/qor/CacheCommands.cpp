@@ -245,28 +245,7 @@ int runBuild(const CacheOptions& o) {
 
 // The value of a field through the cache, empty when it has none.
 MetadataValue cachedValue(MetadataCacheRDB& cache, ResourceID id, MetadataField field) {
-    auto read = [&]<class T>(T value) {
-        return cache.get(id, field, value) ? MetadataValue(value) : MetadataValue();
-    };
-    switch (imageio::fieldDataType(field)) {
-        case imageio::MdtInt:
-            return read(0);
-        case imageio::MdtVec2i:
-            return read(imageio::Vec2i());
-        case imageio::MdtDouble:
-            return read(0.0);
-        case imageio::MdtVec3d:
-            return read(imageio::Vec3d());
-        case imageio::MdtString:
-            return read(FastString<char>());
-        case imageio::MdtTime:
-            return read(Timestamp());
-        case imageio::MdtDigest:
-            return read(Digest());
-        case imageio::MdtUnknown:
-            break;
-    }
-    return MetadataValue();
+    return typedValue(field, [&](auto& value) { return cache.get(id, field, value); });
 }
 
 int runGet(const CacheOptions& o) {

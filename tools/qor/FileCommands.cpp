@@ -159,28 +159,7 @@ ItemInfo readItem(const std::string& file, bool verify) {
 
 // The typed field as a value of its type; empty when the metadata lacks it.
 MetadataValue fieldValue(const Metadata& metadata, MetadataField field) {
-    auto read = [&]<class T>(T value) {
-        return metadata.get(field, value) ? MetadataValue(value) : MetadataValue();
-    };
-    switch (imageio::fieldDataType(field)) {
-        case imageio::MdtInt:
-            return read(0);
-        case imageio::MdtVec2i:
-            return read(imageio::Vec2i());
-        case imageio::MdtDouble:
-            return read(0.0);
-        case imageio::MdtVec3d:
-            return read(imageio::Vec3d());
-        case imageio::MdtString:
-            return read(FastString<char>());
-        case imageio::MdtTime:
-            return read(Timestamp());
-        case imageio::MdtDigest:
-            return read(Digest());
-        case imageio::MdtUnknown:
-            break;
-    }
-    return MetadataValue();
+    return typedValue(field, [&](auto& value) { return metadata.get(field, value); });
 }
 
 // Calls f(field, value) for each typed field the metadata holds, in field table order.

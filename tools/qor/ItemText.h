@@ -28,4 +28,32 @@ std::string valueText(const imageio::MetadataValue& value);
 // Numbers as numbers, vectors as arrays, everything else as valueText.
 Json jsonValue(const imageio::MetadataValue& value);
 
+// A typed field read through `get`, a generic callable `bool(T&)` called with a value of the
+// field's type; empty when it gives false.
+template <class Get>
+imageio::MetadataValue typedValue(imageio::MetadataField field, Get&& get) {
+    auto read = [&]<class T>(T value) {
+        return get(value) ? imageio::MetadataValue(value) : imageio::MetadataValue();
+    };
+    switch (imageio::fieldDataType(field)) {
+        case imageio::MdtInt:
+            return read(0);
+        case imageio::MdtVec2i:
+            return read(imageio::Vec2i());
+        case imageio::MdtDouble:
+            return read(0.0);
+        case imageio::MdtVec3d:
+            return read(imageio::Vec3d());
+        case imageio::MdtString:
+            return read(FastString<char>());
+        case imageio::MdtTime:
+            return read(Timestamp());
+        case imageio::MdtDigest:
+            return read(Digest());
+        case imageio::MdtUnknown:
+            break;
+    }
+    return imageio::MetadataValue();
+}
+
 }  // namespace qor::tool
