@@ -4,10 +4,9 @@
 # median wall and processor times of each and the ratios qor/exiv2 (below 1: qor is faster), and
 # `qor info --json --verify` (which decodes a small picture of each file) for comparison.
 #
-# The files: one picture drawn by `qor tiles --save`, copied, and given what a camera writes by
-# `exiv2 -M` (about 50 EXIF and GPS tags, a Canon maker note with its setting, shot and colour
-# arrays; some 160 lines of `exiv2 -pa`), IPTC and XMP, and a 160 x 107 EXIF thumbnail by
-# `exiv2 -it`. QOR_INFO_BENCH_PLAIN=1 leaves the maker note and most tags out (15 lines).
+# The files: bench/make_camera_jpegs.sh (about 50 EXIF and GPS tags, a maker note, IPTC, XMP and an
+# EXIF thumbnail; some 160 lines of `exiv2 -pa`). QOR_INFO_BENCH_PLAIN=1 leaves the maker note and
+# most tags out (15 lines).
 #
 # Usage: bench/run_info_bench.sh [FILES [ROUNDS]]   (default 500 files, 7 rounds)
 # QOR_BENCH_BUILD names another build folder for the release preset (default build/release).
@@ -23,72 +22,9 @@ cmake --preset release -B "$build" >/dev/null
 cmake --build "$build" --target qor_tool
 qor="$PWD/$build/qor"
 
-command -v exiv2 >/dev/null || { echo "run_info_bench: 'exiv2' is missing (scripts/setup.sh installs it)" >&2; exit 1; }
-
 work=$(mktemp -d /tmp/qor_info_bench.XXXXXX)
 trap 'rm -rf "$work"' EXIT
-cd "$work"
-"$qor" tiles --width 2400 --height 1600 --save base.jpg >/dev/null
-"$qor" thumb base.jpg --size 160x120 -o thumb.jpg >/dev/null
-for i in $(seq -w 1 "$count"); do
-    cp base.jpg "img$i.jpg"
-    ln -s thumb.jpg "img$i-thumb.jpg"  # what exiv2 -it inserts
-done
-# What a camera writes, roughly: the usual EXIF tags, GPS, a Canon maker note with its setting and
-# shot arrays (which both tools decode tag by tag), IPTC and XMP.
-short_array() { python3 -c "print(' '.join(str(i * 7 % 23) for i in range($1)))"; }
-camera=(
-    -M"set Exif.Image.Make Canon" -M"set Exif.Image.Model Canon EOS Bench"
-    -M"set Exif.Image.Orientation 1" -M"set Exif.Image.XResolution 72/1"
-    -M"set Exif.Image.YResolution 72/1" -M"set Exif.Image.ResolutionUnit 2"
-    -M"set Exif.Image.Software qor tiles" -M"set Exif.Image.DateTime 2026:11:24 10:20:30"
-    -M"set Exif.Image.Artist Qor Bench" -M"set Exif.Image.Copyright none"
-    -M"set Exif.Image.YCbCrPositioning 2"
-    -M"set Exif.Photo.ExposureTime 1/250" -M"set Exif.Photo.FNumber 56/10"
-    -M"set Exif.Photo.ExposureProgram 3" -M"set Exif.Photo.ISOSpeedRatings 200"
-    -M"set Exif.Photo.DateTimeOriginal 2026:11:24 10:20:30"
-    -M"set Exif.Photo.DateTimeDigitized 2026:11:24 10:20:30"
-    -M"set Exif.Photo.ShutterSpeedValue 8/1" -M"set Exif.Photo.ApertureValue 5/1"
-    -M"set Exif.Photo.ExposureBiasValue 0/1" -M"set Exif.Photo.MaxApertureValue 3/1"
-    -M"set Exif.Photo.MeteringMode 5" -M"set Exif.Photo.Flash 16"
-    -M"set Exif.Photo.FocalLength 35/1" -M"set Exif.Photo.SubSecTimeOriginal 42"
-    -M"set Exif.Photo.ColorSpace 1" -M"set Exif.Photo.PixelXDimension 2400"
-    -M"set Exif.Photo.PixelYDimension 1600" -M"set Exif.Photo.FocalPlaneXResolution 4000/1"
-    -M"set Exif.Photo.FocalPlaneYResolution 4000/1" -M"set Exif.Photo.FocalPlaneResolutionUnit 2"
-    -M"set Exif.Photo.CustomRendered 0" -M"set Exif.Photo.ExposureMode 0"
-    -M"set Exif.Photo.WhiteBalance 0" -M"set Exif.Photo.SceneCaptureType 0"
-    -M"set Exif.Photo.BodySerialNumber 123456789" -M"set Exif.Photo.LensModel EF35mm f/2"
-    -M"set Exif.Photo.LensSerialNumber 0000c0ffee"
-    -M"set Exif.GPSInfo.GPSVersionID 2 2 0 0"
-    -M"set Exif.GPSInfo.GPSLatitudeRef N" -M"set Exif.GPSInfo.GPSLatitude 48/1 8/1 2/1"
-    -M"set Exif.GPSInfo.GPSLongitudeRef E" -M"set Exif.GPSInfo.GPSLongitude 11/1 34/1 5/1"
-    -M"set Exif.GPSInfo.GPSAltitudeRef 0" -M"set Exif.GPSInfo.GPSAltitude 519/1"
-    -M"set Exif.GPSInfo.GPSTimeStamp 10/1 20/1 30/1" -M"set Exif.GPSInfo.GPSDateStamp 2026:11:24"
-    -M"set Exif.Canon.ImageType Canon EOS JPEG" -M"set Exif.Canon.FirmwareVersion Firmware 1.0.0"
-    -M"set Exif.Canon.OwnerName Qor" -M"set Exif.Canon.ModelID Long 2147484289"
-    -M"set Exif.Canon.CameraSettings Short $(short_array 49)"
-    -M"set Exif.Canon.ShotInfo Short $(short_array 34)"
-    -M"set Exif.Canon.FocalLength Short 2 35 0 0"
-    -M"set Exif.Canon.ColorData Short $(short_array 600)"
-    -M"set Iptc.Application2.City Munich" -M"set Iptc.Application2.Keywords bench"
-    -M"set Xmp.dc.title A bench picture" -M"set Xmp.xmp.Rating 3"
-)
-plain=(
-    -M"set Exif.Image.Make Qor" -M"set Exif.Image.Model Bench 1"
-    -M"set Exif.Photo.DateTimeOriginal 2026:11:24 10:20:30" -M"set Exif.Photo.ExposureTime 1/250"
-    -M"set Exif.Photo.FNumber 56/10" -M"set Exif.Photo.ISOSpeedRatings 200"
-    -M"set Exif.GPSInfo.GPSLatitudeRef N" -M"set Exif.GPSInfo.GPSLatitude 48/1 8/1 2/1"
-    -M"set Iptc.Application2.City Munich" -M"set Xmp.dc.title A bench picture"
-)
-if [ "${QOR_INFO_BENCH_PLAIN:-0}" = 1 ]; then
-    exiv2 "${plain[@]}" img*[0-9].jpg
-else
-    exiv2 "${camera[@]}" img*[0-9].jpg
-fi
-exiv2 -it img*[0-9].jpg
-rm -f img*-thumb.jpg
-
-cd - >/dev/null
+bash bench/make_camera_jpegs.sh "$qor" "$work" "$count"
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'),"\
      "load average $(cut -d' ' -f1-3 /proc/loadavg)"
 first="$work/img$(seq -w 1 "$count" | head -1).jpg"
@@ -96,7 +32,9 @@ echo "$(exiv2 --version | head -1); $count files of $(stat -c %s "$first") bytes
      "$(exiv2 -pa "$first" 2>/dev/null | wc -l) lines of exiv2 -pa each"
 
 python3 - "$qor" "$work" "$rounds" "${QOR_INFO_BENCH_BESIDE:-}" <<'PY'
-import glob, os, resource, statistics, subprocess, sys, time
+import glob, os, sys
+sys.path.insert(0, "bench")
+from time_rounds import run
 
 qor, work, rounds, beside = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4]
 files = sorted(glob.glob(os.path.join(work, "img*.jpg")))
@@ -107,31 +45,6 @@ commands = {
 }
 if beside:
     commands["beside: info --json"] = [beside, "info", "--json"] + files
-
-def timed(command):
-    before = resource.getrusage(resource.RUSAGE_CHILDREN)
-    start = time.perf_counter()
-    result = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-    wall = time.perf_counter() - start
-    after = resource.getrusage(resource.RUSAGE_CHILDREN)
-    if command[0] in (qor, beside) and result.returncode != 0:
-        sys.exit("qor failed: " + result.stderr.decode(errors="replace")[:500])
-    cpu = (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
-    return wall * 1000, cpu * 1000
-
-times = {name: [] for name in commands}
-for name, command in commands.items():  # warm the page cache and the loader
-    timed(command)
-for _ in range(rounds):
-    for name, command in commands.items():
-        times[name].append(timed(command))
-
-median = {name: (statistics.median(t[0] for t in runs), statistics.median(t[1] for t in runs))
-          for name, runs in times.items()}
-peer = median["exiv2 -pa"]
-print()
-print(f"{'command (median of ' + str(rounds) + ')':<28} {'wall ms':>9} {'cpu ms':>9} {'wall ratio':>11} {'cpu ratio':>10}")
-for name, (wall, cpu) in median.items():
-    print(f"{name:<28} {wall:>9.1f} {cpu:>9.1f} {wall / peer[0]:>11.2f} {cpu / peer[1]:>10.2f}")
+run(commands, rounds, peer="exiv2 -pa", checked=(qor, beside))
 PY
 echo "load average after the run: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -83,3 +83,17 @@ head -c $(($(stat -c %s "$SAMPLES/tower.jpg") / 2)) "$SAMPLES/tower.jpg" >"$SAMP
 status=0
 "$QOR" info --verify "$SAMPLES/truncated.jpg" "$SAMPLES/harbour.jpg" >/dev/null || status=$?
 [ "$status" -eq 1 ] || { echo "qor info --verify on a truncated file: exit status $status, not 1" >&2; exit 1; }
+# The metadata cache: every picture of the samples cached, fields read back from it (text fields
+# from the files), every record checked against its file; a picture changed since is reported
+# (exit status 1) and read again by the next get.
+"$QOR" cache build "$SAMPLES" --cache "$SAMPLES/cache"
+"$QOR" cache get "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" --cache "$SAMPLES/cache" \
+    --field FNumber --field OriginalTime --field GPSCoordinates --field Orientation --field MakeString
+"$QOR" cache get --json "$SAMPLES/harbour.jpg" --cache "$SAMPLES/cache"
+"$QOR" cache check --cache "$SAMPLES/cache"
+exiv2 -M"set Exif.Photo.FNumber 56/10" "$SAMPLES/tower.jpg"
+status=0
+"$QOR" cache check --cache "$SAMPLES/cache" || status=$?
+[ "$status" -eq 1 ] || { echo "qor cache check after a change: exit status $status, not 1" >&2; exit 1; }
+"$QOR" cache get "$SAMPLES/tower.jpg" --cache "$SAMPLES/cache" --field FNumber
+"$QOR" cache check --cache "$SAMPLES/cache"

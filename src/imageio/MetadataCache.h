@@ -47,6 +47,10 @@ public:
     virtual void check(ResourceID id) = 0;
     // Gives item `dst` the cached values of item `src` (a copied file).
     virtual void copyImage(ResourceID src, ResourceID dst) = 0;
+
+    // The manager that issues the ids this cache takes and whose names locate the items' files. A
+    // cache in front of another takes it from there. Null for a cache that needs none.
+    virtual ResourceManager* resourceManager() { return nullptr; }
 };
 
 }  // namespace qor::imageio

@@ -18,30 +18,14 @@
 #include "base/filesystem/Path.h"
 #include "base/filesystem/RandomAccessFile.h"
 #include "text/TextUtils.h"
+#include "../support/TempDir.h"
 
 using namespace qor;
 using namespace qor::filesystem;
 
 namespace {
 
-// A fresh folder under $TMPDIR (or /tmp), removed with everything in it at the end of the test.
-class TempDir {
-public:
-    explicit TempDir(const char* base = nullptr) {
-        if (!base) base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base && *base ? base : "/tmp") + "/qor-files-XXXXXX";
-        if (::mkdtemp(pattern.data())) _path = pattern;
-    }
-    ~TempDir() {
-        if (!_path.empty()) removeAll(_path);
-    }
-    bool ok() const { return !_path.empty(); }
-    const std::string& path() const { return _path; }
-    std::string operator/(std::string_view name) const { return pathJoin(_path, name); }
-
-private:
-    std::string _path;
-};
+using qor::test::TempDir;
 
 void writeText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;

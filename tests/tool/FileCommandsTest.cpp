@@ -3,7 +3,6 @@
 // file that is no picture gives one clear line.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "FormatSamples.h"
+#include "QorRun.h"
 #include "imageio/MetadataReader.h"
 
 // x265, behind libheif's HEVC encoder, keeps a few blocks of global state for the life of the
@@ -23,32 +23,6 @@ namespace {
 
 using namespace testing;
 using Json = nlohmann::json;
-
-struct QorRun {
-    int status = -1;
-    std::string out;
-    std::vector<std::string> errLines;
-};
-
-// Runs the qor program with `args` (which hold no single quotes) and collects what it printed.
-QorRun runQor(const TempFolder& folder, const std::vector<std::string>& args) {
-    const std::string errPath = folder.path() + "/stderr.txt";
-    std::string command = "'" QOR_TOOL "'";
-    for (const std::string& arg : args) command += " '" + arg + "'";
-    command += " 2>'" + errPath + "'";
-    QorRun run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return run;
-    char buffer[4096];
-    for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        run.out.append(buffer, got);
-    const int status = ::pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    const Bytes errBytes = readFile(errPath);
-    std::istringstream err(std::string(errBytes.begin(), errBytes.end()));
-    for (std::string line; std::getline(err, line);) run.errLines.push_back(line);
-    return run;
-}
 
 constexpr int W = 60, H = 40;
 const std::string NoExtension;

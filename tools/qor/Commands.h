@@ -63,5 +63,6 @@ int runThumb(const std::vector<std::string>& args);
 int runChecksum(const std::vector<std::string>& args);
 int runExport(const std::vector<std::string>& args);
 int runGpuInfo(const std::vector<std::string>& args);
+int runCache(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "ItemText.h"
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
@@ -48,7 +49,6 @@ namespace {
 using imageio::Metadata;
 using imageio::MetadataField;
 using imageio::MetadataValue;
-using Json = nlohmann::ordered_json;
 using Vec2i = math::GenVec<int, 2>;
 
 const char* itemTypeName(imageio::ItemType type) {
@@ -78,18 +78,6 @@ std::string readQuietly(Read&& read, Produced&& produced, const char* fallback) 
     for (const LogCapture::Entry& line : lines)
         if (line.level >= LogInfo) return line.text;
     return fallback;
-}
-
-// Why `file` cannot be read at all, before any library call: missing, not a plain file, empty.
-// Empty when it can be tried.
-std::string unreadable(const std::string& file) {
-    std::error_code error;
-    const std::filesystem::file_status status = std::filesystem::status(file, error);
-    if (!std::filesystem::exists(status)) return "no such file";
-    if (!std::filesystem::is_regular_file(status)) return "not a file";
-    const auto size = std::filesystem::file_size(file, error);
-    if (error) return error.message();
-    return size == 0 ? "empty file" : "";
 }
 
 // The reason in a loader exception's text, without the path that the tool's line names already.
@@ -122,25 +110,6 @@ imageio::ImagePtr decodeQuietly(const imageio::ImageLoader& loader, const std::s
         QOR_LOG(LogWarning, "%*", reasonOf(e, file));
     }
     return nullptr;
-}
-
-// Whether a decoder recognises the content of `file` (for a name that does not tell).
-bool recognisedPicture(const std::string& file) {
-    unsigned char head[imageio::DecoderHeadLength];
-    size_t length = 0;
-    try {
-        RandomAccessFileStd opened(file);
-        length = opened.readAt(0, head, sizeof head);
-    } catch (const std::exception&) {
-        return false;
-    }
-    return imageio::findDecoder(head, length,
-                                imageio::detail::upperExtension(FastString<char>(file)));
-}
-
-int reportBad(const char* command, const std::string& file, const std::string& reason) {
-    std::fprintf(stderr, "qor: %s: '%s': %s\n", command, file.c_str(), reason.c_str());
-    return 1;
 }
 
 // ---- info ----
@@ -179,7 +148,8 @@ ItemInfo readItem(const std::string& file, bool verify) {
                 item.format = loader->decoder().name();
                 item.metadata = loader->getMetadata();
                 if (verify)
-                    decoded = decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
+                    decoded =
+                        decodeQuietly(*loader, file, box, imageio::ImageQualityFast) != nullptr;
             }
             if (item.metadata) item.checksum = imageio::imageChecksum(path);
         },
@@ -189,28 +159,7 @@ ItemInfo readItem(const std::string& file, bool verify) {
 
 // The typed field as a value of its type; empty when the metadata lacks it.
 MetadataValue fieldValue(const Metadata& metadata, MetadataField field) {
-    auto read = [&]<class T>(T value) {
-        return metadata.get(field, value) ? MetadataValue(value) : MetadataValue();
-    };
-    switch (imageio::fieldDataType(field)) {
-        case imageio::MdtInt:
-            return read(0);
-        case imageio::MdtVec2i:
-            return read(imageio::Vec2i());
-        case imageio::MdtDouble:
-            return read(0.0);
-        case imageio::MdtVec3d:
-            return read(imageio::Vec3d());
-        case imageio::MdtString:
-            return read(FastString<char>());
-        case imageio::MdtTime:
-            return read(Timestamp());
-        case imageio::MdtDigest:
-            return read(Digest());
-        case imageio::MdtUnknown:
-            break;
-    }
-    return MetadataValue();
+    return typedValue(field, [&](auto& value) { return metadata.get(field, value); });
 }
 
 // Calls f(field, value) for each typed field the metadata holds, in field table order.
@@ -222,31 +171,6 @@ void forEachField(const Metadata& metadata, Fn f) {
         const MetadataValue value = fieldValue(metadata, field);
         if (!value.empty()) f(field, value);
     }
-}
-
-// Raw values as one readable line: control bytes (the GPS separators 0x01 among them) as \xNN, and
-// long values (binary blobs in text form) cut short with their length.
-std::string readable(std::string_view value) {
-    constexpr size_t Longest = 160;
-    std::string out;
-    for (size_t i = 0; i < value.size() && i < Longest; ++i) {
-        const auto byte = static_cast<unsigned char>(value[i]);
-        if (byte < 0x20 || byte == 0x7F) {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
-            out += escaped;
-        } else {
-            out += char(byte);
-        }
-    }
-    if (value.size() > Longest) out += " ... (" + std::to_string(value.size()) + " bytes)";
-    return out;
-}
-
-std::string valueText(const MetadataValue& value) {
-    std::ostringstream text;
-    text << value;
-    return text.str();
 }
 
 void printItem(const std::string& file, const ItemInfo& item) {
@@ -262,23 +186,6 @@ void printItem(const std::string& file, const ItemInfo& item) {
     std::printf("  raw\n");
     for (const auto& [key, value] : item.metadata->rawMap())
         std::printf("    %-32s %s\n", key.c_str(), readable(value.view()).c_str());
-}
-
-Json jsonValue(const MetadataValue& value) {
-    switch (value.type()) {
-        case imageio::MdtInt:
-            return value.getInt();
-        case imageio::MdtVec2i:
-            return Json::array({value.getVec2i().x, value.getVec2i().y});
-        case imageio::MdtDouble:
-            return value.getDouble();
-        case imageio::MdtVec3d: {
-            const imageio::Vec3d v = value.getVec3d();
-            return Json::array({v.x, v.y, v.z});
-        }
-        default:
-            return valueText(value);  // strings, times in ISO form, digests in hex
-    }
 }
 
 Json itemJson(const std::string& file, const ItemInfo& item) {

@@ -62,6 +62,15 @@ const OptionInfo kExportOptions[] = {
      "and embed NAME in JPEG and TIFF output (default: the pixels as they are, no profile)"},
 };
 
+const OptionInfo kCacheOptions[] = {
+    {"--cache", "CACHEDIR",
+     "the cache folder, made when missing; the database is its file 'metadata' (required)"},
+    {"--field", "NAME",
+     "get: show this field, named as 'qor info' names it (FNumber, OriginalTime, MakeString ...); "
+     "may be given again; default: every field the cache keeps"},
+    {"--json", nullptr, "get: print one JSON array with an object per file"},
+};
+
 const CommandInfo kCommands[] = {
     {"help",
      "list the subcommands, or show the help of one",
@@ -130,6 +139,21 @@ const CommandInfo kCommands[] = {
      "with a progress bar; memory follows the picture's width, not its size. Ctrl-C cancels "
      "(exit status 130, nothing written); an unreadable input gives exit status 1.",
      kExportOptions, "qor export photo.png -o photo.jpg --size 1920x1080 --quality 85", runExport},
+    {"cache", "fill, read and check the persistent metadata cache",
+     "build DIR... --cache CACHEDIR | get FILE... --cache CACHEDIR [--field NAME]... [--json] | "
+     "check --cache CACHEDIR",
+     "The metadata cache keeps the numbers and times of the metadata of every picture (size, "
+     "exposure, capture time, GPS, rating, checksum, file times ...) in one database, so that "
+     "they are read without opening a file. 'build' caches every picture below the folders, "
+     "several files at once, with a progress bar, and prints the files, the seconds and the files "
+     "per second; Ctrl-C stops after the files under way and keeps what was read (exit status "
+     "130). 'get' prints the fields of each file from the cache, reading a file only when its "
+     "record is missing or older than the file; text fields are not kept in the cache and always "
+     "come from the file. 'check' compares every record with its file and prints each one that "
+     "differs, with the first difference (exit status 1 when any does). A file that cannot be "
+     "read gives one line on standard error and exit status 1.",
+     kCacheOptions, "qor cache get photo.jpg --cache ~/.cache/qor --field FNumber --json",
+     runCache},
     {"gpuinfo",
      "the GL renderer, its version, capability bits and uniqueId",
      "",

@@ -100,6 +100,10 @@ std::vector<ResourceID> ResourceManager::add(const std::vector<ResourceName>& na
     std::vector<ResourceID> ids;
     ids.reserve(names.size());
     ScopedLock lock(_mutex);
+    // One growth of the tables instead of a rehash at every doubling (a library's start adds
+    // a hundred thousand names in one batch).
+    _entries.reserve(_entries.size() + names.size());
+    _byPath.reserve(_byPath.size() + names.size());
     for (const ResourceName& name : names) ids.push_back(addLocked(name, flags));
     return ids;
 }
