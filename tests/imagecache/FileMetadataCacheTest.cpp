@@ -59,6 +59,17 @@ TEST_F(FileMetadataCacheTest, ReadsAFileOnceUntilItIsRewritten) {
     EXPECT_DOUBLE_EQ(fnumber, 5.6);
 }
 
+TEST_F(FileMetadataCacheTest, PicturesTheMetadataReaderDoesNotKnowAreReadByTheirDecoder) {
+    const imageio::ImagePtr image = imageio::Image4ub::create(40, 30);
+    const std::string path = folder.path() + "/plain.bmp";
+    ASSERT_TRUE(imageio::saveBmp(S(path), image));
+    const ItemMetadata item(&cache, add(path));
+    LogCapture capture;  // the metadata reader does not know BMP
+    EXPECT_EQ(item.getItemState(), ItemStateOk);
+    EXPECT_EQ(item.getSize(), imageio::Vec2i(40, 30));
+    EXPECT_EQ(item.getInt(F::ItemType), int(imageio::ItemTypeImage));
+}
+
 TEST_F(FileMetadataCacheTest, FilesThatAreNoPicturesOrMissingAreToldApart) {
     const std::string text = folder.write("notes.jpg", Bytes{'h', 'e', 'l', 'l', 'o'});
     const ItemMetadata notes(&cache, add(text));

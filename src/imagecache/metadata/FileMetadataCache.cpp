@@ -13,6 +13,7 @@
 #include "base/resource/ResourceFSScopedLock.h"
 #include "imagecache/metadata/ItemState.h"
 #include "imageio/ImageIO.h"
+#include "imageio/ImageLoader.h"
 #include "imageio/MetadataReader.h"
 #include "text/TextUtils.h"
 
@@ -50,6 +51,16 @@ void integerFromRaw(Metadata& m, const char* key, F field) {
     if (m.get(FastString<char>(key), text)) m.set(field, text::strtoi(text.view()));
 }
 
+// The metadata a registry decoder reads from the file's header, or null when none recognises it.
+SharedPtr<Metadata> readByDecoder(const std::string& path) {
+    try {
+        return imageio::ImageLoader(FastString<char>(path), true).getMetadata();
+    } catch (const std::exception& e) {
+        QOR_LOG(LogInfo, "FileMetadataCache: no decoder reads '%*': %*", path, e.what());
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 FileMetadataCache::FileMetadataCache(ResourceManager* manager) : _manager(manager) {
@@ -70,6 +81,9 @@ SharedPtr<const Metadata> FileMetadataCache::loadMetadata(ResourceID id) {
     SharedPtr<Metadata> metadata = imageio::readMetadata(file);
     imageio::ItemType type = imageio::getItemType(FastString<char>(path));
     ItemState state = ItemStateOk;
+    // Formats the metadata reader does not know (OpenEXR, BMP ...) are pictures when a decoder
+    // recognises their content: their header gives at least the size.
+    if (!metadata && type != imageio::ItemTypeVideo) metadata = readByDecoder(path);
     if (metadata) {
         integerFromRaw(*metadata, "tiff:Orientation", F::Orientation);
         integerFromRaw(*metadata, "xmp:Rating", F::Rating);
