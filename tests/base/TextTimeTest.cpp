@@ -2,10 +2,12 @@
 
 #include <clocale>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <vector>
 
+#include "../support/TempDir.h"
 #include "base/Md5Stream.h"
 #include "base/time/Timestamp.h"
 #include "text/TextUtils.h"
@@ -171,12 +173,21 @@ TEST(TextUtils, ParsesDoublesWithADotInAnyLocale) {
     };
     check();
 
-    const char* german[] = {"de_DE.UTF-8", "de_DE.utf8", "de_DE", "fr_FR.UTF-8"};
+    // A German locale: the system's, or else one made here from the locale sources (package
+    // locales) into a folder that LOCPATH names.
     const std::string previous = std::setlocale(LC_NUMERIC, nullptr);
-    const char* chosen = nullptr;
-    for (const char* name : german)
-        if ((chosen = std::setlocale(LC_NUMERIC, name))) break;
-    if (!chosen) GTEST_SKIP() << "no locale with a decimal comma is installed";
+    const char* chosen = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+    qor::test::TempDir made;
+    if (!chosen) {
+        const std::string command =
+            "localedef -i de_DE -f UTF-8 '" + made.path() + "/de_DE.UTF-8' >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << "localedef failed: is 'locales' installed?";
+        ::setenv("LOCPATH", made.path().c_str(), 1);
+        chosen = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+        ::unsetenv("LOCPATH");
+    }
+    ASSERT_NE(chosen, nullptr);
+    ASSERT_STREQ(std::localeconv()->decimal_point, ",");
     check();
     std::setlocale(LC_NUMERIC, previous.c_str());
 }
