@@ -16,6 +16,8 @@ PACKAGES=(
     # formats, network, storage, crypto
     libpugixml-dev nlohmann-json3-dev libcurl4-openssl-dev libcpp-httplib-dev
     libsqlite3-dev libssl-dev
+    # the recycle bin (freedesktop.org trash through GIO)
+    libglib2.0-dev
     # Unicode case mapping and UTF conversions
     libicu-dev
     # OpenGL headless through EGL on Mesa (llvmpipe)
