@@ -142,6 +142,8 @@ public:
     // The local path of getResourceName(); "" when none.
     std::string localPath() const;
     Library* library() const { return _library; }
+    // The root of the node tree (a group of type "root"): the bag's images in their order.
+    const Node* rootNode() const { return &_rootNode; }
 
     // Copy-on-write (see the class comment). Returns a mutable copy of the current snapshot
     // whose last reference commits it. With no `lock`, locks the bag's path exclusively (blocks)
@@ -158,7 +160,6 @@ protected:
 
     // ---- For subclasses ----
 
-    const Node* rootNode() const { return &_rootNode; }
     void reserveImages(size_t count) { _images.reserve(count); }
     // Replaces the image set (for bags that compute their images); the tree is left alone.
     void setImages(HashSet images) { _images = std::move(images); }
