@@ -1,0 +1,174 @@
+#pragma once
+// Helpers of the bag tests: a library in a temporary folder with the standard bag types, picture
+// files put into its bags, a cache connector that knows nothing, and the item order of a saved
+// .bag file.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../support/TempDir.h"
+#include "base/filesystem/Path.h"
+#include "base/xml/XmlDocument.h"
+#include "mediadb/bags/Bag.h"
+#include "mediadb/bags/StandardBagTypes.h"
+#include "mediadb/library/ILibraryCacheConnector.h"
+#include "mediadb/library/ImageManager.h"
+#include "mediadb/library/Library.h"
+
+namespace qor::mediadb::testing {
+
+// A connector for libraries whose tests need no caches: notices are dropped, no image has metadata.
+class NoCacheConnector : public ILibraryCacheConnector {
+public:
+    void imageMoved(ResourceID, const std::string&) override {}
+    void imageCopied(ResourceID, ResourceID) override {}
+    void imageRemoved(ResourceID, const std::string&) override {}
+    void folderMoved(const std::string&, const std::string&) override {}
+    void folderRemoved(const std::string&) override {}
+    void imageChanged(ResourceID) override {}
+    void imagesAdded(const std::vector<ResourceID>&) override {}
+    bool hasMetadata(ResourceID) override { return false; }
+    int rating(ResourceID) override { return 0; }
+    time::Timestamp captureTime(ResourceID) override { return {}; }
+    Digest checksum(ResourceID) override { return {}; }
+    uint64_t fileSize(ResourceID) override { return 0; }
+    time::Timestamp fileLastWriteTime(ResourceID) override { return {}; }
+    bool isCached(ResourceID) override { return false; }
+    void setRating(ResourceID, int) override {}
+    void flush() override {}
+};
+
+// A library in a temporary folder with the standard bag types, loaded. reopen() destroys it
+// (which saves) and loads the folder again with a fresh ImageManager, as a restart would.
+class LibraryFixture {
+public:
+    explicit LibraryFixture(ILibraryCacheConnector* connector = nullptr)
+        : _connector(connector ? connector : &_noCache) {
+        open();
+    }
+    ~LibraryFixture() { close(); }
+
+    Library& lib() { return *_library; }
+    ImageManager& images() { return *_images; }
+    std::string root() const { return _dir.path() + "/library/"; }
+
+    void reopen() {
+        close();
+        open();
+    }
+
+    // A new bag of `type` named `name`.
+    ResourceID createBag(const std::string& type, const std::string& name) {
+        return _library->createBag(type, name);
+    }
+
+    // Writes `bytes` (a few bytes of text when empty) as `name` into the folder of container bag
+    // `bagId` and adopts it; returns the image id.
+    ResourceID addPicture(ResourceID bagId, const std::string& name,
+                          const std::vector<uint8_t>& bytes = {}) {
+        std::string path = filesystem::pathJoin(_library->bag(bagId)->localPath(), name);
+        filesystem::createDirectoryFromUrl(filesystem::parentPath(path));
+        std::ofstream out(path, std::ios::binary);
+        if (bytes.empty())
+            out << "picture " << name;
+        else
+            out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+        out.close();
+        ResourceID id = _library->adoptImage(name, bagId);
+        EXPECT_TRUE(id.isValid()) << name;
+        return id;
+    }
+
+    ResourceID imageId(ResourceID bagId, const std::string& name) {
+        return _library->getImageId(filesystem::pathJoin(_library->bag(bagId)->localPath(), name));
+    }
+
+    // Changes a bag through a mutable copy of type T, which commits when fn returns.
+    template <class T>
+    void modify(ResourceID bagId, const std::function<void(T&)>& fn) {
+        SharedPtr<T> copy = dynamic_ptr_cast<T>(_library->modifyLockBag(bagId));
+        ASSERT_TRUE(copy) << "no mutable copy of the expected type";
+        fn(*copy);
+    }
+
+    template <class T>
+    SharedPtr<const T> bag(ResourceID bagId) {
+        return dynamic_ptr_cast<const T>(_library->bag(bagId));
+    }
+
+    // The file that holds a bag's content, written out now.
+    std::string savedBagFile(ResourceID bagId) {
+        _library->save({}, true);
+        SharedPtr<const Bag> b = _library->bag(bagId);
+        return Library::bagFilePath(*b, b->localPath());
+    }
+
+private:
+    void open() {
+        _images = std::make_unique<ImageManager>();
+        _library = std::make_unique<Library>(_images.get(), _connector, root());
+        registerStandardBagTypes(*_library);
+        _library->load();
+    }
+    void close() {
+        _library.reset();
+        _images.reset();
+    }
+
+    test::TempDir _dir;
+    NoCacheConnector _noCache;
+    ILibraryCacheConnector* _connector;
+    std::unique_ptr<ImageManager> _images;
+    std::unique_ptr<Library> _library;
+};
+
+// One line per node of a saved .bag's root group, in order: "item <leaf of name>" for an item,
+// "group <type>(<children, comma-separated>)" for a group, each followed by " tag:K=V" per tag.
+inline std::vector<std::string> savedTree(const std::string& bagFile) {
+    std::vector<std::string> out;
+    XmlDocumentRapid doc;
+    if (!doc.load(bagFile)) {
+        ADD_FAILURE() << "cannot read " << bagFile;
+        return out;
+    }
+    std::function<std::string(const NodeIterator&)> describe = [&](const NodeIterator& node) {
+        std::string text;
+        if (node.name() == "item") {
+            text = "item " + filesystem::leaf(node.attribute("name"));
+        } else {
+            text = "group " + std::string(node.attribute("type")) + "(";
+            bool first = true;
+            for (NodeIterator child : node.children()) {
+                text += (first ? "" : ", ") + describe(child);
+                first = false;
+            }
+            text += ")";
+        }
+        for (XmlAttribute a : node.attributes())
+            if (a.name.substr(0, 4) == "tag:")
+                text += " " + std::string(a.name) + "=" + std::string(a.value);
+        return text;
+    };
+    NodeIterator root = doc.root().child("group");
+    for (NodeIterator child : root.children()) out.push_back(describe(child));
+    return out;
+}
+
+// Polls `condition` every 20 ms for at most `seconds`.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 10.0) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace qor::mediadb::testing
