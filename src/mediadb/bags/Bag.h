@@ -227,6 +227,8 @@ private:
     friend class Library;
 
     Node* mutableNode(const Node* node) { return const_cast<Node*>(node); }
+    // Empties the tree and the image set (before fromXml reads a file again).
+    void clearContent();
     bool inThisTree(const Node* node) const;
     void nodeFromXml(const NodeIterator& xml, const Node* parent);
     void nodeToXml(NodeIterator& xml, const Node* node) const;

@@ -64,7 +64,6 @@ class NodeIterator;
 namespace qor::mediadb {
 
 class ILibraryCacheConnector;
-class ContainerBag;
 
 class Library {
 public:
@@ -247,6 +246,9 @@ public:
     // Adds the files at a "file:" url or path (a folder recursively) to the ImageManager; true when
     // it was a folder.
     bool scanForImages(const std::string& url, std::vector<ResourceID>& list);
+    // The ImageManager renamed an image: associative bags holding it store its path, so they are
+    // marked unsaved.
+    void onImageRenamed(ResourceID imageId);
 
     // ---- For the bag classes ----
 
@@ -267,6 +269,12 @@ public:
     // The file that holds a bag's content: "<folder>/.bag" for a folder bag, the path itself
     // otherwise; "" when the bag has no path.
     static std::string bagFilePath(const Bag& bag, const std::string& localPath);
+    // The two kinds of ownership, told by what every bag class declares: a folder bag is a
+    // container (ContainerBag: it owns the files of its images, which lie in its folder); a
+    // persistent bag that is a file is associative (AssociativeBag: it refers to images of
+    // containers); the rest (procedural, transient) own nothing.
+    static bool isContainer(const Bag& bag) { return bag.isFolder(); }
+    static bool isAssociative(const Bag& bag) { return !bag.isFolder() && bag.persistent(); }
 
 private:
     struct BagTypeRecord {
@@ -277,11 +285,14 @@ private:
     ResourceID createBagOnLoad(const std::string& type, const std::string& name,
                                const ResourceName& resourceName);
     void addBag(const std::string& type, ResourceID id);
+    // Whether the bag is in _bags (created and not removed).
+    bool isListed(ResourceID id) const;
     void loadBagSettings(ResourceID id, const NodeIterator& node);
     void saveBagSettings(ResourceID id, NodeIterator& node) const;
     void loadBag(ResourceID id, bool checkOnly);
     // Sets the snapshot of a bag (commit).
-    void storeBag(ResourceID id, SharedPtr<const Bag> bag);
+    // False when the bag is no longer a resource.
+    bool storeBag(ResourceID id, SharedPtr<const Bag> bag);
     friend class Bag;
 
     void checkUniqueName(const std::string& type, const std::string& name,
@@ -300,9 +311,12 @@ private:
     std::string _path;                                // normalised, ends in '/'
     ScopedPtr<ResourceManager> _bagManager;           // bag resources, names relative to _path
     std::map<std::string, BagTypeRecord> _bagTypes;  // written only before load
-    std::map<std::string, ResourceProperty*> _bpRegister;  // written only before load; owned
+    std::map<std::string, ScopedPtr<ResourceProperty>> _bpRegister;  // written only before load
 
-    mutable thread::Mutex _mutex;  // guards the fields below; a leaf (see the class comment)
+    // Serialises the writes of library.xml, so that a later snapshot is never overwritten by an
+    // earlier one. Held during the write; taken after any path lock, before _mutex.
+    thread::Mutex _libraryFileMutex;
+    mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(_libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
     std::vector<std::string> _auxExtensions QOR_GUARDED_BY(_mutex);
     std::map<ResourceID, std::vector<Function0<void>>> _postponed QOR_GUARDED_BY(_mutex);
     std::string _initialBagPath QOR_GUARDED_BY(_mutex);
