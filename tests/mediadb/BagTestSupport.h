@@ -49,14 +49,19 @@ public:
 // (which saves) and loads the folder again with a fresh ImageManager, as a restart would.
 class LibraryFixture {
 public:
-    explicit LibraryFixture(ILibraryCacheConnector* connector = nullptr)
-        : _connector(connector ? connector : &_noCache) {
+    // Makes the connector of a library over its ImageManager (a cache chain, say); the pointer
+    // owns whatever the connector needs and goes after the library, before the manager.
+    using ConnectorFactory = std::function<SharedPtr<ILibraryCacheConnector>(ImageManager&)>;
+
+    // Without a factory the library gets a NoCacheConnector.
+    explicit LibraryFixture(ConnectorFactory factory = {}) : _factory(std::move(factory)) {
         open();
     }
     ~LibraryFixture() { close(); }
 
     Library& lib() { return *_library; }
     ImageManager& images() { return *_images; }
+    ILibraryCacheConnector& connector() { return *_connector; }
     std::string root() const { return _dir.path() + "/library/"; }
 
     void reopen() {
@@ -113,18 +118,20 @@ public:
 private:
     void open() {
         _images = std::make_unique<ImageManager>();
-        _library = std::make_unique<Library>(_images.get(), _connector, root());
+        _connector = _factory ? _factory(*_images) : std::make_shared<NoCacheConnector>();
+        _library = std::make_unique<Library>(_images.get(), _connector.get(), root());
         registerStandardBagTypes(*_library);
         _library->load();
     }
     void close() {
         _library.reset();
+        _connector.reset();
         _images.reset();
     }
 
     test::TempDir _dir;
-    NoCacheConnector _noCache;
-    ILibraryCacheConnector* _connector;
+    ConnectorFactory _factory;
+    SharedPtr<ILibraryCacheConnector> _connector;
     std::unique_ptr<ImageManager> _images;
     std::unique_ptr<Library> _library;
 };
