@@ -14,7 +14,7 @@
 namespace qor::mediadb {
 namespace {
 
-using testing::LibraryFixture;
+using testing::BagLibrary;
 using testing::savedTree;
 
 class AssociativeBagTest : public ::testing::Test {
@@ -28,7 +28,7 @@ protected:
 
     ResourceID id(char name) { return name == 'x' ? ids[3] : ids[name - 'a']; }
 
-    LibraryFixture f;
+    BagLibrary f;
     ResourceID event, album;
     std::vector<ResourceID> ids;
 };

@@ -1,12 +1,10 @@
 #pragma once
 // Helpers of the bag tests: a library in a temporary folder with the standard bag types, picture
-// files put into its bags, a cache connector that knows nothing, and the item order of a saved
-// .bag file.
+// files put into its bags, and the item order of a saved .bag file.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,50 +12,29 @@
 #include <vector>
 
 #include "../support/TempDir.h"
+#include "LibraryTestSupport.h"
 #include "base/filesystem/Path.h"
 #include "base/xml/XmlDocument.h"
 #include "mediadb/bags/Bag.h"
 #include "mediadb/bags/StandardBagTypes.h"
-#include "mediadb/library/ILibraryCacheConnector.h"
 #include "mediadb/library/ImageManager.h"
 #include "mediadb/library/Library.h"
 
 namespace qor::mediadb::testing {
 
-// A connector for libraries whose tests need no caches: notices are dropped, no image has metadata.
-class NoCacheConnector : public ILibraryCacheConnector {
-public:
-    void imageMoved(ResourceID, const std::string&) override {}
-    void imageCopied(ResourceID, ResourceID) override {}
-    void imageRemoved(ResourceID, const std::string&) override {}
-    void folderMoved(const std::string&, const std::string&) override {}
-    void folderRemoved(const std::string&) override {}
-    void imageChanged(ResourceID) override {}
-    void imagesAdded(const std::vector<ResourceID>&) override {}
-    bool hasMetadata(ResourceID) override { return false; }
-    int rating(ResourceID) override { return 0; }
-    time::Timestamp captureTime(ResourceID) override { return {}; }
-    Digest checksum(ResourceID) override { return {}; }
-    uint64_t fileSize(ResourceID) override { return 0; }
-    time::Timestamp fileLastWriteTime(ResourceID) override { return {}; }
-    bool isCached(ResourceID) override { return false; }
-    void setRating(ResourceID, int) override {}
-    void flush() override {}
-};
-
 // A library in a temporary folder with the standard bag types, loaded. reopen() destroys it
 // (which saves) and loads the folder again with a fresh ImageManager, as a restart would.
-class LibraryFixture {
+class BagLibrary {
 public:
     // Makes the connector of a library over its ImageManager (a cache chain, say); the pointer
     // owns whatever the connector needs and goes after the library, before the manager.
     using ConnectorFactory = std::function<SharedPtr<ILibraryCacheConnector>(ImageManager&)>;
 
-    // Without a factory the library gets a NoCacheConnector.
-    explicit LibraryFixture(ConnectorFactory factory = {}) : _factory(std::move(factory)) {
+    // Without a factory the library gets a RecordingConnector (no metadata known).
+    explicit BagLibrary(ConnectorFactory factory = {}) : _factory(std::move(factory)) {
         open();
     }
-    ~LibraryFixture() { close(); }
+    ~BagLibrary() { close(); }
 
     Library& lib() { return *_library; }
     ImageManager& images() { return *_images; }
@@ -79,13 +56,7 @@ public:
     ResourceID addPicture(ResourceID bagId, const std::string& name,
                           const std::vector<uint8_t>& bytes = {}) {
         std::string path = filesystem::pathJoin(_library->bag(bagId)->localPath(), name);
-        filesystem::createDirectoryFromUrl(filesystem::parentPath(path));
-        std::ofstream out(path, std::ios::binary);
-        if (bytes.empty())
-            out << "picture " << name;
-        else
-            out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-        out.close();
+        writeFile(path, bytes.empty() ? "picture " + name : std::string(bytes.begin(), bytes.end()));
         ResourceID id = _library->adoptImage(name, bagId);
         EXPECT_TRUE(id.isValid()) << name;
         return id;
@@ -118,7 +89,7 @@ public:
 private:
     void open() {
         _images = std::make_unique<ImageManager>();
-        _connector = _factory ? _factory(*_images) : std::make_shared<NoCacheConnector>();
+        _connector = _factory ? _factory(*_images) : std::make_shared<RecordingConnector>();
         _library = std::make_unique<Library>(_images.get(), _connector.get(), root());
         registerStandardBagTypes(*_library);
         _library->load();

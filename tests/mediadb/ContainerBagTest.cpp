@@ -13,7 +13,7 @@
 namespace qor::mediadb {
 namespace {
 
-using testing::LibraryFixture;
+using testing::BagLibrary;
 using testing::savedTree;
 
 class ContainerBagTest : public ::testing::Test {
@@ -49,7 +49,7 @@ protected:
                                [&](ContainerBag& b) { b.setEditedItem(id(original), id(edited)); });
     }
 
-    LibraryFixture f;
+    BagLibrary f;
     ResourceID event;
     std::vector<ResourceID> ids;
 };

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "BagTestSupport.h"
@@ -13,7 +11,7 @@
 namespace qor::mediadb {
 namespace {
 
-using testing::LibraryFixture;
+using testing::BagLibrary;
 
 class EventBagTest : public ::testing::Test {
 protected:
@@ -24,7 +22,7 @@ protected:
         c = f.addPicture(event, "sub/c.jpg");
     }
 
-    LibraryFixture f;
+    BagLibrary f;
     ResourceID event, a, b, c;
 };
 
@@ -115,13 +113,11 @@ TEST_F(EventBagTest, AnUnreadablePlaceIsDroppedAndTheOtherSettingsStay) {
     });
     std::string file = f.savedBagFile(event);
     f.lib().shutdown();
-    std::stringstream text;
-    text << std::ifstream(file).rdbuf();
-    std::string xml = text.str();
+    std::string xml = testing::readFile(file);
     size_t at = xml.find("<description");
     ASSERT_NE(at, std::string::npos);
     xml.insert(at, "<event_place name=\"x\" country=\"y\" lon=\"east\" lat=\"1\" isCountry=\"0\"/>");
-    std::ofstream(file, std::ios::trunc) << xml;
+    testing::writeFile(file, xml);
 
     LogCapture log;
     f.reopen();

@@ -17,7 +17,7 @@ namespace qor::mediadb {
 namespace {
 
 using testing::eventually;
-using testing::LibraryFixture;
+using testing::BagLibrary;
 
 // Holds procedural bags for a scope (or until released).
 class Hold {
@@ -55,7 +55,7 @@ protected:
     }
     const HashSet& allImages() { return (snapshot = f.lib().bag(all))->images(); }
 
-    LibraryFixture f;
+    BagLibrary f;
     ResourceID spring, autumn, all;
     std::map<char, ResourceID> ids;
     SharedPtr<const Bag> snapshot;

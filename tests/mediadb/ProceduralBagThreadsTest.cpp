@@ -17,7 +17,7 @@ namespace qor::mediadb {
 namespace {
 
 using testing::eventually;
-using testing::LibraryFixture;
+using testing::BagLibrary;
 
 // Every image of the library's events, computed slowly and counted.
 class CountingBag : public ProceduralBag {
@@ -47,7 +47,7 @@ protected:
         CountingBag::computations = 0;
     }
 
-    LibraryFixture f;
+    BagLibrary f;
     ResourceID event, counting;
 };
 
