@@ -49,8 +49,7 @@ TEST_F(AssociativeBagTest, ImagesKnowTheCollectionsThatHoldThem) {
 }
 
 TEST_F(AssociativeBagTest, ReplaceKeepsThePlaceAndTheTags) {
-    f.modify<CollectionBag>(album,
-                            [&](CollectionBag& c) { c.add({id('a'), id('b'), id('c')}); });
+    f.modify<CollectionBag>(album, [&](CollectionBag& c) { c.add({id('a'), id('b'), id('c')}); });
     f.modify<CollectionBag>(album, [&](CollectionBag& c) { c.replace(id('b'), id('x')); });
     auto bag = f.bag<CollectionBag>(album);
     EXPECT_TRUE(bag->containsImage(id('x')));

@@ -31,9 +31,7 @@ public:
     using ConnectorFactory = std::function<SharedPtr<ILibraryCacheConnector>(ImageManager&)>;
 
     // Without a factory the library gets a RecordingConnector (no metadata known).
-    explicit BagLibrary(ConnectorFactory factory = {}) : _factory(std::move(factory)) {
-        open();
-    }
+    explicit BagLibrary(ConnectorFactory factory = {}) : _factory(std::move(factory)) { open(); }
     ~BagLibrary() { close(); }
 
     Library& lib() { return *_library; }
@@ -56,7 +54,8 @@ public:
     ResourceID addPicture(ResourceID bagId, const std::string& name,
                           const std::vector<uint8_t>& bytes = {}) {
         std::string path = filesystem::pathJoin(_library->bag(bagId)->localPath(), name);
-        writeFile(path, bytes.empty() ? "picture " + name : std::string(bytes.begin(), bytes.end()));
+        writeFile(path,
+                  bytes.empty() ? "picture " + name : std::string(bytes.begin(), bytes.end()));
         ResourceID id = _library->adoptImage(name, bagId);
         EXPECT_TRUE(id.isValid()) << name;
         return id;

@@ -116,7 +116,8 @@ TEST_F(EventBagTest, AnUnreadablePlaceIsDroppedAndTheOtherSettingsStay) {
     std::string xml = testing::readFile(file);
     size_t at = xml.find("<description");
     ASSERT_NE(at, std::string::npos);
-    xml.insert(at, "<event_place name=\"x\" country=\"y\" lon=\"east\" lat=\"1\" isCountry=\"0\"/>");
+    xml.insert(at,
+               "<event_place name=\"x\" country=\"y\" lon=\"east\" lat=\"1\" isCountry=\"0\"/>");
     testing::writeFile(file, xml);
 
     LogCapture log;

@@ -16,8 +16,8 @@
 namespace qor::mediadb {
 namespace {
 
-using testing::eventually;
 using testing::BagLibrary;
+using testing::eventually;
 
 // Holds procedural bags for a scope (or until released).
 class Hold {
@@ -108,9 +108,7 @@ TEST_F(SmartCollectionTest, WhileHeldAFirstSetIsEmptyAndNothingIsRecomputed) {
 TEST_F(SmartCollectionTest, HoldsNestAndAnUnmatchedReleaseAsserts) {
     {
         Hold outer;
-        {
-            Hold inner;
-        }
+        { Hold inner; }
         EXPECT_TRUE(ProceduralBag::isHold());
     }
     EXPECT_FALSE(ProceduralBag::isHold());

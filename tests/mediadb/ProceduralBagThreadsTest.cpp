@@ -16,8 +16,8 @@
 namespace qor::mediadb {
 namespace {
 
-using testing::eventually;
 using testing::BagLibrary;
+using testing::eventually;
 
 // Every image of the library's events, computed slowly and counted.
 class CountingBag : public ProceduralBag {
