@@ -78,6 +78,10 @@ private:
     const Node* joinFamily(ResourceID original, ResourceID item);
     // Takes `item` out of its family, to just before the family group in the family's parent.
     void leaveFamily(ResourceID item);
+    // Gives the members of original's family their roles once `joined` is in: `original` is the
+    // original, `joined` the edited version (asEdited) or a plain member; whoever held a role
+    // given away becomes a plain member.
+    void assignRoles(ResourceID original, ResourceID joined, bool asEdited);
     // Restores the rules of a family whose members changed: an original exists when any member
     // does, and a family of one member gives way to that member.
     void repairFamily(const Node* family);
