@@ -117,6 +117,45 @@ TEST_F(ContainerBagTest, FamiliesAndTagsSurviveARestart) {
     EXPECT_EQ(f.lib().containerId(id('e')), event);
 }
 
+TEST_F(ContainerBagTest, FamiliesThatAFileGotWrongAreRepairedOnLoad) {
+    edit('b', 'd');
+    const std::string file = f.savedBagFile(event);
+    f.lib().shutdown();
+    // In the file: the family loses its original's tag, c moves into a family of its own at the
+    // end, and an empty family follows.
+    XmlDocumentRapid doc;
+    ASSERT_TRUE(doc.load(file));
+    NodeIterator root = doc.root().child("group");
+    std::string cName;
+    for (NodeIterator node : root.children()) {
+        if (node.name() == "group")
+            for (NodeIterator item : node.children())
+                if (item.attribute("tag:family") == "original") item.removeAttribute("tag:family");
+        if (filesystem::leaf(node.attribute("name")) == "c.jpg") {
+            cName = node.attribute("name");
+            root.removeChild(node);
+            break;
+        }
+    }
+    ASSERT_FALSE(cName.empty());
+    root.appendChild("group")
+        .appendAttribute("type", "family")
+        .appendChild("item")
+        .appendAttribute("name", cName);
+    root.appendChild("group").appendAttribute("type", "family");
+    ASSERT_TRUE(doc.save(file));
+
+    LogCapture log;
+    f.reopen();
+    event = f.lib().bags("event").front();
+    ids.clear();
+    for (const char* name : {"a.jpg", "b.jpg", "c.jpg", "d.jpg", "e.jpg"})
+        ids.push_back(f.imageId(event, name));
+    EXPECT_EQ(families(), (std::vector<std::string>{"a", "b/d", "e", "c"}));
+    EXPECT_EQ(log.count("repaired a family"), 3u);
+    EXPECT_EQ(log.assertions(), 0u);
+}
+
 TEST_F(ContainerBagTest, ImagesKnowTheirContainerUntilTheyLeaveIt) {
     EXPECT_EQ(f.lib().containerId(id('a')), event);
     EXPECT_EQ(f.lib().imageContainerProperty(id('a')), event);

@@ -166,6 +166,30 @@ void ContainerBag::addItemToFamily(ResourceID original, ResourceID item) {
     if (joinFamily(original, item)) assignRoles(original, item, false);
 }
 
+void ContainerBag::fromXml(const NodeIterator& root) {
+    Bag::fromXml(root);
+    // Every repair moves nodes: look for the next broken family from the start each time.
+    for (bool repaired = true; repaired;) {
+        repaired = false;
+        for (const Node& child : rootNode()->children()) {
+            if (!isFamily(&child)) continue;
+            ResourceID member = otherMember(&child, InvalidResourceID);
+            const char* fault = !member.isValid()                     ? "no member"
+                                : child.childrenSize() == 1           ? "a single member"
+                                : !getImageId(member, true).isValid() ? "no original"
+                                                                      : nullptr;
+            if (!fault) continue;
+            QOR_LOG(LogWarning, "Bag '%*': repaired a family with %*", name(), fault);
+            if (member.isValid())
+                repairFamily(&child);
+            else
+                removeNode(&child);
+            repaired = true;
+            break;
+        }
+    }
+}
+
 void ContainerBag::onItemInserted(ResourceID id) {
     Library* lib = library();
     if (!lib) return;

@@ -54,6 +54,10 @@ public:
     // family of its own. `families` must be empty (assertion).
     void getFamilies(std::vector<FamilyInfo>& families) const;
 
+    // Reads the tree and settings (Bag::fromXml), then puts right the families of the root that a
+    // file got wrong: an empty family goes, one without an original gets its first member as the
+    // original, one with a single member gives way to it. Each repair is logged.
+    void fromXml(const NodeIterator& root) override;
     // Sets "Library::BagId" of the image to this bag; a container it had must be this bag.
     void onItemInserted(ResourceID id) override;
     // Clears "Library::BagId" and removes the item. In a family: when the original went, the
