@@ -140,36 +140,53 @@ void ContainerBag::repairFamily(const Node* family) {
     removeTag(nodeForItem(lone), FamilyTag);
 }
 
-void ContainerBag::setEditedItem(ResourceID original, ResourceID edited) {
-    if (!joinFamily(original, edited)) return;
+void ContainerBag::assignRoles(ResourceID original, ResourceID joined, bool asEdited) {
     const Node* family = nodeForItem(original)->parent();
-    // `original` and `edited` take their roles; whoever held one of them before becomes plain.
     std::vector<ResourceID> members;
     for (const Node& child : family->children())
         if (child.isItem()) members.push_back(child.item());
     for (ResourceID member : members) {
         const Node* node = nodeForItem(member);
+        const std::string role = node->tag(FamilyTag);
         if (member == original)
             addTag(node, FamilyTag, OriginalTagValue);
-        else if (member == edited)
+        else if (member == joined && asEdited)
             addTag(node, FamilyTag, EditedTagValue);
-        else if (node->tag(FamilyTag) == OriginalTagValue || node->tag(FamilyTag) == EditedTagValue)
+        else if (member == joined || role == OriginalTagValue ||
+                 (asEdited && role == EditedTagValue))
             removeTag(node, FamilyTag);
     }
 }
 
+void ContainerBag::setEditedItem(ResourceID original, ResourceID edited) {
+    if (joinFamily(original, edited)) assignRoles(original, edited, true);
+}
+
 void ContainerBag::addItemToFamily(ResourceID original, ResourceID item) {
-    if (!joinFamily(original, item)) return;
-    const Node* family = nodeForItem(original)->parent();
-    std::vector<ResourceID> members;
-    for (const Node& child : family->children())
-        if (child.isItem()) members.push_back(child.item());
-    for (ResourceID member : members) {
-        const Node* node = nodeForItem(member);
-        if (member == original)
-            addTag(node, FamilyTag, OriginalTagValue);
-        else if (member == item || node->tag(FamilyTag) == OriginalTagValue)
-            removeTag(node, FamilyTag);
+    if (joinFamily(original, item)) assignRoles(original, item, false);
+}
+
+void ContainerBag::fromXml(const NodeIterator& root) {
+    Bag::fromXml(root);
+    // Every repair moves nodes: look for the next broken family from the start each time.
+    for (bool repaired = true; repaired;) {
+        repaired = false;
+        for (const Node& child : rootNode()->children()) {
+            if (!isFamily(&child)) continue;
+            ResourceID member = otherMember(&child, InvalidResourceID);
+            const char* fault = !member.isValid()                     ? "no member"
+                                : child.childrenSize() == 1           ? "a single member"
+                                : !getImageId(member, true).isValid() ? "no original"
+                                                                      : nullptr;
+            if (!fault) continue;
+            QOR_LOG(LogWarning, "Bag '%*': repaired a family with %*", name(), fault);
+            if (member.isValid())
+                repairFamily(&child);
+            else
+                removeNode(&child);
+            repaired = true;
+            break;
+        }
     }
 }
 

@@ -54,6 +54,10 @@ public:
     // family of its own. `families` must be empty (assertion).
     void getFamilies(std::vector<FamilyInfo>& families) const;
 
+    // Reads the tree and settings (Bag::fromXml), then puts right the families of the root that a
+    // file got wrong: an empty family goes, one without an original gets its first member as the
+    // original, one with a single member gives way to it. Each repair is logged.
+    void fromXml(const NodeIterator& root) override;
     // Sets "Library::BagId" of the image to this bag; a container it had must be this bag.
     void onItemInserted(ResourceID id) override;
     // Clears "Library::BagId" and removes the item. In a family: when the original went, the
@@ -78,6 +82,10 @@ private:
     const Node* joinFamily(ResourceID original, ResourceID item);
     // Takes `item` out of its family, to just before the family group in the family's parent.
     void leaveFamily(ResourceID item);
+    // Gives the members of original's family their roles once `joined` is in: `original` is the
+    // original, `joined` the edited version (asEdited) or a plain member; whoever held a role
+    // given away becomes a plain member.
+    void assignRoles(ResourceID original, ResourceID joined, bool asEdited);
     // Restores the rules of a family whose members changed: an original exists when any member
     // does, and a family of one member gives way to that member.
     void repairFamily(const Node* family);

@@ -57,8 +57,8 @@ void EventBag::settingsToXml(NodeIterator& settings) const {
                     "!_masterImage.valid() || containsImage(_masterImage)");
     NodeIterator master = settings.appendChild("master_image");
     if (_masterImage.isValid()) {
-        std::string relative = relativeTo(getImageResourceName(_masterImage).localPath(),
-                                          localPath());
+        std::string relative =
+            relativeTo(getImageResourceName(_masterImage).localPath(), localPath());
         if (!relative.empty()) master.appendAttribute("name", relative);
     }
     master.appendAttribute("offset", _masterImageOffset);

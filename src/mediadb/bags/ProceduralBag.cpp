@@ -30,7 +30,7 @@ struct Updater {
     SharedPtr<thread::DelayedExecutor> executor QOR_GUARDED_BY(mutex);
     std::vector<Connection> connections QOR_GUARDED_BY(mutex);
     std::set<ResourceID> changedBags QOR_GUARDED_BY(mutex);  // since the last run
-    bool all QOR_GUARDED_BY(mutex) = false;                   // every procedural bag is due
+    bool all QOR_GUARDED_BY(mutex) = false;                  // every procedural bag is due
 
     // Notes a change and schedules a run. With `all` false only when some procedural bag of the
     // library depends on `bagId`.

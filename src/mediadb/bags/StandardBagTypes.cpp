@@ -13,8 +13,8 @@ namespace {
 
 template <class T>
 void registerType(Library& library, bool uniqueNames) {
-    library.registerBag(T::bagTypeStatic(), [] { return static_cast<Bag*>(new T()); },
-                        uniqueNames);
+    library.registerBag(
+        T::bagTypeStatic(), [] { return static_cast<Bag*>(new T()); }, uniqueNames);
 }
 
 }  // namespace
