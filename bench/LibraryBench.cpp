@@ -156,9 +156,8 @@ std::map<std::string, std::pair<ino_t, int64_t>> fileStamps(const std::string& f
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
         struct stat st;
         if (entry.is_regular_file() && ::stat(entry.path().c_str(), &st) == 0)
-            stamps[entry.path().string()] = {st.st_ino,
-                                             int64_t(st.st_mtim.tv_sec) * 1000000000 +
-                                                 st.st_mtim.tv_nsec};
+            stamps[entry.path().string()] = {
+                st.st_ino, int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec};
     }
     return stamps;
 }

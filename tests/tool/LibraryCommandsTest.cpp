@@ -42,13 +42,13 @@ protected:
         args.push_back(library);
         return runQor(folder, args);
     }
-    // The bags as `qor ls --json` gives them, by name.
+    // The bags as `qor ls --json` gives them, by their place (folder or file) in the library.
     Json bags() {
         const QorRun run = qor({"ls", "--json"});
         EXPECT_EQ(run.status, 0) << (run.errLines.empty() ? "" : run.errLines[0]);
-        Json byName = Json::object();
-        for (const Json& bag : Json::parse(run.out)) byName[bag["name"].get<std::string>()] = bag;
-        return byName;
+        Json byPlace = Json::object();
+        for (const Json& bag : Json::parse(run.out)) byPlace[bag["place"].get<std::string>()] = bag;
+        return byPlace;
     }
     std::vector<std::string> files(const std::string& bag) {
         const QorRun run = qor({"ls", bag, "--json"});
@@ -71,7 +71,13 @@ TEST_F(QorLibrary, ASessionOfBagsAndPicturesIsKeptOnDisk) {
     EXPECT_EQ(trip.out, library + "/Trip\n");
     EXPECT_EQ(qor({"bag", "create", "event", "Trip"}).out, library + "/Trip_1\n");
     ASSERT_EQ(qor({"bag", "create", "collection", "Best"}).status, 0);
+    // Two events are named Trip: they are told apart by their folders.
+    const QorRun twice = qor({"bag", "add", "Trip", a});
+    EXPECT_EQ(twice.status, 1);
+    ASSERT_EQ(twice.errLines.size(), 1u);
+    EXPECT_NE(twice.errLines[0].find("(Trip, Trip_1)"), std::string::npos) << twice.errLines[0];
 
+    ASSERT_EQ(qor({"bag", "rename", "Trip_1", "Later"}).status, 0);
     ASSERT_EQ(qor({"bag", "add", "Trip", a, b}).status, 0);
     EXPECT_TRUE(filesystem::exists(library + "/Trip/a.jpg"));
     EXPECT_TRUE(filesystem::exists(a));  // copied, not moved
@@ -81,11 +87,12 @@ TEST_F(QorLibrary, ASessionOfBagsAndPicturesIsKeptOnDisk) {
     EXPECT_EQ(all["Trip"]["type"], "event");
     EXPECT_EQ(all["Trip"]["state"], "Regular");
     EXPECT_EQ(all["Trip"]["images"], 2);
-    EXPECT_EQ(all["Trip_1"]["images"], 0);
-    EXPECT_EQ(all["Best"]["type"], "collection");
-    EXPECT_EQ(all["Best"]["images"], 1);
-    EXPECT_EQ(files("Trip"), (std::vector<std::string>{library + "/Trip/a.jpg",
-                                                        library + "/Trip/b.jpg"}));
+    EXPECT_EQ(all["Later"]["name"], "Later");
+    EXPECT_EQ(all["Later"]["images"], 0);
+    EXPECT_EQ(all["Best.collection"]["type"], "collection");
+    EXPECT_EQ(all["Best.collection"]["images"], 1);
+    EXPECT_EQ(files("Trip"),
+              (std::vector<std::string>{library + "/Trip/a.jpg", library + "/Trip/b.jpg"}));
 
     // Ratings come through the metadata cache.
     const QorRun stars = qor({"stars", "4", "--json"});
@@ -94,19 +101,19 @@ TEST_F(QorLibrary, ASessionOfBagsAndPicturesIsKeptOnDisk) {
 
     // A picture moved into another event takes its file along; a renamed event its folder, and
     // the collection follows the picture's new path.
-    ASSERT_EQ(qor({"bag", "move", "Trip_1", library + "/Trip/a.jpg"}).status, 0);
-    EXPECT_TRUE(filesystem::exists(library + "/Trip_1/a.jpg"));
+    ASSERT_EQ(qor({"bag", "move", "Later", library + "/Trip/a.jpg"}).status, 0);
+    EXPECT_TRUE(filesystem::exists(library + "/Later/a.jpg"));
     EXPECT_FALSE(filesystem::exists(library + "/Trip/a.jpg"));
     ASSERT_EQ(qor({"bag", "rename", "Trip", "Holiday"}).status, 0);
     EXPECT_TRUE(filesystem::exists(library + "/Holiday/b.jpg"));
     EXPECT_EQ(files("Best"), std::vector<std::string>{library + "/Holiday/b.jpg"});
 
     // Erased: to the recycle bin, out of the library.
-    ASSERT_EQ(qor({"bag", "erase", "Trip_1"}).status, 0);
-    EXPECT_FALSE(filesystem::exists(library + "/Trip_1"));
-    EXPECT_TRUE(filesystem::exists(folder.path() + "/xdg/Trash/files/Trip_1/a.jpg"));
+    ASSERT_EQ(qor({"bag", "erase", "Later"}).status, 0);
+    EXPECT_FALSE(filesystem::exists(library + "/Later"));
+    EXPECT_TRUE(filesystem::exists(folder.path() + "/xdg/Trash/files/Later/a.jpg"));
     all = bags();
-    EXPECT_FALSE(all.contains("Trip_1"));
+    EXPECT_FALSE(all.contains("Later"));
     EXPECT_EQ(all["Holiday"]["images"], 1);
 }
 
@@ -141,9 +148,12 @@ TEST_F(QorLibrary, FailuresGiveOneLineAndTheirStatus) {
     EXPECT_EQ(bags()["Trip"]["state"], "Broken");
     EXPECT_EQ(readFile(library + "/Trip/.bag"), (Bytes{'<', 'b', 'a'}));
 
-    for (const std::vector<std::string>& bad :
-         {std::vector<std::string>{"bag"}, {"bag", "create", "event"}, {"bag", "fly", "x"},
-          {"stars", "6"}, {"ls", "a", "b"}, {"library", "open"}})
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{"bag"},
+                                                {"bag", "create", "event"},
+                                                {"bag", "fly", "x"},
+                                                {"stars", "6"},
+                                                {"ls", "a", "b"},
+                                                {"library", "open"}})
         EXPECT_EQ(qor(bad).status, 2) << bad[0];
 }
 

@@ -76,8 +76,7 @@ int parseLibraryOptions(const std::string& command, const std::vector<std::strin
         const char* env = std::getenv("QOR_LIBRARY");
         if (env && *env) o.dir = env;
     }
-    if (o.dir.empty())
-        return usageError(command + ": give --library DIR or set QOR_LIBRARY");
+    if (o.dir.empty()) return usageError(command + ": give --library DIR or set QOR_LIBRARY");
     return 0;
 }
 
@@ -130,12 +129,30 @@ struct Session {
         return fallback;
     }
 
-    // The bag named `name` (the first in type order when several share it); null when none.
-    SharedPtr<const Bag> findBag(const std::string& name) const {
-        for (ResourceID id : library->bags())
-            if (SharedPtr<const Bag> bag = library->bag(id); bag && bag->name() == name)
-                return bag;
-        return nullptr;
+    // The bag named `name`, or else the bag whose folder or file is `name` (relative to the
+    // library: events of one name get the folders Trip, Trip_1 ...). Null after one line on
+    // standard error when there is none, or when several bags have the name.
+    SharedPtr<const Bag> findBag(const LibraryOptions& o, const std::string& name) const {
+        std::vector<SharedPtr<const Bag>> named;
+        SharedPtr<const Bag> placed;
+        for (ResourceID id : library->bags()) {
+            SharedPtr<const Bag> bag = library->bag(id);
+            if (!bag || !bag->persistent()) continue;
+            if (bag->name() == name) named.push_back(bag);
+            if (bag->getResourceName().persistentString() == name) placed = bag;
+        }
+        if (named.size() == 1) return named[0];
+        if (named.size() > 1) {
+            std::string folders;
+            for (const auto& bag : named)
+                folders +=
+                    (folders.empty() ? "" : ", ") + bag->getResourceName().persistentString();
+            failure(o, "several bags are named '" + name + "': name one by its place (" + folders +
+                           ")");
+            return nullptr;
+        }
+        if (!placed) failure(o, "no bag named '" + name + "'");
+        return placed;
     }
 
     ~Session() {
@@ -157,18 +174,22 @@ int listBags(const LibraryOptions& o, Session& s) {
         if (SharedPtr<const Bag> bag = s.library->bag(id); bag && bag->persistent())
             bags.push_back(bag);
     std::sort(bags.begin(), bags.end(), [](const auto& a, const auto& b) {
-        return a->name() != b->name() ? a->name() < b->name() : a->bagType() < b->bagType();
+        return a->name() != b->name() ? a->name() < b->name()
+                                      : a->getResourceName().persistentString() <
+                                            b->getResourceName().persistentString();
     });
     for (const auto& bag : bags) {
         const std::string state = s.library->bagStateString(bag->id());
+        const std::string place = bag->getResourceName().persistentString();
         if (o.json)
             array.push_back({{"name", bag->name()},
                              {"type", bag->bagType()},
                              {"state", state},
-                             {"images", imageCount(*bag)}});
+                             {"images", imageCount(*bag)},
+                             {"place", place}});
         else
-            std::printf("%-24s %-12s %-8s %zu\n", bag->name().c_str(), bag->bagType().c_str(),
-                        state.c_str(), imageCount(*bag));
+            std::printf("%-24s %-12s %-8s %6zu  %s\n", bag->name().c_str(), bag->bagType().c_str(),
+                        state.c_str(), imageCount(*bag), place.c_str());
     }
     if (o.json) std::printf("%s\n", array.dump(2).c_str());
     return 0;
@@ -196,8 +217,8 @@ void listNode(const Session& s, const Bag::Node& node, int depth, Json& array, b
 }
 
 int listBag(const LibraryOptions& o, Session& s, const std::string& name) {
-    const SharedPtr<const Bag> bag = s.findBag(name);
-    if (!bag) return failure(o, "no bag named '" + name + "'");
+    const SharedPtr<const Bag> bag = s.findBag(o, name);
+    if (!bag) return 1;
     Json array = Json::array();
     listNode(s, *bag->rootNode(), 0, array, o.json);
     if (o.json) std::printf("%s\n", array.dump(2).c_str());
@@ -221,9 +242,8 @@ int addToBag(const LibraryOptions& o, Session& s, const SharedPtr<const Bag>& ba
                 continue;
             }
             try {
-                const ResourceID id = s.library->copyImage(
-                    absolute(file), bag->id(), "", "", true);
-                if (!id.valid()) status = failure(o, "'" + bag->name() + "' is broken");
+                const ResourceID id = s.library->copyImage(absolute(file), bag->id(), "", "", true);
+                if (!id.isValid()) status = failure(o, "'" + bag->name() + "' is broken");
             } catch (const std::exception& e) {
                 status = reportBad(o.command.c_str(), file, e.what());
             }
@@ -231,12 +251,12 @@ int addToBag(const LibraryOptions& o, Session& s, const SharedPtr<const Bag>& ba
         return status;
     }
     if (!dynamic_cast<const mediadb::AssociativeBag*>(bag.get()))
-        return failure(o, "'" + bag->name() + "' is a " + bag->bagType() +
-                              " bag, which computes its images");
+        return failure(
+            o, "'" + bag->name() + "' is a " + bag->bagType() + " bag, which computes its images");
     std::list<ResourceID> ids;
     for (const std::string& file : files) {
         const ResourceID id = imageAt(s, file);
-        if (id.valid())
+        if (id.isValid())
             ids.push_back(id);
         else
             status = reportBad(o.command.c_str(), file, "not an image of the library");
@@ -257,7 +277,7 @@ int moveIntoBag(const LibraryOptions& o, Session& s, const SharedPtr<const Bag>&
     std::vector<ResourceID> ids;
     for (const std::string& file : files) {
         const ResourceID id = imageAt(s, file);
-        if (!id.valid() || !s.library->containerId(id).valid())
+        if (!id.isValid() || !s.library->containerId(id).isValid())
             status = reportBad(o.command.c_str(), file, "not an image of a bag of the library");
         else if (s.library->containerId(id) == bag->id())
             status = reportBad(o.command.c_str(), file, "lies in '" + bag->name() + "' already");
@@ -286,8 +306,8 @@ int runBagAction(const LibraryOptions& o, Session& s) {
             return failure(o, e.what());
         }
     }
-    const SharedPtr<const Bag> bag = s.findBag(rest[0]);
-    if (!bag) return failure(o, "no bag named '" + rest[0] + "'");
+    const SharedPtr<const Bag> bag = s.findBag(o, rest[0]);
+    if (!bag) return 1;
     const std::vector<std::string> files(rest.begin() + 1, rest.end());
     try {
         if (action == "rename") {
@@ -325,9 +345,12 @@ struct BagAction {
     const char* synopsis;
 };
 constexpr BagAction kBagActions[] = {
-    {"create", 2, 2, "create TYPE NAME"}, {"rename", 2, 2, "rename BAG NEWNAME"},
-    {"rm", 1, 1, "rm BAG"},               {"erase", 1, 1, "erase BAG"},
-    {"add", 2, -1, "add BAG FILE..."},    {"move", 2, -1, "move BAG IMAGE..."},
+    {"create", 2, 2, "create TYPE NAME"},
+    {"rename", 2, 2, "rename BAG NEWNAME"},
+    {"rm", 1, 1, "rm BAG"},
+    {"erase", 1, 1, "erase BAG"},
+    {"add", 2, -1, "add BAG FILE..."},
+    {"move", 2, -1, "move BAG IMAGE..."},
 };
 
 }  // namespace
@@ -336,8 +359,8 @@ int runLibrary(const std::vector<std::string>& args) {
     LibraryOptions o;
     if (int status = parseLibraryOptions("library", args, o)) return status;
     if (o.args.size() != 1 || o.args[0] != "init")
-        return usageError(o.args.empty() ? "library: give init" : "library: unknown action '" +
-                                                                     o.args[0] + "' (init)");
+        return usageError(o.args.empty() ? "library: give init"
+                                         : "library: unknown action '" + o.args[0] + "' (init)");
     o.command = "library init";
     if (filesystem::exists(o.dir + "/" + kIndexName))
         return failure(o, "'" + o.dir + "' holds a library already");
