@@ -302,6 +302,9 @@ int runBagAction(const LibraryOptions& o, Session& s) {
             const ResourceID id = s.library->createBag(rest[0], rest[1]);
             std::printf("%s\n", s.library->getBagResourceName(id).localPath().c_str());
             return 0;
+        } catch (const mediadb::UniqueNameException& e) {
+            return failure(o, std::string(e.what()) + " (a " + rest[0] + " named '" + rest[1] +
+                                  "' in any capitals exists already)");
         } catch (const std::exception& e) {
             return failure(o, e.what());
         }
