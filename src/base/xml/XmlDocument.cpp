@@ -244,6 +244,12 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
     }
     const pugi::xml_parse_result result =
         _doc->load_buffer(buffer.data(), buffer.size(), kParseOptions, pugi::encoding_auto);
+    // pugixml reports a document without any element (blanks, comments only) as an error of its own.
+    if (result.status == pugi::status_no_document_element) {
+        QOR_LOG(LogWarning, "%* '%*' has no root element", what, origin);
+        _doc->reset();
+        return false;
+    }
     if (!result) {
         // The offset is in the buffer as read; line and column count from 1.
         const size_t offset = std::min(
@@ -256,10 +262,6 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
         QOR_LOG(LogWarning, "%* '%*' is malformed: %* at byte %* (line %*, column %*)", what,
                 origin, result.description(), offset, line, column);
         _doc->reset();
-        return false;
-    }
-    if (!_doc->document_element()) {
-        QOR_LOG(LogWarning, "%* '%*' has no root element", what, origin);
         return false;
     }
     return true;
