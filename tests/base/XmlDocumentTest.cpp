@@ -41,6 +41,7 @@ const std::string kMarkup = "a<b>c & d &amp; ]]> <!-- no comment -->";
 const std::string kControl = std::string(
     "tab\tline\nreturn\rbell\x07"
     "end\x1f");
+const std::string kText = "first line\r\n  second <line> & more\rlast\x01\t";
 const std::string kUnicode = "Zürich · 東京 · 😀 · Ελλάδα";
 
 XmlDocumentRapid sampleDocument() {
@@ -53,7 +54,7 @@ XmlDocumentRapid sampleDocument() {
         .appendAttribute("quotes", kQuotes)
         .appendAttribute("markup", kMarkup);
     NodeIterator settings = bag.appendChild("settings");
-    settings.appendChild("description").setText("first line\n  second <line> & more");
+    settings.appendChild("description").setText(kText);
     settings.appendChild("blank").setText("   ");
     NodeIterator root = bag.appendChild("group");
     root.appendAttribute("type", "root")
@@ -99,8 +100,7 @@ TEST(XmlDocumentRapid, FileRoundTripKeepsTreeOrderAndEveryCharacter) {
     EXPECT_EQ(bag.attribute("name"), kUnicode);
     EXPECT_EQ(bag.child("metadata").attribute("quotes"), kQuotes);
     EXPECT_EQ(bag.child("metadata").attribute("markup"), kMarkup);
-    EXPECT_EQ(bag.child("settings").child("description").text(),
-              "first line\n  second <line> & more");
+    EXPECT_EQ(bag.child("settings").child("description").text(), kText);
     EXPECT_EQ(bag.child("settings").child("blank").text(), "   ");
     const NodeIterator edited = bag.child("group").child("group").firstChild().nextSibling();
     EXPECT_EQ(edited.attribute("control"), kControl);
@@ -185,6 +185,28 @@ TEST(XmlDocumentRapid, EditsAttributesTextAndChildren) {
     EXPECT_FALSE(page.firstChild().removeChild(page));  // not its child
     EXPECT_TRUE(root.removeChild(page));
     EXPECT_FALSE(root.child("page"));
+
+    // Names that would not read back, and duplicate attributes, are refused with a line each,
+    // and the document stays readable.
+    {
+        LogCapture log;
+        for (const char* bad : {"", "two words", "1st", "a<b", "q\"", "-x"}) {
+            EXPECT_FALSE(root.appendChild(bad)) << bad;
+            root.appendAttribute(bad, "v");
+        }
+        root.appendAttribute("theme", "again");
+        EXPECT_EQ(log.count("Invalid XML element name"), 6u);
+        EXPECT_EQ(log.count("Invalid XML attribute name"), 6u);
+        EXPECT_EQ(log.count("Duplicate XML attribute 'theme' on 'book'"), 1u);
+        EXPECT_EQ(root.attribute("theme"), "classic");
+        root.appendChild("tag:ok_1.x-y").appendAttribute("Zürich", "v").appendAttribute("_:", "w");
+        XmlDocumentRapid back;
+        ASSERT_TRUE(back.loadFromString(doc.toString()));
+        EXPECT_EQ(back.root().child("tag:ok_1.x-y").attribute("Zürich"), "v");
+        EXPECT_EQ(back.root().child("tag:ok_1.x-y").attribute("_:"), "w");
+        EXPECT_FALSE(XmlDocumentRapid().create("no root"));
+        EXPECT_EQ(log.count("Invalid XML element name 'no root'"), 1u);
+    }
 
     // A null handle reads as empty and ignores writes.
     NodeIterator none;

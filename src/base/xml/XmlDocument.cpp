@@ -23,8 +23,32 @@ using pugi::xml_attribute;
 using pugi::xml_node;
 
 // Whitespace between elements is layout and is dropped; an element whose only child is
-// whitespace text keeps it, so that a text value of blanks round-trips.
-constexpr unsigned kParseOptions = pugi::parse_default | pugi::parse_ws_pcdata_single;
+// whitespace text keeps it, so that a text value of blanks round-trips. Line ends are not
+// normalised: pugixml writes a carriage return in text as it is, and it must read back as written.
+constexpr unsigned kParseOptions =
+    (pugi::parse_default & ~pugi::parse_eol) | pugi::parse_ws_pcdata_single;
+
+// A name that the parser reads back as written: it begins with a letter, '_', ':' or a byte of a
+// multi-byte UTF-8 character and goes on with those, digits, '-' and '.'. pugixml writes any name
+// unchecked, and one bad name would make the whole file unreadable.
+bool isReadableName(std::string_view name) {
+    auto start = [](unsigned char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' ||
+               c >= 0x80;
+    };
+    if (name.empty() || !start(static_cast<unsigned char>(name[0]))) return false;
+    return std::all_of(name.begin() + 1, name.end(), [&](char ch) {
+        const auto c = static_cast<unsigned char>(ch);
+        return start(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+    });
+}
+
+// Logs the refusal of a name that could not be read back.
+bool checkName(std::string_view name, const char* kind) {
+    if (isReadableName(name)) return true;
+    QOR_LOG(LogError, "Invalid XML %* name '%*': not written", kind, name);
+    return false;
+}
 
 bool isElement(const xml_node& node) { return node.type() == pugi::node_element; }
 
@@ -159,7 +183,11 @@ NodeIterator NodeIterator::parent() const {
 }
 
 NodeIterator& NodeIterator::appendAttribute(std::string_view name, std::string_view value) {
-    if (!_node) return *this;
+    if (!_node || !checkName(name, "attribute")) return *this;
+    if (findAttribute(xml_node(_node), name)) {
+        QOR_LOG(LogError, "Duplicate XML attribute '%*' on '%*': not written", name, this->name());
+        return *this;
+    }
     xml_attribute a = xml_node(_node).append_attribute(std::string(name).c_str());
     a.set_value(value.data(), value.size());
     return *this;
@@ -197,7 +225,7 @@ NodeIterator& NodeIterator::setText(std::string_view text) {
 }
 
 NodeIterator NodeIterator::appendChild(std::string_view name) {
-    if (!_node) return {};
+    if (!_node || !checkName(name, "element")) return {};
     return NodeIterator(xml_node(_node).append_child(std::string(name).c_str()).internal_object());
 }
 
@@ -244,7 +272,8 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
     }
     const pugi::xml_parse_result result =
         _doc->load_buffer(buffer.data(), buffer.size(), kParseOptions, pugi::encoding_auto);
-    // pugixml reports a document without any element (blanks, comments only) as an error of its own.
+    // pugixml reports a document without any element (blanks, comments only) as an error of its
+    // own.
     if (result.status == pugi::status_no_document_element) {
         QOR_LOG(LogWarning, "%* '%*' has no root element", what, origin);
         _doc->reset();
@@ -270,6 +299,7 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
 NodeIterator XmlDocumentRapid::create(std::string_view rootName) {
     if (!_doc) _doc = std::make_unique<pugi::xml_document>();
     _doc->reset();
+    if (!checkName(rootName, "element")) return {};
     return NodeIterator(_doc->append_child(std::string(rootName).c_str()).internal_object());
 }
 

@@ -184,8 +184,12 @@ public:
     NodeIterator parent() const;
 
     // --- Writing ---
-    // Appends an attribute after the existing ones (no check for a duplicate name: the caller
-    // writes each name once). Returns *this, so that calls chain.
+    // Names must read back as written: a letter, '_', ':' or a non-ASCII UTF-8 character first,
+    // then those, digits, '-' and '.'. Another name (empty, with a blank, '<', '"' ...) is not
+    // written and logs one error line, so that one bad key never makes a whole file unreadable.
+    // Appends an attribute after the existing ones. Returns *this, so that calls chain. A name
+    // that the node has already is not written again (that would not be XML) and logs one error
+    // line; setAttribute() changes a value.
     NodeIterator& appendAttribute(std::string_view name, std::string_view value);
     NodeIterator& appendAttribute(std::string_view name, const char* value) {
         return appendAttribute(name, std::string_view(value ? value : ""));
@@ -244,7 +248,8 @@ public:
     // Parses `xml` as load() parses a file; `origin` names it in the log line.
     bool loadFromString(std::string_view xml, std::string_view origin = "string");
 
-    // Replaces the document by one holding only a root element called `rootName`; returns it.
+    // Replaces the document by one holding only a root element called `rootName`; returns it
+    // (null, with an empty document, when the name is not a valid element name).
     NodeIterator create(std::string_view rootName);
     // The root element, null when the document has none (empty, or load failed).
     NodeIterator root() const;
