@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -263,4 +264,39 @@ TEST(AtomicFileWriter, FileIsAlwaysOneWholeVersionWhenTheWriterIsKilled) {
     EXPECT_LT(seconds, 20.0);
     std::printf("%d kills in %.1f s: %d small, %d large, %d killed mid-write\n", kKills, seconds,
                 sawSmall, sawLarge, leftovers);
+}
+
+// Writers of one target on several threads, each commit cleaning up after dead writers: no live
+// writer's temporary is taken for a dead one, and the file ends as one whole version.
+TEST(AtomicFileWriterThreads, ConcurrentWritersNeverLoseEachOthersTemporaries) {
+    TempDir dir(nullptr, "qor-atomic");
+    ASSERT_TRUE(dir.ok());
+    const std::string path = dir / "shared.bag";
+    const int kThreads = 4, kWrites = 150;
+    std::vector<std::string> versions;
+    for (int t = 0; t < kThreads; ++t) versions.push_back(std::string(1000 + 5000 * t, 'a' + t));
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kWrites; ++i) {
+                try {
+                    AtomicFileWriter writer(path, false);
+                    writer.write(versions[t].substr(0, 500));
+                    writer.write(versions[t].substr(500));
+                    // Another thread's commit may look for stale temporaries right now.
+                    removeStaleTemporaries(path);
+                    writer.commit();
+                } catch (const FilesystemException& e) {
+                    ++failures;
+                    ADD_FAILURE() << e.what();
+                }
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(failures.load(), 0);
+    const std::string now = readText(path);
+    EXPECT_NE(std::find(versions.begin(), versions.end(), now), versions.end());
+    EXPECT_EQ(listNames(dir.path()), std::vector<std::string>{"shared.bag"});
 }
