@@ -2,7 +2,6 @@
 // process, so the suite sets it before its first call and checks that GLib took it; no other suite
 // of this executable may use the trash.
 
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -55,7 +54,7 @@ protected:
 
     void SetUp() override {
         ASSERT_TRUE(s_data->ok() && _files.ok());
-        ASSERT_EQ(std::string(g_get_user_data_dir()), s_data->path())
+        ASSERT_EQ(eos::homeRecycleBinPath(), trash())
             << "GLib read XDG_DATA_HOME before this suite set it";
         // Each test starts with an empty trash.
         removeAll(trash());
