@@ -6,40 +6,25 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "../support/TempDir.h"
 #include "base/Log.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
 
+#include "../support/TempDir.h"
+#include "FileTestHelpers.h"
+
 using namespace qor;
 using namespace qor::filesystem;
+using qor::test::listNames;
+using qor::test::readText;
 using qor::test::TempDir;
+using qor::test::writeText;
 
 namespace {
-
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> listNames(const std::string& folder) {
-    std::vector<std::string> names;
-    if (!exists(folder)) return names;
-    for (UrlIterator it(folder); it.valid(); it.next()) names.push_back(it.name());
-    return names;
-}
 
 class RecycleBin : public testing::Test {
 protected:

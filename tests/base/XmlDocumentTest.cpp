@@ -2,22 +2,22 @@
 #include <sys/stat.h>
 
 #include <charconv>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "../support/TempDir.h"
 #include "base/Log.h"
 #include "base/xml/XmlDocument.h"
 
+#include "../support/TempDir.h"
+#include "FileTestHelpers.h"
+
 using namespace qor;
+using qor::test::listNames;
+using qor::test::readText;
 using qor::test::TempDir;
+using qor::test::writeText;
 
 namespace {
-
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 // The tree below `node` as text that names every element, attribute (in order) and text, so two
 // trees compare with one EXPECT_EQ.

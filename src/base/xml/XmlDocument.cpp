@@ -122,10 +122,14 @@ int readWholeFile(const std::string& path, std::string& out) {
 
 // --- Ranges ---
 
-NodeIterator XmlChildRange::iterator::operator*() const { return NodeIterator(_node); }
+template <>
+NodeIterator XmlChildIterator::operator*() const {
+    return NodeIterator(_at);
+}
 
-XmlChildRange::iterator& XmlChildRange::iterator::operator++() {
-    _node = elementFrom(xml_node(_node).next_sibling(), _name).internal_object();
+template <>
+XmlChildIterator& XmlChildIterator::operator++() {
+    _at = elementFrom(xml_node(_at).next_sibling(), _name).internal_object();
     return *this;
 }
 
@@ -133,13 +137,15 @@ XmlChildRange::iterator XmlChildRange::begin() const {
     return iterator(elementFrom(xml_node(_parent).first_child(), _name).internal_object(), _name);
 }
 
-XmlAttribute XmlAttributeRange::iterator::operator*() const {
-    const xml_attribute a(_attr);
+template <>
+XmlAttribute XmlAttributeIterator::operator*() const {
+    const xml_attribute a(_at);
     return {a.name(), a.value()};
 }
 
-XmlAttributeRange::iterator& XmlAttributeRange::iterator::operator++() {
-    _attr = xml_attribute(_attr).next_attribute().internal_object();
+template <>
+XmlAttributeIterator& XmlAttributeIterator::operator++() {
+    _at = xml_attribute(_at).next_attribute().internal_object();
     return *this;
 }
 

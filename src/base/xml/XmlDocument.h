@@ -69,35 +69,51 @@ struct XmlAttribute {
 
 class NodeIterator;
 
+// A forward iterator over a chain of pugixml nodes (giving NodeIterator) or attributes (giving
+// XmlAttribute). A child iterator with a name visits only the elements of that name.
+template <class Struct, class Value>
+class XmlIterator {
+public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = Value;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = Value;
+
+    XmlIterator() = default;
+    Value operator*() const;
+    XmlIterator& operator++();
+    XmlIterator operator++(int) {
+        XmlIterator old = *this;
+        ++*this;
+        return old;
+    }
+    friend bool operator==(const XmlIterator& a, const XmlIterator& b) { return a._at == b._at; }
+
+private:
+    friend class XmlChildRange;
+    friend class XmlAttributeRange;
+    explicit XmlIterator(Struct* at, std::string_view name = {}) : _at(at), _name(name) {}
+    Struct* _at = nullptr;
+    std::string_view _name;  // children only; empty: every element
+};
+
+using XmlChildIterator = XmlIterator<pugi::xml_node_struct, NodeIterator>;
+using XmlAttributeIterator = XmlIterator<pugi::xml_attribute_struct, XmlAttribute>;
+template <>
+NodeIterator XmlChildIterator::operator*() const;
+template <>
+XmlChildIterator& XmlChildIterator::operator++();
+template <>
+XmlAttribute XmlAttributeIterator::operator*() const;
+template <>
+XmlAttributeIterator& XmlAttributeIterator::operator++();
+
 // The element children of a node, in document order, optionally only those of one name. Text,
 // comments and processing instructions are skipped.
 class XmlChildRange {
 public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = NodeIterator;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = NodeIterator;
-
-        iterator() = default;
-        NodeIterator operator*() const;
-        iterator& operator++();
-        iterator operator++(int) {
-            iterator old = *this;
-            ++*this;
-            return old;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) { return a._node == b._node; }
-
-    private:
-        friend class XmlChildRange;
-        iterator(pugi::xml_node_struct* node, std::string_view name) : _node(node), _name(name) {}
-        pugi::xml_node_struct* _node = nullptr;
-        std::string_view _name;  // empty: every element
-    };
-
+    using iterator = XmlChildIterator;
     iterator begin() const;
     iterator end() const { return {}; }
 
@@ -112,30 +128,7 @@ private:
 // The attributes of an element, in document order.
 class XmlAttributeRange {
 public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = XmlAttribute;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = XmlAttribute;
-
-        iterator() = default;
-        XmlAttribute operator*() const;
-        iterator& operator++();
-        iterator operator++(int) {
-            iterator old = *this;
-            ++*this;
-            return old;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) { return a._attr == b._attr; }
-
-    private:
-        friend class XmlAttributeRange;
-        explicit iterator(pugi::xml_attribute_struct* attr) : _attr(attr) {}
-        pugi::xml_attribute_struct* _attr = nullptr;
-    };
-
+    using iterator = XmlAttributeIterator;
     iterator begin() const;
     iterator end() const { return {}; }
 
@@ -221,6 +214,7 @@ public:
 private:
     friend class XmlDocumentRapid;
     friend class XmlChildRange;
+    friend XmlChildIterator;
     explicit NodeIterator(pugi::xml_node_struct* node) : _node(node) {}
 
     pugi::xml_node_struct* _node = nullptr;
