@@ -280,9 +280,18 @@ TEST(XmlDocumentRapid, SaveFailureLeavesOldFileAndLogs) {
     EXPECT_EQ(log.count("Cannot save XML file"), 1u);
     EXPECT_EQ(log.count("No such file or directory"), 1u);
 
-    // A moved document keeps its tree; the moved-from one is empty but usable.
+    // A document without a root would give a file that cannot be loaded again: the old file
+    // stays. So does a moved-from document, which is empty.
+    const std::string path = dir / "library.xml";
+    ASSERT_TRUE(doc.save(path));
     XmlDocumentRapid moved = std::move(doc);
     EXPECT_EQ(moved.root().name(), "bag");
-    EXPECT_FALSE(doc.root());  // NOLINT(bugprone-use-after-move): defined as empty
+    log.clear();
+    EXPECT_FALSE(XmlDocumentRapid().save(path));
+    EXPECT_FALSE(doc.save(path));  // NOLINT(bugprone-use-after-move): defined as empty
+    EXPECT_EQ(log.count("the document has no root element"), 2u);
+    XmlDocumentRapid back;
+    ASSERT_TRUE(back.load(path));
+    EXPECT_EQ(dump(back), dump(moved));
     EXPECT_TRUE(doc.loadFromString("<x/>"));
 }

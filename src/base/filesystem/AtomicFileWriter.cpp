@@ -85,8 +85,11 @@ AtomicFileWriter::AtomicFileWriter(std::string_view path, bool durable)
         }
         // The lock marks the temporary as alive for removeStaleTemporaries. A cleaner may have
         // taken it between open and flock and removed the name: then start again with a new one.
+        // Where the file system has no locks, no cleaner can take one either and none removes it.
+        while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
         struct stat st {};
-        if (::flock(fd, LOCK_EX) != 0 || ::fstat(fd, &st) != 0 || st.st_nlink == 0) {
+        if (::fstat(fd, &st) != 0 || st.st_nlink == 0) {
             ::close(fd);
             continue;
         }
@@ -121,8 +124,7 @@ void AtomicFileWriter::abandon() {
 }
 
 void AtomicFileWriter::fail(const char* what, int error) {
-    const std::string message =
-        std::string(what) + " '" + (_tmpPath.empty() ? _path : _tmpPath) + "': " + reasonOf(error);
+    const std::string message = std::string(what) + " '" + _path + "': " + reasonOf(error);
     abandon();
     throw FilesystemException(message);
 }
@@ -137,8 +139,8 @@ void AtomicFileWriter::write(const void* data, size_t size) {
 void AtomicFileWriter::commit() {
     if (_fd < 0) throw FilesystemException("Cannot save '" + _path + "': the writer was abandoned");
     // fsync also reports a delayed write error (ENOSPC, EIO) of data that write() accepted.
-    if (_durable && ::fsync(_fd) != 0) fail("Cannot flush", errno);
-    if (::rename(_tmpPath.c_str(), _path.c_str()) != 0) fail("Cannot rename", errno);
+    if (_durable && ::fsync(_fd) != 0) fail("Cannot flush the new content of", errno);
+    if (::rename(_tmpPath.c_str(), _path.c_str()) != 0) fail("Cannot rename the new content to", errno);
     ::close(_fd);
     _fd = -1;
     _tmpPath.clear();

@@ -314,10 +314,15 @@ NodeIterator XmlDocumentRapid::root() const {
 }
 
 bool XmlDocumentRapid::save(std::string_view path, unsigned format, unsigned save) const {
+    // Such a file could not be loaded again; the old one is worth more.
+    if (!root()) {
+        QOR_LOG(LogError, "Cannot save XML file '%*': the document has no root element", path);
+        return false;
+    }
     try {
         filesystem::AtomicFileWriter file(path, (save & XmlDurable) != 0);
         FileWriter writer(file);
-        if (_doc) _doc->save(writer, "\t", pugiFormat(format), pugi::encoding_utf8);
+        _doc->save(writer, "\t", pugiFormat(format), pugi::encoding_utf8);
         if (!writer.error.empty()) throw filesystem::FilesystemException(writer.error);
         file.commit();
         return true;

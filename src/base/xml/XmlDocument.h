@@ -252,7 +252,8 @@ public:
     // stays whole until the new one is complete. `format` is a set of XmlFormatFlags, `save` of
     // XmlSaveFlags. False, with one log line naming the path and the system's reason, on any
     // failure (missing or read-only folder, disk full); the old file is then untouched and no
-    // temporary is left behind. Blocks on the file.
+    // temporary is left behind. A document without a root element is not saved (false and a
+    // line): it could not be loaded again. Blocks on the file.
     bool save(std::string_view path, unsigned format = XmlIndent, unsigned save = XmlDurable) const;
     // The document as text, UTF-8, laid out as `format` says.
     std::string toString(unsigned format = XmlIndent) const;
