@@ -5,11 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "base/Log.h"
-#include "base/xml/XmlDocument.h"
-
 #include "../support/TempDir.h"
 #include "FileTestHelpers.h"
+#include "base/Log.h"
+#include "base/xml/XmlDocument.h"
 
 using namespace qor;
 using qor::test::listNames;
@@ -269,6 +268,21 @@ TEST(XmlDocumentRapid, LoadFailuresReturnFalseWithOneLineSayingWhy) {
     log.clear();
     EXPECT_FALSE(doc.loadFromString("<a><b></a>", "layout 'x'"));
     EXPECT_EQ(log.count("XML 'layout 'x'' is malformed"), 1u);
+
+    // Every cut of a real document, and bytes that are no text at all: a clean answer each time,
+    // and one line for each failure.
+    const std::string whole = sampleDocument().toString();
+    std::string noise;
+    for (int i = 0; i < 4096; ++i) noise += static_cast<char>((i * 7919) % 251);
+    for (size_t cut = 0; cut < whole.size() + noise.size(); cut += 3) {
+        const std::string text = cut < whole.size()
+                                     ? whole.substr(0, cut)
+                                     : "<a x='" + noise.substr(0, cut - whole.size());
+        log.clear();
+        if (!doc.loadFromString(text)) {
+            EXPECT_EQ(log.entries().size(), 1u) << cut;
+        }
+    }
 }
 
 TEST(XmlDocumentRapid, SaveFailureLeavesOldFileAndLogs) {
