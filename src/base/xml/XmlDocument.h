@@ -253,7 +253,8 @@ public:
     // XmlSaveFlags. False, with one log line naming the path and the system's reason, on any
     // failure (missing or read-only folder, disk full); the old file is then untouched and no
     // temporary is left behind. A document without a root element is not saved (false and a
-    // line): it could not be loaded again. Blocks on the file.
+    // line): it could not be loaded again. The library's own files are saved with the defaults,
+    // XmlIndent and XmlDurable (save(path, 1, 1)). Blocks on the file, fsync included.
     bool save(std::string_view path, unsigned format = XmlIndent, unsigned save = XmlDurable) const;
     // The document as text, UTF-8, laid out as `format` says.
     std::string toString(unsigned format = XmlIndent) const;
