@@ -48,16 +48,6 @@ TEST_F(EventBagTest, RemovedMasterWithoutAnotherOriginalLeavesNoneAndOffsetZero)
     EXPECT_EQ(f.bag<EventBag>(event)->getMasterImageOffset(), 0);
 }
 
-TEST_F(EventBagTest, RemovingAnotherImageKeepsTheMaster) {
-    f.modify<EventBag>(event, [&](EventBag& e) {
-        e.setMasterImage(c);
-        e.setMasterImageOffset(7);
-    });
-    f.modify<EventBag>(event, [&](EventBag& e) { e.removeImage(a); });
-    EXPECT_EQ(f.bag<EventBag>(event)->getMasterImage(), c);
-    EXPECT_EQ(f.bag<EventBag>(event)->getMasterImageOffset(), 7);
-}
-
 TEST_F(EventBagTest, SettingsSurviveARestart) {
     EventBag::EventPlace place;
     place.name = "Ålesund \"harbour\" <north> & more";
