@@ -8,6 +8,7 @@
 #include <chrono>
 #include <map>
 #include <random>
+#include <set>
 #include <sstream>
 #include <thread>
 
