@@ -1,127 +1,18 @@
 #pragma once
-// Shared pieces of the library tests: two bag types of the tests' own (a folder bag that owns its
-// images and a file bag that refers to them, kept up as the bag family keeps the image properties),
-// a cache connector that records what the library tells it, a library fixture in a temporary
-// folder, and small file helpers.
+// The fixture of the library tests: a library in a temporary folder with the test bag types.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "../support/TempDir.h"
-#include "base/filesystem/Path.h"
-#include "mediadb/bags/Bag.h"
-#include "mediadb/library/ILibraryCacheConnector.h"
-#include "mediadb/library/ImageManager.h"
-#include "mediadb/library/Library.h"
+#include "LibraryTestBags.h"
 
 namespace qor::mediadb::testing {
-
-// A folder bag that owns its images: it keeps "Library::BagId" of each image.
-class TestFolderBag : public Bag {
-public:
-    static std::string bagTypeStatic() { return "testfolder"; }
-    std::string bagType() const override { return bagTypeStatic(); }
-    bool isFolder() const override { return true; }
-    Bag* mutableCopy() const override { return new TestFolderBag(*this); }
-    void onItemInserted(ResourceID id) override {
-        if (library()) library()->setImageContainerProperty(id, this->id());
-    }
-    void removeImage(ResourceID id) override {
-        if (library()) library()->clearImageContainerProperty(id);
-        Bag::removeImage(id);
-    }
-
-    // Node operations opened for the tests of the base class.
-    using Bag::addTag;
-    using Bag::insertGroup;
-    using Bag::insertItem;
-    using Bag::insertNode;
-    using Bag::itemNodes;
-    using Bag::moveNode;
-    using Bag::nodeForItem;
-    using Bag::removeNode;
-    using Bag::rootNode;
-};
-
-// A file bag that refers to images of folder bags: it keeps "Library::AssociativeBags".
-class TestListBag : public Bag {
-public:
-    static std::string bagTypeStatic() { return "testlist"; }
-    std::string bagType() const override { return bagTypeStatic(); }
-    bool isFolder() const override { return false; }
-    Bag* mutableCopy() const override { return new TestListBag(*this); }
-    void onItemInserted(ResourceID id) override {
-        if (library()) library()->addAssociativeBagOfImage(id, this->id());
-    }
-    void removeImage(ResourceID id) override {
-        if (library()) library()->removeAssociativeBagOfImage(id, this->id());
-        Bag::removeImage(id);
-    }
-};
-
-// Records the notices; answers queries with nothing known.
-class RecordingConnector : public ILibraryCacheConnector {
-public:
-    void imageMoved(ResourceID id, const std::string& oldPath) override {
-        note("moved " + std::to_string(id.id()) + " " + oldPath);
-    }
-    void imageCopied(ResourceID src, ResourceID dst) override {
-        note("copied " + std::to_string(src.id()) + " " + std::to_string(dst.id()));
-    }
-    void imageRemoved(ResourceID id, const std::string&) override {
-        note("removed " + std::to_string(id.id()));
-    }
-    void folderMoved(const std::string& from, const std::string& to) override {
-        note("folder " + from + " " + to);
-    }
-    void folderRemoved(const std::string& folder) override { note("folder removed " + folder); }
-    void imageChanged(ResourceID) override {}
-    void imagesAdded(const std::vector<ResourceID>&) override {}
-    bool hasMetadata(ResourceID) override { return false; }
-    int rating(ResourceID) override { return 0; }
-    time::Timestamp captureTime(ResourceID) override { return {}; }
-    Digest checksum(ResourceID) override { return {}; }
-    uint64_t fileSize(ResourceID) override { return 0; }
-    time::Timestamp fileLastWriteTime(ResourceID) override { return {}; }
-    bool isCached(ResourceID) override { return false; }
-    void setRating(ResourceID, int) override {}
-    void flush() override {}
-
-    std::vector<std::string> notes() const {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _notes;
-    }
-
-private:
-    void note(std::string text) {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _notes.push_back(std::move(text));
-    }
-    mutable std::mutex _mutex;
-    std::vector<std::string> _notes;
-};
-
-inline void writeFile(const std::string& path, const std::string& content) {
-    filesystem::createDirectoryFromUrl(filesystem::parentPath(path));
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void registerTestBags(Library& library) {
-    library.registerBag(TestFolderBag::bagTypeStatic(), [] { return new TestFolderBag; }, false);
-    library.registerBag(TestListBag::bagTypeStatic(), [] { return new TestListBag; }, true);
-}
 
 // A library in a fresh temporary folder ("<tmp>/lib/"), with the test bag types and one settings
 // key ("title", a string) registered. reopen() destroys it (saving) and loads it again.
@@ -181,5 +72,29 @@ protected:
     std::unique_ptr<ImageManager> images;
     std::unique_ptr<Library> library;
 };
+
+// Starts the child program (tests/mediadb_child) with `args`; -1 when it cannot be started. The
+// child is forked and at once replaces itself, so it begins with threads of its own.
+inline pid_t startChild(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    std::string program = QOR_MEDIADB_CHILD;
+    argv.push_back(program.data());
+    std::vector<std::string> copies = args;
+    for (std::string& arg : copies) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execv(program.c_str(), argv.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+// The exit code of a child, -1 when it did not exit (killed), -2 when it could not be waited for.
+inline int waitChild(pid_t pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid) return -2;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 }  // namespace qor::mediadb::testing
