@@ -66,7 +66,7 @@ TEST(LibraryCrash, KilledWhileSavingLosesNoSavedBagOrImage) {
         const bool started = ::read(ready[0], &byte, 1) == 1;
         ::close(ready[0]);
         if (started)
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
         ::kill(child, SIGKILL);
         ASSERT_EQ(waitChild(child), -1) << "the child ended by itself in round " << round;
         ASSERT_TRUE(started) << "the child did not start in round " << round;

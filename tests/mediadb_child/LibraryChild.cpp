@@ -79,7 +79,9 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
         std::vector<ResourceID> folders = library.bags(TestFolderBag::bagTypeStatic());
         std::vector<ResourceID> lists = library.bags(TestListBag::bagTypeStatic());
         const std::string name = "p" + token + "_" + std::to_string(step);
-        switch (random() % 4) {
+        // A library of a hundred images is enough; then the runs change settings and lists.
+        const unsigned op = images.size() < 120 ? random() % 4 : 2 + random() % 2;
+        switch (op) {
             case 0:
                 if (folders.size() < 8) {
                     ResourceID bag = library.createBag(TestFolderBag::bagTypeStatic(), "E" + name);
@@ -103,8 +105,11 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                 if (!lists.empty() && !folders.empty()) {
                     SharedPtr<const Bag> from = library.bag(folders[random() % folders.size()]);
                     SharedPtr<Bag> list = library.modifyLockBag(lists[random() % lists.size()]);
-                    if (from && list)
-                        for (const ResourceID& image : from->images()) list->insertImage(image);
+                    if (from && list) {
+                        int count = 0;
+                        for (const ResourceID& image : from->images())
+                            if (!list->containsImage(image) && count++ < 3) list->insertImage(image);
+                    }
                 }
                 if (!folders.empty())
                     library.getProperty(folders[random() % folders.size()], "title")
