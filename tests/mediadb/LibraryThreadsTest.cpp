@@ -105,5 +105,35 @@ TEST_F(LibraryThreads, RenamesAndMovesFromTwoThreadsWhileSavesRun) {
     EXPECT_EQ(after, before);
 }
 
+// A synchronous save returns only when the bags are on disk, also those that a save running on
+// another thread (the debounced one) took first.
+TEST_F(LibraryThreads, SynchronousSaveWaitsForTheBagsAnEarlierSaveTook) {
+    ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
+    library->save({}, true);
+    library->getProperty(event, "title")->setStringValue("new title");  // marks the bag unsaved
+
+    std::atomic<bool> holding{false}, release{false};
+    std::thread holder([&] {  // keeps the bag's files busy
+        LibraryLockPtr lock = LibraryLock::acquire(path("Trip"));
+        holding = true;
+        while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    while (!holding) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::thread first([&] { library->save({}, true); });  // takes the bag, waits for its lock
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::atomic<bool> secondDone{false};
+    std::thread second([&] {
+        library->save({}, true);
+        secondDone = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(secondDone) << "save returned before the bag was written";
+    release = true;
+    holder.join();
+    first.join();
+    second.join();
+    EXPECT_NE(readFile(path("library.xml")).find("new title"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace qor::mediadb::testing

@@ -481,6 +481,7 @@ void Library::save(Function0<void> callback, bool synchronous) {
             return;
         }
     } else {
+        ScopedLock saving(_saveMutex);
         std::set<ResourceID> unsaved;
         {
             ScopedLock lock(_mutex);

@@ -118,7 +118,9 @@ public:
     void load();
     // load on the task group, at priority -50. Does not block.
     void loadAsync();
-    // Writes the unsaved bags and then library.xml. Synchronous: on this thread, blocks.
+    // Writes the unsaved bags and then library.xml. Synchronous: on this thread, blocks (also
+    // until a save running on another thread has ended); not to be called while this thread holds
+    // a bag copy or a LibraryLock.
     // Asynchronous: posted to the task group when anything is unsaved. Then calls `callback`.
     void save(Function0<void> callback = {}, bool synchronous = false);
     // Writes one bag's file (blocks on its path lock); a broken bag is never written. Failures are
@@ -313,6 +315,9 @@ private:
     std::map<std::string, BagTypeRecord> _bagTypes;  // written only before load
     std::map<std::string, ScopedPtr<ResourceProperty>> _bpRegister;  // written only before load
 
+    // Serialises synchronous saves, so that one returns only after the bags that an earlier one
+    // took are written. Held for the whole save, file work included; taken before any path lock.
+    thread::Mutex _saveMutex;
     // Serialises the writes of library.xml, so that a later snapshot is never overwritten by an
     // earlier one. Held during the write; taken after any path lock, before _mutex.
     thread::Mutex _libraryFileMutex;
