@@ -65,8 +65,7 @@ TEST(LibraryCrash, KilledWhileSavingLosesNoSavedBagOrImage) {
         char byte = 0;
         const bool started = ::read(ready[0], &byte, 1) == 1;
         ::close(ready[0]);
-        if (started)
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
+        if (started) std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
         ::kill(child, SIGKILL);
         ASSERT_EQ(waitChild(child), -1) << "the child ended by itself in round " << round;
         ASSERT_TRUE(started) << "the child did not start in round " << round;
@@ -105,9 +104,10 @@ TEST(LibraryCrash, KilledWhileSavingLosesNoSavedBagOrImage) {
     }
     EXPECT_GE(kills, 200);
     EXPECT_GT(lastBags, 4u);  // the children got far enough to build a library
-    RecordProperty("seconds", std::to_string(std::chrono::duration<double>(
-                                                  std::chrono::steady_clock::now() - started)
-                                                  .count()));
+    RecordProperty(
+        "seconds",
+        std::to_string(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count()));
 }
 
 }  // namespace

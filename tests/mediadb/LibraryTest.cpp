@@ -28,8 +28,8 @@ TEST_F(LibraryLoad, FirstStartWithoutIndexIsLoadedAndEmpty) {
 
 TEST_F(LibraryLoad, BrokenIndexGivesAnEmptyLoadedLibrary) {
     library.reset();
-    for (const std::string& text : {std::string("<library><bag"), std::string(""),
-                                    std::string("<other/>")}) {
+    for (const std::string& text :
+         {std::string("<library><bag"), std::string(""), std::string("<other/>")}) {
         writeFile(path("library.xml"), text);
         LogCapture log;
         open();
@@ -105,8 +105,9 @@ TEST_F(LibraryLoad, UnknownBagTypeAndBrokenEntriesAreSkipped) {
               "<library><bag name='X' type='nosuch' persistent_str='X'><metadata/></bag>"
               "<note/><bag name='T' type='testlist' persistent_str='T.testlist'/>"
               "<bag name='E' type='testfolder' persistent_str=''/></library>");
-    writeFile(path("T.testlist"), "<bag name='T' type='testlist' persistent_str='T.testlist'>"
-                                  "<metadata/><settings/><group type='root'/></bag>");
+    writeFile(path("T.testlist"),
+              "<bag name='T' type='testlist' persistent_str='T.testlist'>"
+              "<metadata/><settings/><group type='root'/></bag>");
     LogCapture log;
     open();
     EXPECT_TRUE(log.contains("loadBag: Unknown bag type 'nosuch'"));
@@ -159,9 +160,9 @@ TEST_F(LibraryLoad, BagFileWithUnknownElementsAndMissingImagesKeepsTheRest) {
     library.reset();
     writeFile(path("L.testlist"),
               "<bag name='L' type='testlist' persistent_str='L.testlist'><metadata/><settings/>"
-              "<group type='root' tag:x='1'><item name='" + outside("gone.jpg") +
-                  "'/><weird/><group type='g' tag:k='v'><item name='" + outside("b.jpg") +
-                  "'/></group></group></bag>");
+              "<group type='root' tag:x='1'><item name='" +
+                  outside("gone.jpg") + "'/><weird/><group type='g' tag:k='v'><item name='" +
+                  outside("b.jpg") + "'/></group></group></bag>");
     LogCapture log;
     open();
     ResourceID id = bagNamed("L");
@@ -302,7 +303,8 @@ TEST_F(LibraryImages, CopyAndMoveKeepDiskManagerAndBagsInStep) {
     EXPECT_EQ(imageLeaves(e1), (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
     EXPECT_TRUE(imageLeaves(e2).empty());
     reopen();
-    EXPECT_EQ(imageLeaves(bagNamed("One")), (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
+    EXPECT_EQ(imageLeaves(bagNamed("One")),
+              (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
     EXPECT_TRUE(imageLeaves(bagNamed("Two")).empty());
 }
 

@@ -4,13 +4,15 @@
 // threads.
 //
 //   qor_mediadb_child crash LIBRARY SOURCE_FILE JOURNAL READY_FD
-//       Loads the library, writes one byte to READY_FD, then changes and saves the library in a loop
-//       until it is killed. After each synchronous save it appends the library's state as one line
-//       to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name order.
+//       Loads the library, writes one byte to READY_FD, then changes and saves the library in a
+//       loop until it is killed. After each synchronous save it appends the library's state as one
+//       line to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name
+//       order.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
-//       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and checks
-//       the log lines and the library in memory. The exit code tells the outcome (ChildResult).
+//       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
+//       checks the log lines and the library in memory. The exit code tells the outcome
+//       (ChildResult).
 
 #include <fcntl.h>
 #include <signal.h>
@@ -108,7 +110,8 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                     if (from && list) {
                         int count = 0;
                         for (const ResourceID& image : from->images())
-                            if (!list->containsImage(image) && count++ < 3) list->insertImage(image);
+                            if (!list->containsImage(image) && count++ < 3)
+                                list->insertImage(image);
                     }
                 }
                 if (!folders.empty())
@@ -180,7 +183,8 @@ int save(const std::string& libraryPath, const std::string& image, const std::st
 int main(int argc, char** argv) {
     try {
         const std::string mode = argc > 1 ? argv[1] : "";
-        if (mode == "crash" && argc == 6) return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+        if (mode == "crash" && argc == 6)
+            return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";

@@ -178,8 +178,7 @@ void Bag::updateChildren(const Node* node) {
     }
 }
 
-const Bag::Node* Bag::insertNode(Node node, const Node* parent, const Node* sibling,
-                                 bool update) {
+const Bag::Node* Bag::insertNode(Node node, const Node* parent, const Node* sibling, bool update) {
     QOR_ASSERT(parent != EmptyNodeIterator);
     if (!parent || !inThisTree(parent)) return EmptyNodeIterator;
     // Only moveNode places a node before a sibling.
@@ -454,9 +453,8 @@ void Bag::writeunlock(Bag* bag, const LibraryLockPtr& lock) {
         }
         library->addUnsaved(id);
         if (lock)
-            lock->onReleased([library, id, imagesChanged] {
-                notifyUpdated(library, id, imagesChanged);
-            });
+            lock->onReleased(
+                [library, id, imagesChanged] { notifyUpdated(library, id, imagesChanged); });
         else
             notifyUpdated(library, id, imagesChanged);
     } catch (const std::exception& e) {

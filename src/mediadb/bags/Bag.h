@@ -81,9 +81,9 @@ public:
         friend class Bag;
 
         bool _isItemNode = false;
-        std::string _groupType;      // groups only
+        std::string _groupType;  // groups only
         Tags _tags;
-        ResourceID _item;            // items only
+        ResourceID _item;  // items only
         std::vector<Node> _children;
         const Node* _parent = nullptr;
     };

@@ -198,8 +198,7 @@ std::vector<ResourceID> Library::getBagsForImage(ResourceID imageId) const {
     std::vector<ResourceID> result;
     for (const ResourceID& id : bags()) {
         SharedPtr<const Bag> b = bag(id);
-        if (b && isAssociative(*b) && b->containsImage(imageId))
-            result.push_back(id);
+        if (b && isAssociative(*b) && b->containsImage(imageId)) result.push_back(id);
     }
     return result;
 }
@@ -416,6 +415,11 @@ void Library::addBag(const std::string& type, ResourceID id) {
 
 bool Library::storeBag(ResourceID id, SharedPtr<const Bag> bag) {
     return _bagManager->setProperty(id, _bagProperty, std::move(bag));
+}
+
+bool Library::isBelow(const std::string& path, const std::string& folder) {
+    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           path[folder.size()] == '/';
 }
 
 std::string Library::bagFilePath(const Bag& bag, const std::string& localPath) {

@@ -29,8 +29,8 @@
 // - Every public member may be called from any thread. load and the saves run on _taskGroup (at
 //   priority -50) when started asynchronously.
 // - Writers serialise on path locks (FilesystemScopedLock, LibraryLock, ResourceFSScopedLock),
-//   taken before a bag copy is made. A lock on the library folder covers every bag. Path lock order:
-//   the library folder before a bag's path before an image's path.
+//   taken before a bag copy is made. A lock on the library folder covers every bag. Path lock
+//   order: the library folder before a bag's path before an image's path.
 // - _mutex guards _bags, _unsaved, _postponed, the aux extension list and the item tags. It is a
 //   leaf taken after any path lock, held only for map and set changes, never during file work,
 //   signal emission or calls into other objects (bags, the cache connector).
@@ -177,7 +177,7 @@ public:
     // Stores a tag and marks the image's container unsaved.
     void setItemTag(ResourceID imageId, const std::string& key, const std::string& value);
 
-    BagState bagState(ResourceID id) const;  // Regular for an unknown id
+    BagState bagState(ResourceID id) const;           // Regular for an unknown id
     std::string bagStateString(ResourceID id) const;  // "Regular" or "Broken"
     void setBagState(ResourceID id, BagState state);
     // Reads the bag's file again when it is broken (a broken bag repairs itself once its file is
@@ -241,8 +241,7 @@ public:
     void removeImages(const std::vector<ResourceID>& ids);
     // Moves image files (and their auxiliary files) to the recycle bin and forgets the images whose
     // files went. `flag` and `callback` go to the recycle bin.
-    void eraseImages(const std::vector<ResourceID>& ids, int flag = 0,
-                     EraseCallback callback = {});
+    void eraseImages(const std::vector<ResourceID>& ids, int flag = 0, EraseCallback callback = {});
     void removeImagesFromAssociativeBags(const std::vector<ResourceID>& ids);
     void replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId);
     // Adds the files at a "file:" url or path (a folder recursively) to the ImageManager; true when
@@ -297,21 +296,26 @@ private:
     bool storeBag(ResourceID id, SharedPtr<const Bag> bag);
     friend class Bag;
 
-    void checkUniqueName(const std::string& type, const std::string& name,
-                         ResourceID except) const;
+    void checkUniqueName(const std::string& type, const std::string& name, ResourceID except) const;
     std::string uniqueBagPath(const std::string& base, const std::string& name,
                               const std::string& extension) const;
     void internalMoveBag(ResourceID id, const std::string& folder, const std::string& name);
     ResourceID internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag);
     void forgetBag(ResourceID id, const SharedPtr<const Bag>& bag);
+    class ContainerCopy;
+    // Takes an image out of its container (through `copies`), tells the cache connector and
+    // removes it from the ImageManager.
+    void forgetImage(ResourceID id, ContainerCopy& copies, const std::string& path);
+    // True when `path` lies below `folder`.
+    static bool isBelow(const std::string& path, const std::string& folder);
     void moveAuxiliaryFiles(const std::string& oldPath, const std::string& newPath);
     std::vector<std::string> auxiliaryExtensions() const;
     bool isUniqueType(const std::string& type) const;
 
     thread::TaskGroup _taskGroup;
-    ILibraryCacheConnector* const _cacheConnector;  // not owned
-    std::string _path;                                // normalised, ends in '/'
-    ScopedPtr<ResourceManager> _bagManager;           // bag resources, names relative to _path
+    ILibraryCacheConnector* const _cacheConnector;   // not owned
+    std::string _path;                               // normalised, ends in '/'
+    ScopedPtr<ResourceManager> _bagManager;          // bag resources, names relative to _path
     std::map<std::string, BagTypeRecord> _bagTypes;  // written only before load
     std::map<std::string, ScopedPtr<ResourceProperty>> _bpRegister;  // written only before load
 
@@ -321,7 +325,8 @@ private:
     // Serialises the writes of library.xml, so that a later snapshot is never overwritten by an
     // earlier one. Held during the write; taken after any path lock, before _mutex.
     thread::Mutex _libraryFileMutex;
-    mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(_libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
+    mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(
+        _libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
     std::vector<std::string> _auxExtensions QOR_GUARDED_BY(_mutex);
     std::map<ResourceID, std::vector<Function0<void>>> _postponed QOR_GUARDED_BY(_mutex);
     std::string _initialBagPath QOR_GUARDED_BY(_mutex);

@@ -14,16 +14,6 @@
 
 namespace qor::mediadb {
 
-namespace {
-
-// True when `path` is `folder` or lies below it.
-bool isBelow(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           path[folder.size()] == '/';
-}
-
-}  // namespace
-
 // ---- Mutable copies ----
 
 SharedPtr<Bag> Library::modifyLockBag(const SharedPtr<const Bag>& bag, LibraryLockPtr lock) {
@@ -292,13 +282,12 @@ void Library::eraseBag(ResourceID id, bool checkAliens) {
             if (!b->persistent()) return;
             path = _bagManager->localPath(id);
             if (filesystem::exists(path)) {
-                if (isContainer(*b) && checkAliens &&
-                    filesystem::isDirectory(path)) {
+                if (isContainer(*b) && checkAliens && filesystem::isDirectory(path)) {
                     for (filesystem::UrlIterator it(path); it.valid(); it.next()) {
                         const std::string& entry = it.name();
                         if ((entry == "originals" && it.isDirectory()) || entry == ".bag" ||
-                            entry == "Thumbs.db" || b->containsImage(_imageManager->findLocalPath(
-                                                        it.path())))
+                            entry == "Thumbs.db" ||
+                            b->containsImage(_imageManager->findLocalPath(it.path())))
                             continue;
                         QOR_LOG(LogWarning, "ContainerBag::hasAliens: %*", it.path());
                         throw AliensInLibraryException(
