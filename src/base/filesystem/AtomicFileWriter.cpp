@@ -11,10 +11,13 @@
 #include <climits>
 #include <cstdlib>
 #include <system_error>
+#include <unordered_set>
 
 #include "base/Log.h"
 #include "base/filesystem/Path.h"
 #include "base/filesystem/PosixIO.h"
+#include "base/thread/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 namespace qor::filesystem {
 
@@ -68,6 +71,29 @@ std::string resolveTarget(std::string_view path) {
     return target;
 }
 
+// The targets whose stale temporaries this process has looked for at a commit. A writer of this
+// process never leaves its temporary behind (abandon() removes it), so one look a target and
+// process finds all there will be, and saves listing a large folder at every save. Thread-safe.
+class CleanedTargets {
+public:
+    // True the first time `path` is given (and again after the record was emptied).
+    bool firstTime(const std::string& path) {
+        thread::ScopedLock lock(_mutex);
+        // Bounded: a process that writes very many files forgets them and looks again.
+        if (_paths.size() >= 10000) _paths.clear();
+        return _paths.insert(path).second;
+    }
+
+private:
+    thread::Mutex _mutex;
+    std::unordered_set<std::string> _paths QOR_GUARDED_BY(_mutex);
+};
+
+CleanedTargets& cleanedTargets() {
+    static CleanedTargets targets;
+    return targets;
+}
+
 }  // namespace
 
 AtomicFileWriter::AtomicFileWriter(std::string_view path, bool durable)
@@ -85,8 +111,11 @@ AtomicFileWriter::AtomicFileWriter(std::string_view path, bool durable)
         }
         // The lock marks the temporary as alive for removeStaleTemporaries. A cleaner may have
         // taken it between open and flock and removed the name: then start again with a new one.
+        // Where the file system has no locks, no cleaner can take one either and none removes it.
+        while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
         struct stat st {};
-        if (::flock(fd, LOCK_EX) != 0 || ::fstat(fd, &st) != 0 || st.st_nlink == 0) {
+        if (::fstat(fd, &st) != 0 || st.st_nlink == 0) {
             ::close(fd);
             continue;
         }
@@ -121,8 +150,7 @@ void AtomicFileWriter::abandon() {
 }
 
 void AtomicFileWriter::fail(const char* what, int error) {
-    const std::string message =
-        std::string(what) + " '" + (_tmpPath.empty() ? _path : _tmpPath) + "': " + reasonOf(error);
+    const std::string message = std::string(what) + " '" + _path + "': " + reasonOf(error);
     abandon();
     throw FilesystemException(message);
 }
@@ -137,8 +165,9 @@ void AtomicFileWriter::write(const void* data, size_t size) {
 void AtomicFileWriter::commit() {
     if (_fd < 0) throw FilesystemException("Cannot save '" + _path + "': the writer was abandoned");
     // fsync also reports a delayed write error (ENOSPC, EIO) of data that write() accepted.
-    if (_durable && ::fsync(_fd) != 0) fail("Cannot flush", errno);
-    if (::rename(_tmpPath.c_str(), _path.c_str()) != 0) fail("Cannot rename", errno);
+    if (_durable && ::fsync(_fd) != 0) fail("Cannot flush the new content of", errno);
+    if (::rename(_tmpPath.c_str(), _path.c_str()) != 0)
+        fail("Cannot rename the new content to", errno);
     ::close(_fd);
     _fd = -1;
     _tmpPath.clear();
@@ -150,7 +179,7 @@ void AtomicFileWriter::commit() {
             QOR_LOG(LogWarning, "Cannot flush the folder of '%*': %*", _path, reasonOf(errno));
         if (dirFd >= 0) ::close(dirFd);
     }
-    removeStaleTemporaries(_path);
+    if (cleanedTargets().firstTime(_path)) removeStaleTemporaries(_path);
 }
 
 void writeFileAtomically(std::string_view path, std::string_view bytes, bool durable) {

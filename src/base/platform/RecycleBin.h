@@ -5,6 +5,9 @@
 // file with the original path and the deletion date, and renames on a name collision. Nothing is
 // ever deleted outright: a path that cannot go to a trash stays where it is and counts as failed.
 //
+// GIO is opened with dlopen on the first call, so that programs that never trash anything do not
+// load it; when it cannot be opened every call fails with a log line that says so.
+//
 // GLib reads $XDG_DATA_HOME once per process, at the first call that needs it; setting it later
 // has no effect on the home trash.
 //
@@ -46,5 +49,9 @@ bool moveToRecycleBin(const std::vector<std::string>& paths);
 // As above, and reports to `callback` (when set) as `flag` (RecycleBinFlags) says.
 bool moveToRecycleBin(const std::vector<RecycleItem>& items, int flag,
                       const RecycleBinCallback& callback);
+
+// The home trash folder ($XDG_DATA_HOME/Trash, by default ~/.local/share/Trash), as GLib sees it;
+// empty, with a log line, when GIO cannot be opened. Files of the home's file system go there.
+std::string homeRecycleBinPath();
 
 }  // namespace qor::eos

@@ -23,8 +23,32 @@ using pugi::xml_attribute;
 using pugi::xml_node;
 
 // Whitespace between elements is layout and is dropped; an element whose only child is
-// whitespace text keeps it, so that a text value of blanks round-trips.
-constexpr unsigned kParseOptions = pugi::parse_default | pugi::parse_ws_pcdata_single;
+// whitespace text keeps it, so that a text value of blanks round-trips. Line ends are not
+// normalised: pugixml writes a carriage return in text as it is, and it must read back as written.
+constexpr unsigned kParseOptions =
+    (pugi::parse_default & ~pugi::parse_eol) | pugi::parse_ws_pcdata_single;
+
+// A name that the parser reads back as written: it begins with a letter, '_', ':' or a byte of a
+// multi-byte UTF-8 character and goes on with those, digits, '-' and '.'. pugixml writes any name
+// unchecked, and one bad name would make the whole file unreadable.
+bool isReadableName(std::string_view name) {
+    auto start = [](unsigned char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' ||
+               c >= 0x80;
+    };
+    if (name.empty() || !start(static_cast<unsigned char>(name[0]))) return false;
+    return std::all_of(name.begin() + 1, name.end(), [&](char ch) {
+        const auto c = static_cast<unsigned char>(ch);
+        return start(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+    });
+}
+
+// Logs the refusal of a name that could not be read back.
+bool checkName(std::string_view name, const char* kind) {
+    if (isReadableName(name)) return true;
+    QOR_LOG(LogError, "Invalid XML %* name '%*': not written", kind, name);
+    return false;
+}
 
 bool isElement(const xml_node& node) { return node.type() == pugi::node_element; }
 
@@ -98,10 +122,14 @@ int readWholeFile(const std::string& path, std::string& out) {
 
 // --- Ranges ---
 
-NodeIterator XmlChildRange::iterator::operator*() const { return NodeIterator(_node); }
+template <>
+NodeIterator XmlChildIterator::operator*() const {
+    return NodeIterator(_at);
+}
 
-XmlChildRange::iterator& XmlChildRange::iterator::operator++() {
-    _node = elementFrom(xml_node(_node).next_sibling(), _name).internal_object();
+template <>
+XmlChildIterator& XmlChildIterator::operator++() {
+    _at = elementFrom(xml_node(_at).next_sibling(), _name).internal_object();
     return *this;
 }
 
@@ -109,13 +137,15 @@ XmlChildRange::iterator XmlChildRange::begin() const {
     return iterator(elementFrom(xml_node(_parent).first_child(), _name).internal_object(), _name);
 }
 
-XmlAttribute XmlAttributeRange::iterator::operator*() const {
-    const xml_attribute a(_attr);
+template <>
+XmlAttribute XmlAttributeIterator::operator*() const {
+    const xml_attribute a(_at);
     return {a.name(), a.value()};
 }
 
-XmlAttributeRange::iterator& XmlAttributeRange::iterator::operator++() {
-    _attr = xml_attribute(_attr).next_attribute().internal_object();
+template <>
+XmlAttributeIterator& XmlAttributeIterator::operator++() {
+    _at = xml_attribute(_at).next_attribute().internal_object();
     return *this;
 }
 
@@ -159,7 +189,11 @@ NodeIterator NodeIterator::parent() const {
 }
 
 NodeIterator& NodeIterator::appendAttribute(std::string_view name, std::string_view value) {
-    if (!_node) return *this;
+    if (!_node || !checkName(name, "attribute")) return *this;
+    if (findAttribute(xml_node(_node), name)) {
+        QOR_LOG(LogError, "Duplicate XML attribute '%*' on '%*': not written", name, this->name());
+        return *this;
+    }
     xml_attribute a = xml_node(_node).append_attribute(std::string(name).c_str());
     a.set_value(value.data(), value.size());
     return *this;
@@ -197,7 +231,7 @@ NodeIterator& NodeIterator::setText(std::string_view text) {
 }
 
 NodeIterator NodeIterator::appendChild(std::string_view name) {
-    if (!_node) return {};
+    if (!_node || !checkName(name, "element")) return {};
     return NodeIterator(xml_node(_node).append_child(std::string(name).c_str()).internal_object());
 }
 
@@ -244,6 +278,13 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
     }
     const pugi::xml_parse_result result =
         _doc->load_buffer(buffer.data(), buffer.size(), kParseOptions, pugi::encoding_auto);
+    // pugixml reports a document without any element (blanks, comments only) as an error of its
+    // own.
+    if (result.status == pugi::status_no_document_element) {
+        QOR_LOG(LogWarning, "%* '%*' has no root element", what, origin);
+        _doc->reset();
+        return false;
+    }
     if (!result) {
         // The offset is in the buffer as read; line and column count from 1.
         const size_t offset = std::min(
@@ -258,16 +299,13 @@ bool XmlDocumentRapid::parsed(std::string_view buffer, std::string_view origin, 
         _doc->reset();
         return false;
     }
-    if (!_doc->document_element()) {
-        QOR_LOG(LogWarning, "%* '%*' has no root element", what, origin);
-        return false;
-    }
     return true;
 }
 
 NodeIterator XmlDocumentRapid::create(std::string_view rootName) {
     if (!_doc) _doc = std::make_unique<pugi::xml_document>();
     _doc->reset();
+    if (!checkName(rootName, "element")) return {};
     return NodeIterator(_doc->append_child(std::string(rootName).c_str()).internal_object());
 }
 
@@ -276,10 +314,15 @@ NodeIterator XmlDocumentRapid::root() const {
 }
 
 bool XmlDocumentRapid::save(std::string_view path, unsigned format, unsigned save) const {
+    // Such a file could not be loaded again; the old one is worth more.
+    if (!root()) {
+        QOR_LOG(LogError, "Cannot save XML file '%*': the document has no root element", path);
+        return false;
+    }
     try {
         filesystem::AtomicFileWriter file(path, (save & XmlDurable) != 0);
         FileWriter writer(file);
-        if (_doc) _doc->save(writer, "\t", pugiFormat(format), pugi::encoding_utf8);
+        _doc->save(writer, "\t", pugiFormat(format), pugi::encoding_utf8);
         if (!writer.error.empty()) throw filesystem::FilesystemException(writer.error);
         file.commit();
         return true;

@@ -69,35 +69,51 @@ struct XmlAttribute {
 
 class NodeIterator;
 
+// A forward iterator over a chain of pugixml nodes (giving NodeIterator) or attributes (giving
+// XmlAttribute). A child iterator with a name visits only the elements of that name.
+template <class Struct, class Value>
+class XmlIterator {
+public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = Value;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = Value;
+
+    XmlIterator() = default;
+    Value operator*() const;
+    XmlIterator& operator++();
+    XmlIterator operator++(int) {
+        XmlIterator old = *this;
+        ++*this;
+        return old;
+    }
+    friend bool operator==(const XmlIterator& a, const XmlIterator& b) { return a._at == b._at; }
+
+private:
+    friend class XmlChildRange;
+    friend class XmlAttributeRange;
+    explicit XmlIterator(Struct* at, std::string_view name = {}) : _at(at), _name(name) {}
+    Struct* _at = nullptr;
+    std::string_view _name;  // children only; empty: every element
+};
+
+using XmlChildIterator = XmlIterator<pugi::xml_node_struct, NodeIterator>;
+using XmlAttributeIterator = XmlIterator<pugi::xml_attribute_struct, XmlAttribute>;
+template <>
+NodeIterator XmlChildIterator::operator*() const;
+template <>
+XmlChildIterator& XmlChildIterator::operator++();
+template <>
+XmlAttribute XmlAttributeIterator::operator*() const;
+template <>
+XmlAttributeIterator& XmlAttributeIterator::operator++();
+
 // The element children of a node, in document order, optionally only those of one name. Text,
 // comments and processing instructions are skipped.
 class XmlChildRange {
 public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = NodeIterator;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = NodeIterator;
-
-        iterator() = default;
-        NodeIterator operator*() const;
-        iterator& operator++();
-        iterator operator++(int) {
-            iterator old = *this;
-            ++*this;
-            return old;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) { return a._node == b._node; }
-
-    private:
-        friend class XmlChildRange;
-        iterator(pugi::xml_node_struct* node, std::string_view name) : _node(node), _name(name) {}
-        pugi::xml_node_struct* _node = nullptr;
-        std::string_view _name;  // empty: every element
-    };
-
+    using iterator = XmlChildIterator;
     iterator begin() const;
     iterator end() const { return {}; }
 
@@ -112,30 +128,7 @@ private:
 // The attributes of an element, in document order.
 class XmlAttributeRange {
 public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = XmlAttribute;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = XmlAttribute;
-
-        iterator() = default;
-        XmlAttribute operator*() const;
-        iterator& operator++();
-        iterator operator++(int) {
-            iterator old = *this;
-            ++*this;
-            return old;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) { return a._attr == b._attr; }
-
-    private:
-        friend class XmlAttributeRange;
-        explicit iterator(pugi::xml_attribute_struct* attr) : _attr(attr) {}
-        pugi::xml_attribute_struct* _attr = nullptr;
-    };
-
+    using iterator = XmlAttributeIterator;
     iterator begin() const;
     iterator end() const { return {}; }
 
@@ -184,8 +177,12 @@ public:
     NodeIterator parent() const;
 
     // --- Writing ---
-    // Appends an attribute after the existing ones (no check for a duplicate name: the caller
-    // writes each name once). Returns *this, so that calls chain.
+    // Names must read back as written: a letter, '_', ':' or a non-ASCII UTF-8 character first,
+    // then those, digits, '-' and '.'. Another name (empty, with a blank, '<', '"' ...) is not
+    // written and logs one error line, so that one bad key never makes a whole file unreadable.
+    // Appends an attribute after the existing ones. Returns *this, so that calls chain. A name
+    // that the node has already is not written again (that would not be XML) and logs one error
+    // line; setAttribute() changes a value.
     NodeIterator& appendAttribute(std::string_view name, std::string_view value);
     NodeIterator& appendAttribute(std::string_view name, const char* value) {
         return appendAttribute(name, std::string_view(value ? value : ""));
@@ -217,6 +214,7 @@ public:
 private:
     friend class XmlDocumentRapid;
     friend class XmlChildRange;
+    friend XmlChildIterator;
     explicit NodeIterator(pugi::xml_node_struct* node) : _node(node) {}
 
     pugi::xml_node_struct* _node = nullptr;
@@ -244,7 +242,8 @@ public:
     // Parses `xml` as load() parses a file; `origin` names it in the log line.
     bool loadFromString(std::string_view xml, std::string_view origin = "string");
 
-    // Replaces the document by one holding only a root element called `rootName`; returns it.
+    // Replaces the document by one holding only a root element called `rootName`; returns it
+    // (null, with an empty document, when the name is not a valid element name).
     NodeIterator create(std::string_view rootName);
     // The root element, null when the document has none (empty, or load failed).
     NodeIterator root() const;
@@ -253,7 +252,9 @@ public:
     // stays whole until the new one is complete. `format` is a set of XmlFormatFlags, `save` of
     // XmlSaveFlags. False, with one log line naming the path and the system's reason, on any
     // failure (missing or read-only folder, disk full); the old file is then untouched and no
-    // temporary is left behind. Blocks on the file.
+    // temporary is left behind. A document without a root element is not saved (false and a
+    // line): it could not be loaded again. The library's own files are saved with the defaults,
+    // XmlIndent and XmlDurable (save(path, 1, 1)). Blocks on the file, fsync included.
     bool save(std::string_view path, unsigned format = XmlIndent, unsigned save = XmlDurable) const;
     // The document as text, UTF-8, laid out as `format` says.
     std::string toString(unsigned format = XmlIndent) const;
