@@ -236,6 +236,43 @@ TEST_F(LibraryBags, RenamedFolderBagTakesItsImagesAlong) {
     EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a2));
 }
 
+// A process that ends right after a rename, before any save: the next load finds the bags where
+// they went, with their images, and the files say so afterwards.
+TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
+    ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
+    library->copyImage(sourceFile("a.jpg"), event, "sub", "", false);
+    ResourceID list = library->createBag(TestListBag::bagTypeStatic(), "L");
+    if (auto copy = library->modifyLockBag(list))
+        copy->insertImage(library->getImageId(path("Trip/sub/a.jpg")));
+    library->save({}, true);
+    library.reset();
+
+    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "Trip", "Holiday"})), 0);
+    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "L", "Best"})), 0);
+    ASSERT_TRUE(filesystem::exists(path("Holiday/sub/a.jpg")));
+    ASSERT_TRUE(filesystem::exists(path("Best.testlist")));
+    {
+        // The second child found the first rename; this load finds the second.
+        LogCapture log;
+        open();
+        EXPECT_TRUE(
+            log.contains("found at " + path("Best.testlist") + " after an interrupted move"));
+    }
+    // The names are those of the last save; the places are the new ones.
+    ResourceID trip = bagNamed("Trip");
+    ASSERT_TRUE(trip.isValid());
+    EXPECT_EQ(library->bagManager()->localPath(trip), path("Holiday"));
+    EXPECT_EQ(library->bagStateString(trip), "Regular");
+    EXPECT_EQ(imageLeaves(trip), std::vector<std::string>{"a.jpg"});
+    ResourceID a = library->getImageId(path("Holiday/sub/a.jpg"));
+    EXPECT_EQ(library->containerId(a), trip);
+    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a));
+    EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
+    reopen();
+    EXPECT_EQ(imageLeaves(bagNamed("Trip")), std::vector<std::string>{"a.jpg"});
+    EXPECT_EQ(library->bagManager()->localPath(bagNamed("L")), path("Best.testlist"));
+}
+
 TEST_F(LibraryBags, RemoveForgetsAndEraseTrashesButRefusesAliens) {
     ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
     ResourceID a = library->copyImage(sourceFile("a.jpg"), event, "", "", false);

@@ -8,6 +8,9 @@
 //       loop until it is killed. After each synchronous save it appends the library's state as one
 //       line to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name
 //       order.
+//   qor_mediadb_child rename LIBRARY FROM TO
+//       Loads the library, renames the bag FROM to TO and ends at once, as a crash would, before
+//       the debounced save has run. Exit code 0 when the rename went through.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
 //       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
@@ -178,6 +181,17 @@ int save(const std::string& libraryPath, const std::string& image, const std::st
     return code;
 }
 
+int renameAndCrash(const std::string& libraryPath, const std::string& from, const std::string& to) {
+    setLogLevel(LogWarning);
+    ImageManager images;
+    RecordingConnector connector;
+    auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
+    openLibrary(*library);
+    for (const ResourceID& id : library->bags())
+        if (library->bag(id)->name() == from) ::_exit(library->renameBag(id, to) ? 0 : 2);
+    ::_exit(3);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -185,6 +199,7 @@ int main(int argc, char** argv) {
         const std::string mode = argc > 1 ? argv[1] : "";
         if (mode == "crash" && argc == 6)
             return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+        if (mode == "rename" && argc == 5) return renameAndCrash(argv[2], argv[3], argv[4]);
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";

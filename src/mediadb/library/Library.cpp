@@ -365,6 +365,7 @@ void Library::load() {
             QOR_LOG(LogWarning, "Error in library xml file: %*", e.what());
         }
     }
+    const auto moved = recoverMovedBags();
     OnBagListUpdated.emit();
     for (const ResourceID& id : bags()) {
         if (_shuttingDown) return;
@@ -372,6 +373,7 @@ void Library::load() {
         if (b && b->persistent()) loadBag(id, false);
     }
     _loaded = true;
+    if (!moved.empty()) recoverMovedImages(moved);
     OnLibraryLoaded.emit();
     QOR_LOG(LogInfo, "Library loaded");
 }
@@ -487,25 +489,38 @@ void Library::save(Function0<void> callback, bool synchronous) {
     } else {
         ScopedLock saving(_saveMutex);
         std::set<ResourceID> unsaved;
+        size_t moves = 0;
         {
+            // A move marks its bags unsaved before it lets go of the library folder, so the moves
+            // taken here are written by this save.
+            FilesystemScopedLock noMove(_path, FilesystemScopedLock::Shared);
             ScopedLock lock(_mutex);
             unsaved.swap(_unsaved);
+            moves = _pendingMoves.size();
         }
         if (!unsaved.empty()) {
-            for (const ResourceID& id : unsaved) saveBag(id);
-            saveLibraryFile();
+            bool saved = true;
+            for (const ResourceID& id : unsaved) saved &= saveBag(id);
+            saved &= saveLibraryFile();
             QOR_LOG(LogInfo, "SAVING BAGS FINISHED");
+            if (saved && moves > 0) {
+                {
+                    ScopedLock lock(_mutex);
+                    _pendingMoves.erase(_pendingMoves.begin(), _pendingMoves.begin() + moves);
+                }
+                writeMoves();
+            }
         }
     }
     if (callback) callback();
 }
 
-void Library::saveBag(ResourceID id) {
+bool Library::saveBag(ResourceID id) {
     try {
-        if (!_bagManager->contains(id)) return;
+        if (!_bagManager->contains(id)) return true;
         ResourceFSScopedLock lock(_bagManager.get(), id, 1);
         SharedPtr<const Bag> b = bag(id);
-        if (!b || bagState(id) == Broken || !b->persistent() || !isListed(id)) return;
+        if (!b || bagState(id) == Broken || !b->persistent() || !isListed(id)) return true;
         const std::string filePath = bagFilePath(*b, lock.path());
         XmlDocumentRapid doc;
         NodeIterator root = doc.create("bag");
@@ -517,12 +532,14 @@ void Library::saveBag(ResourceID id) {
         b->toXml(root);
         if (!doc.save(filePath, XmlIndent, XmlDurable))
             throw LibraryException("cannot write " + filePath);
+        return true;
     } catch (const std::exception& e) {
         QOR_LOG(LogWarning, "Failed to save bag: %*", e.what());
+        return false;
     }
 }
 
-void Library::saveLibraryFile() {
+bool Library::saveLibraryFile() {
     ScopedLock fileLock(_libraryFileMutex);
     std::map<std::string, std::set<ResourceID>> bags;
     {
@@ -551,10 +568,107 @@ void Library::saveLibraryFile() {
     const std::string file = _path + kLibraryFileName;
     if (doc.save(file, XmlIndent, XmlDurable)) {
         QOR_LOG(LogInfo, "Library saved");
-    } else {
-        QOR_LOG(LogError, "Writing of the library file failed: %*", file);
-        QOR_ASSERT_MSG(0, "Writing of the library file failed: %*", file);
+        return true;
     }
+    QOR_LOG(LogError, "Writing of the library file failed: %*", file);
+    QOR_ASSERT_MSG(0, "Writing of the library file failed: %*", file);
+    return false;
+}
+
+// ---- Move journal ----
+
+void Library::recordMove(const std::string& from, const std::string& to) {
+    {
+        ScopedLock lock(_mutex);
+        // A bag at `from` again: what was noted for that path before is over.
+        std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
+        _pendingMoves.emplace_back(from, to);
+    }
+    writeMoves();
+}
+
+void Library::writeMoves() {
+    ScopedLock fileLock(_movesFileMutex);
+    std::vector<std::pair<std::string, std::string>> moves;
+    {
+        ScopedLock lock(_mutex);
+        moves = _pendingMoves;
+    }
+    const std::string file = _path + MovesFileName;
+    if (moves.empty()) {
+        try {
+            filesystem::removeFile(file);
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: cannot remove the move journal: %*", e.what());
+        }
+        return;
+    }
+    XmlDocumentRapid doc;
+    NodeIterator root = doc.create("moves");
+    for (const auto& [from, to] : moves)
+        root.appendChild("move")
+            .appendAttribute("from", _bagManager->nameFromLocalPath(from).persistentString())
+            .appendAttribute("to", _bagManager->nameFromLocalPath(to).persistentString());
+    if (!doc.save(file, XmlIndent, XmlDurable))
+        QOR_LOG(LogWarning, "Library: cannot write the move journal %*", file);
+}
+
+std::vector<std::pair<std::string, std::string>> Library::recoverMovedBags() {
+    std::vector<std::pair<std::string, std::string>> moved;
+    XmlDocumentRapid doc;
+    if (!filesystem::exists(_path + MovesFileName) || !doc.load(_path + MovesFileName, true))
+        return moved;
+    std::vector<std::pair<std::string, std::string>> moves;
+    for (NodeIterator move : doc.root().children("move")) {
+        try {
+            moves.emplace_back(
+                _bagManager->nameFromPersistentString(move.attribute("from")).localPath(),
+                _bagManager->nameFromPersistentString(move.attribute("to")).localPath());
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: bad entry in the move journal: %*", e.what());
+        }
+    }
+    {
+        ScopedLock lock(_mutex);
+        _pendingMoves = moves;  // kept until a save has written where the bags are now
+    }
+    for (const ResourceID& id : bags()) {
+        const std::string start = _bagManager->localPath(id);
+        if (filesystem::exists(start)) continue;
+        // Follow the moves of this path, the latest for each step.
+        std::string at = start;
+        for (size_t step = 0; step < moves.size(); ++step) {
+            auto next = std::find_if(moves.rbegin(), moves.rend(),
+                                     [&](const auto& move) { return move.first == at; });
+            if (next == moves.rend()) break;
+            at = next->second;
+        }
+        if (at == start || !filesystem::exists(at) || bagIdFromLocalPath(at).isValid()) continue;
+        if (_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) {
+            QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
+            moved.emplace_back(start, at);
+        }
+    }
+    return moved;
+}
+
+void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved) {
+    for (const auto& [from, to] : moved) {
+        for (const ResourceID& image : _imageManager->ids()) {
+            ResourceName name;
+            if (!_imageManager->tryGetName(image, name) || !isBelow(name.localPath(), from))
+                continue;
+            const std::string target = to + name.localPath().substr(from.size());
+            if (!_imageManager->findLocalPath(target).isValid())
+                _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
+        }
+    }
+    // Write every bag and the index as they are now; that also ends the journal's entries.
+    {
+        ScopedLock lock(_mutex);
+        for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+    }
+    save({}, true);
 }
 
 // ---- Postponed notices ----

@@ -68,6 +68,8 @@ class ILibraryCacheConnector;
 class Library {
 public:
     enum BagState { Regular = 0, Broken = 1 };
+    // The move journal in the library folder (see recordMove).
+    static constexpr const char* MovesFileName = ".moves.xml";
 
     using PropertyMap = std::map<std::string, SharedPtr<ResourceProperty>>;
     using Tags = std::map<std::string, std::string>;
@@ -124,10 +126,11 @@ public:
     // Asynchronous: posted to the task group when anything is unsaved. Then calls `callback`.
     void save(Function0<void> callback = {}, bool synchronous = false);
     // Writes one bag's file (blocks on its path lock); a broken bag is never written. Failures are
-    // logged ("Failed to save bag: %*").
-    void saveBag(ResourceID id);
-    // Writes library.xml. Failures are logged ("Writing of the library file failed: %*").
-    void saveLibraryFile();
+    // logged ("Failed to save bag: %*") and give false.
+    bool saveBag(ResourceID id);
+    // Writes library.xml. Failures are logged ("Writing of the library file failed: %*") and give
+    // false.
+    bool saveLibraryFile();
     // Marks a bag for the next save and triggers the debounced save; nothing before load ended.
     void addUnsaved(ResourceID id);
     // Stops the background work (the task group, the save debouncer) and saves synchronously.
@@ -302,6 +305,18 @@ private:
     void internalMoveBag(ResourceID id, const std::string& folder, const std::string& name);
     ResourceID internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag);
     void forgetBag(ResourceID id, const SharedPtr<const Bag>& bag);
+
+    // The move journal. A bag move changes the disk at once but library.xml and the .bag files only
+    // at the next save; a crash in between would leave the index naming a path that is gone. So
+    // each move is first noted in the journal file (MovesFileName, written crash-safe), and a
+    // synchronous save that wrote every bag it took and library.xml drops the moves noted before
+    // it began. load follows the noted moves of a bag whose path is gone to where it went, with the
+    // images below it, and saves the library.
+    void recordMove(const std::string& from, const std::string& to);
+    void writeMoves();
+    // Moves that load found done but not yet in the files: (old path, new path).
+    std::vector<std::pair<std::string, std::string>> recoverMovedBags();
+    void recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved);
     class ContainerCopy;
     // Takes an image out of its container (through `copies`), tells the cache connector and
     // removes it from the ImageManager.
@@ -325,6 +340,8 @@ private:
     // Serialises the writes of library.xml, so that a later snapshot is never overwritten by an
     // earlier one. Held during the write; taken after any path lock, before _mutex.
     thread::Mutex _libraryFileMutex;
+    // Serialises the writes of the move journal; taken after path locks, before _mutex.
+    thread::Mutex _movesFileMutex;
     mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(
         _libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
     std::vector<std::string> _auxExtensions QOR_GUARDED_BY(_mutex);
@@ -332,6 +349,8 @@ private:
     std::string _initialBagPath QOR_GUARDED_BY(_mutex);
     std::map<std::string, SharedPtr<std::set<ResourceID>>> _bags QOR_GUARDED_BY(_mutex);
     std::set<ResourceID> _unsaved QOR_GUARDED_BY(_mutex);
+    // Noted bag moves, oldest first: (old, new) local paths; one entry per old path.
+    std::vector<std::pair<std::string, std::string>> _pendingMoves QOR_GUARDED_BY(_mutex);
 
     ImageManager* const _imageManager;  // not owned
     ResourcePropertyKey<SharedPtr<const Bag>> _bagProperty;

@@ -182,7 +182,11 @@ void Library::internalMoveBag(ResourceID id, const std::string& folder, const st
     if (_bagManager->nameFromLocalPath(wanted).localPath() == oldPath) return;  // no move
     const std::string newPath = uniqueBagPath(targetFolder, fsName, extension);
 
+    recordMove(oldPath, newPath);
     _bagManager->rename(id, _bagManager->nameFromLocalPath(newPath));
+    // Marked while the library folder is locked, so that the save that drops the journal entry
+    // writes this bag (see save).
+    addUnsaved(id);
     if (!filesystem::exists(oldPath)) {
         QOR_LOG(LogWarning, "Bag cannot be moved because the path (%*) doesn't exist", oldPath);
         return;
