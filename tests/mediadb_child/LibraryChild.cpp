@@ -43,6 +43,7 @@ namespace {
 void openLibrary(Library& library) {
     registerTestBags(library);
     library.registerProperty(ResourceProperty(RptString), "title");
+    library.registerProperty(ResourceProperty(RptString), "uid");
     library.load();
 }
 
@@ -56,7 +57,8 @@ std::string stateLine(Library& library) {
         for (const ResourceID& image : b->images())
             leaves.push_back(filesystem::leaf(library.getImageResourceName(image).localPath()));
         std::sort(leaves.begin(), leaves.end());
-        std::string entry = b->bagType() + "/" + b->name() + ":";
+        std::string entry =
+            b->bagType() + "/" + library.getProperty(id, "uid")->stringValue() + ":";
         for (size_t i = 0; i < leaves.size(); ++i) entry += (i ? "," : "") + leaves[i];
         bags.push_back(entry);
     }
@@ -90,6 +92,7 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
             case 0:
                 if (folders.size() < 8) {
                     ResourceID bag = library.createBag(TestFolderBag::bagTypeStatic(), "E" + name);
+                    library.getProperty(bag, "uid")->setStringValue("E" + name);
                     library.copyImage(source, bag, "", name + ".jpg", false);
                     break;
                 }
@@ -102,7 +105,8 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                 break;
             case 2:
                 if (lists.size() < 4) {
-                    library.createBag(TestListBag::bagTypeStatic(), "L" + name);
+                    ResourceID bag = library.createBag(TestListBag::bagTypeStatic(), "L" + name);
+                    library.getProperty(bag, "uid")->setStringValue("L" + name);
                     break;
                 }
                 [[fallthrough]];
@@ -120,6 +124,11 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                 if (!folders.empty())
                     library.getProperty(folders[random() % folders.size()], "title")
                         ->setStringValue(name);
+                // And a rename: the folder or file moves at once, the index follows at the save.
+                if (!folders.empty() && random() % 2)
+                    library.renameBag(folders[random() % folders.size()], "R" + name);
+                else if (!lists.empty())
+                    library.renameBag(lists[random() % lists.size()], "R" + name);
                 break;
         }
         library.save({}, true);

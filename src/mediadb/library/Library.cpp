@@ -659,8 +659,15 @@ void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::s
             if (!_imageManager->tryGetName(image, name) || !isBelow(name.localPath(), from))
                 continue;
             const std::string target = to + name.localPath().substr(from.size());
-            if (!_imageManager->findLocalPath(target).isValid())
-                _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
+            // A bag saved after the move may have named the image by its new path already: the
+            // two resources are one picture, and the container's keeps its place.
+            const ResourceID twin = _imageManager->findLocalPath(target);
+            if (twin.isValid() && twin != image) {
+                if (containerId(twin).isValid()) continue;
+                replaceImageInAssociativeBags(twin, image);
+                _imageManager->remove(twin);
+            }
+            _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
         }
     }
     // Write every bag and the index as they are now; that also ends the journal's entries.

@@ -246,6 +246,8 @@ public:
     // files went. `flag` and `callback` go to the recycle bin.
     void eraseImages(const std::vector<ResourceID>& ids, int flag = 0, EraseCallback callback = {});
     void removeImagesFromAssociativeBags(const std::vector<ResourceID>& ids);
+    // Puts newId in the place of oldId in every associative bag that holds oldId (a bag that holds
+    // both keeps newId only).
     void replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId);
     // Adds the files at a "file:" url or path (a folder recursively) to the ImageManager; true when
     // it was a folder.

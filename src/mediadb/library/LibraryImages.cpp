@@ -380,9 +380,11 @@ void Library::removeImagesFromAssociativeBags(const std::vector<ResourceID>& ids
 void Library::replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId) {
     for (const ResourceID& bagId : associativeBags(oldId)) {
         SharedPtr<Bag> copy = modifyLockBag(bagId);
-        if (!copy || !isAssociative(*copy) || !copy->containsImage(oldId) ||
-            copy->containsImage(newId))
+        if (!copy || !isAssociative(*copy) || !copy->containsImage(oldId)) continue;
+        if (copy->containsImage(newId)) {
+            copy->removeImage(oldId);  // holds both: one place is enough
             continue;
+        }
         // In place, so that the order of the bag is kept.
         copy->replaceItem(oldId, newId);
         removeAssociativeBagOfImage(oldId, bagId);
