@@ -173,7 +173,8 @@ public:
     // The bag's settings (empty map when none).
     SharedPtr<const PropertyMap> propertyMap(ResourceID bagId) const;
     // The bag's setting `key`, created from the prototype on first use; its changes are saved. An
-    // unregistered key asserts and gives null; an unknown bag gives a detached copy.
+    // unregistered key asserts and gives null; an unknown bag gives a detached copy. The property
+    // calls back into the library when it changes: do not change it after the library has gone.
     SharedPtr<ResourceProperty> getProperty(ResourceID bagId, const std::string& key);
     std::string itemTag(ResourceID imageId, const std::string& key) const;
     Tags itemTags(ResourceID imageId) const;
@@ -189,7 +190,8 @@ public:
 
     // ---- Bags ----
 
-    // A mutable copy of the bag (see Bag::modifyLock); null for an unknown bag.
+    // A mutable copy of the bag (see Bag::modifyLock); null for an unknown bag. The copy commits
+    // into this library when it goes, so it must go before the library does.
     SharedPtr<Bag> modifyLockBag(const SharedPtr<const Bag>& bag, LibraryLockPtr lock = nullptr);
     SharedPtr<Bag> modifyLockBag(ResourceID id, LibraryLockPtr lock = nullptr);
 
