@@ -273,6 +273,41 @@ TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
     EXPECT_EQ(library->bagManager()->localPath(bagNamed("L")), path("Best.testlist"));
 }
 
+// The same for images moved between bags: after the crash each image is in the bag whose folder
+// holds its file, also when one bag's file was written before the crash and the other's not.
+TEST_F(LibraryBags, MovedImagesAreFoundAfterACrashBeforeTheSave) {
+    ResourceID one = library->createBag(TestFolderBag::bagTypeStatic(), "One");
+    ResourceID two = library->createBag(TestFolderBag::bagTypeStatic(), "Two");
+    library->copyImage(sourceFile("a.jpg"), one, "", "", false);
+    library->copyImage(sourceFile("b.jpg"), one, "sub", "", false);
+    ResourceID list = library->createBag(TestListBag::bagTypeStatic(), "L");
+    if (auto copy = library->modifyLockBag(list))
+        copy->insertImage(library->getImageId(path("One/a.jpg")));
+    library->save({}, true);
+    const std::string oneBefore = readFile(path("One/.bag"));
+    library.reset();
+
+    ASSERT_EQ(waitChild(startChild({"moveimages", libraryPath(), "One", "Two"})), 0);
+    ASSERT_TRUE(filesystem::exists(path("Two/sub/b.jpg")));
+    EXPECT_EQ(readFile(path("One/.bag")), oneBefore);  // nothing saved
+    {
+        LogCapture log;
+        open();
+        EXPECT_TRUE(
+            log.contains("found at " + path("Two/sub/b.jpg") + " after an interrupted move"));
+    }
+    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    EXPECT_EQ(imageLeaves(bagNamed("Two")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    ResourceID a = library->getImageId(path("Two/a.jpg"));
+    EXPECT_EQ(library->containerId(a), bagNamed("Two"));
+    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a));
+    EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
+    reopen();
+    EXPECT_EQ(imageLeaves(bagNamed("Two")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    (void)two;
+}
+
 TEST_F(LibraryBags, RemoveForgetsAndEraseTrashesButRefusesAliens) {
     ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
     ResourceID a = library->copyImage(sourceFile("a.jpg"), event, "", "", false);

@@ -11,6 +11,8 @@
 //   qor_mediadb_child rename LIBRARY FROM TO
 //       Loads the library, renames the bag FROM to TO and ends at once, as a crash would, before
 //       the debounced save has run. Exit code 0 when the rename went through.
+//   qor_mediadb_child moveimages LIBRARY FROM TO
+//       Loads the library, moves every image of the bag FROM into the bag TO and ends at once.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
 //       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
@@ -201,6 +203,24 @@ int renameAndCrash(const std::string& libraryPath, const std::string& from, cons
     ::_exit(3);
 }
 
+int moveImagesAndCrash(const std::string& libraryPath, const std::string& from,
+                       const std::string& to) {
+    setLogLevel(LogWarning);
+    ImageManager images;
+    RecordingConnector connector;
+    auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
+    openLibrary(*library);
+    ResourceID source, target;
+    for (const ResourceID& id : library->bags()) {
+        if (library->bag(id)->name() == from) source = id;
+        if (library->bag(id)->name() == to) target = id;
+    }
+    if (!source.isValid() || !target.isValid()) ::_exit(3);
+    const HashSet ids = library->bag(source)->images();
+    library->moveImages(std::vector<ResourceID>(ids.begin(), ids.end()), target);
+    ::_exit(library->bag(target)->images().size() == ids.size() ? 0 : 2);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -209,6 +229,7 @@ int main(int argc, char** argv) {
         if (mode == "crash" && argc == 6)
             return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
         if (mode == "rename" && argc == 5) return renameAndCrash(argv[2], argv[3], argv[4]);
+        if (mode == "moveimages" && argc == 5) return moveImagesAndCrash(argv[2], argv[3], argv[4]);
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";

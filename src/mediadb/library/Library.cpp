@@ -374,6 +374,14 @@ void Library::load() {
     }
     _loaded = true;
     if (!moved.empty()) recoverMovedImages(moved);
+    if (recoverMovedFiles() || !moved.empty()) {
+        // Write every bag and the index as they are now; that also ends the journal's entries.
+        {
+            ScopedLock lock(_mutex);
+            for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+        }
+        save({}, true);
+    }
     OnLibraryLoaded.emit();
     QOR_LOG(LogInfo, "Library loaded");
 }
@@ -577,12 +585,15 @@ bool Library::saveLibraryFile() {
 
 // ---- Move journal ----
 
-void Library::recordMove(const std::string& from, const std::string& to) {
+void Library::recordMoves(const std::vector<std::pair<std::string, std::string>>& moves) {
+    if (moves.empty()) return;
     {
         ScopedLock lock(_mutex);
-        // A bag at `from` again: what was noted for that path before is over.
-        std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
-        _pendingMoves.emplace_back(from, to);
+        for (const auto& [from, to] : moves) {
+            // Something at `from` again: what was noted for that path before is over.
+            std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
+            _pendingMoves.emplace_back(from, to);
+        }
     }
     writeMoves();
 }
@@ -670,12 +681,43 @@ void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::s
             _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
         }
     }
-    // Write every bag and the index as they are now; that also ends the journal's entries.
+}
+
+bool Library::recoverMovedFiles() {
+    std::vector<std::pair<std::string, std::string>> moves;
     {
         ScopedLock lock(_mutex);
-        for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+        moves = _pendingMoves;
     }
-    save({}, true);
+    bool recovered = false;
+    for (const auto& [from, to] : moves) {
+        const ResourceID image = _imageManager->findLocalPath(from);
+        if (!image.isValid() || filesystem::exists(from) || !filesystem::exists(to)) continue;
+        recovered = true;
+        QOR_LOG(LogWarning, "Library: image %* found at %* after an interrupted move", from, to);
+        const ResourceID twin = _imageManager->findLocalPath(to);
+        if (twin.isValid() && twin != image) {
+            // The destination was saved with the image: the source's entry is stale.
+            if (SharedPtr<Bag> copy = modifyLockBag(containerId(image)))
+                if (copy->containsImage(image)) copy->removeImage(image);
+            replaceImageInAssociativeBags(image, twin);
+            _imageManager->remove(image);
+            continue;
+        }
+        _imageManager->rename(image, _imageManager->nameFromLocalPath(to));
+        // Into the bag whose folder holds the file now.
+        ResourceID target;
+        for (const ResourceID& id : bags()) {
+            SharedPtr<const Bag> b = bag(id);
+            if (b && isContainer(*b) && isBelow(to, getBagResourceName(id).localPath()))
+                target = id;
+        }
+        const ResourceID source = containerId(image);
+        if (!target.isValid() || target == source) continue;
+        if (SharedPtr<Bag> copy = modifyLockBag(source)) copy->removeImage(image);
+        if (SharedPtr<Bag> copy = modifyLockBag(target)) copy->insertImage(image);
+    }
+    return recovered;
 }
 
 // ---- Postponed notices ----

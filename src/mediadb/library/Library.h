@@ -310,17 +310,21 @@ private:
     ResourceID internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag);
     void forgetBag(ResourceID id, const SharedPtr<const Bag>& bag);
 
-    // The move journal. A bag move changes the disk at once but library.xml and the .bag files only
-    // at the next save; a crash in between would leave the index naming a path that is gone. So
-    // each move is first noted in the journal file (MovesFileName, written crash-safe), and a
-    // synchronous save that wrote every bag it took and library.xml drops the moves noted before
-    // it began. load follows the noted moves of a bag whose path is gone to where it went, with the
-    // images below it, and saves the library.
-    void recordMove(const std::string& from, const std::string& to);
+    // The move journal. A move of a bag or an image file changes the disk at once but library.xml
+    // and the .bag files only at the next save; a crash in between would leave the index naming a
+    // path that is gone. So each move is first noted in the journal file (MovesFileName, written
+    // crash-safe), and a synchronous save that wrote every bag it took and library.xml drops the
+    // moves noted before it began. load follows the noted moves of a bag whose path is gone to
+    // where it went, with the images below it, and saves the library.
+    void recordMoves(const std::vector<std::pair<std::string, std::string>>& moves);
     void writeMoves();
     // Moves that load found done but not yet in the files: (old path, new path).
     std::vector<std::pair<std::string, std::string>> recoverMovedBags();
+    // The images below the recovered bags follow them.
     void recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved);
+    // Image files moved between bags: the image takes its new path and the bag whose folder holds
+    // it. True when anything was recovered.
+    bool recoverMovedFiles();
     class ContainerCopy;
     // Takes an image out of its container (through `copies`), tells the cache connector and
     // removes it from the ImageManager.

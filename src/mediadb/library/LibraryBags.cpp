@@ -182,7 +182,7 @@ void Library::internalMoveBag(ResourceID id, const std::string& folder, const st
     if (_bagManager->nameFromLocalPath(wanted).localPath() == oldPath) return;  // no move
     const std::string newPath = uniqueBagPath(targetFolder, fsName, extension);
 
-    recordMove(oldPath, newPath);
+    recordMoves({{oldPath, newPath}});
     _bagManager->rename(id, _bagManager->nameFromLocalPath(newPath));
     // Marked while the library folder is locked, so that the save that drops the journal entry
     // writes this bag (see save).

@@ -199,6 +199,7 @@ void Library::moveImage(ResourceID id, ResourceID containerBag, const std::strin
         }
         checkFree(*_imageManager, dstPath, makeUnique);
         filesystem::createDirectoryFromUrl(filesystem::parentPath(dstPath));
+        recordMoves({{source, dstPath}});
         filesystem::moveUrl(source, dstPath);
         if (!_imageManager->rename(id, _imageManager->nameFromLocalPath(dstPath))) {
             filesystem::moveUrl(dstPath, source);
@@ -238,25 +239,43 @@ void Library::moveImages(const std::vector<ResourceID>& ids, ResourceID dstBag) 
     SharedPtr<Bag> dstM = modifyLockBag(dstBag, lock);
     if (!dstM) return;
     const std::string dstPath = dstM->localPath();
-    SharedPtr<Bag> srcM;
-    ResourceID current;
-    std::vector<std::pair<ResourceID, std::string>> moved;
+    // Where each image goes, noted in the move journal before the first file moves.
+    struct Move {
+        ResourceID id, src;
+        std::string srcPath, oldPath, newPath;
+    };
+    std::vector<Move> plan;
     for (const ResourceID& id : ids) {
         const ResourceID src = containerId(id);
         QOR_ASSERT_MSG(src.isValid() && src != dstBag,
                        "image %* has no container or lies in the destination already", id);
         if (!src.isValid() || src == dstBag) continue;
-        if (!current.isValid() || src != current) {
+        Move move{
+            id, src, getBagResourceName(src).localPath(), getImageResourceName(id).localPath(), {}};
+        const std::string relative = isBelow(move.oldPath, move.srcPath)
+                                         ? move.oldPath.substr(move.srcPath.size() + 1)
+                                         : filesystem::leaf(move.oldPath);
+        move.newPath = filesystem::pathJoin(dstPath, relative);
+        plan.push_back(std::move(move));
+    }
+    std::vector<std::pair<std::string, std::string>> noted;
+    for (const Move& move : plan) noted.emplace_back(move.oldPath, move.newPath);
+    recordMoves(noted);
+
+    SharedPtr<Bag> srcM;
+    ResourceID current;
+    std::vector<std::pair<ResourceID, std::string>> moved;
+    for (const Move& move : plan) {
+        const ResourceID& id = move.id;
+        if (!current.isValid() || move.src != current) {
             srcM.reset();  // the previous source commits
-            srcM = modifyLockBag(src, lock);
-            current = src;
+            srcM = modifyLockBag(move.src, lock);
+            current = move.src;
         }
         if (!srcM) continue;
-        const std::string srcPath = srcM->localPath();
-        const std::string oldPath = getImageResourceName(id).localPath();
-        const std::string relative = isBelow(oldPath, srcPath) ? oldPath.substr(srcPath.size() + 1)
-                                                               : filesystem::leaf(oldPath);
-        const std::string newPath = filesystem::pathJoin(dstPath, relative);
+        const std::string& srcPath = move.srcPath;
+        const std::string& oldPath = move.oldPath;
+        const std::string& newPath = move.newPath;
         try {
             if (!_imageManager->rename(id, _imageManager->nameFromLocalPath(newPath)))
                 throw LibraryException("Image already exists in destination");
