@@ -33,12 +33,10 @@ TEST_F(BagNodes, InsertMoveAndRemoveKeepParentsAndTheNodeMap) {
     for (int i = 4; i <= 40; ++i) bag.insertItem(img(i), group);
     group = bag.nodeForItem(img(4))->parent();
     EXPECT_EQ(group->childrenSize(), 37u);
-    for (const Bag::Node* node : bag.itemNodes())
-        EXPECT_EQ(bag.nodeForItem(node->item()), node);
+    for (const Bag::Node* node : bag.itemNodes()) EXPECT_EQ(bag.nodeForItem(node->item()), node);
 
     // Move item 1 into the group (a later sibling of it), before item 5.
-    const Bag::Node* moved =
-        bag.moveNode(bag.nodeForItem(img(1)), group, bag.nodeForItem(img(5)));
+    const Bag::Node* moved = bag.moveNode(bag.nodeForItem(img(1)), group, bag.nodeForItem(img(5)));
     ASSERT_NE(moved, nullptr);
     EXPECT_EQ(moved->item(), img(1));
     EXPECT_EQ(moved->parent()->groupType(), "family");
@@ -68,9 +66,9 @@ TEST_F(BagNodes, InsertWithARealSiblingAssertsAndInsertsNothing) {
     TestFolderBag bag;
     bag.insertItem(img(1), bag.rootNode());
     LogCapture log;
-    EXPECT_EQ(bag.insertNode(Bag::Node::makeItem(img(2)), bag.rootNode(),
-                             bag.nodeForItem(img(1)), true),
-              Bag::EmptyNodeIterator);
+    EXPECT_EQ(
+        bag.insertNode(Bag::Node::makeItem(img(2)), bag.rootNode(), bag.nodeForItem(img(1)), true),
+        Bag::EmptyNodeIterator);
     EXPECT_EQ(bag.rootNode()->childrenSize(), 1u);
     // A node of another tree, and a node moved before itself.
     TestFolderBag other;

@@ -28,8 +28,8 @@ TEST_F(LibraryLoad, FirstStartWithoutIndexIsLoadedAndEmpty) {
 
 TEST_F(LibraryLoad, BrokenIndexGivesAnEmptyLoadedLibrary) {
     library.reset();
-    for (const std::string& text : {std::string("<library><bag"), std::string(""),
-                                    std::string("<other/>")}) {
+    for (const std::string& text :
+         {std::string("<library><bag"), std::string(""), std::string("<other/>")}) {
         writeFile(path("library.xml"), text);
         LogCapture log;
         open();
@@ -105,8 +105,9 @@ TEST_F(LibraryLoad, UnknownBagTypeAndBrokenEntriesAreSkipped) {
               "<library><bag name='X' type='nosuch' persistent_str='X'><metadata/></bag>"
               "<note/><bag name='T' type='testlist' persistent_str='T.testlist'/>"
               "<bag name='E' type='testfolder' persistent_str=''/></library>");
-    writeFile(path("T.testlist"), "<bag name='T' type='testlist' persistent_str='T.testlist'>"
-                                  "<metadata/><settings/><group type='root'/></bag>");
+    writeFile(path("T.testlist"),
+              "<bag name='T' type='testlist' persistent_str='T.testlist'>"
+              "<metadata/><settings/><group type='root'/></bag>");
     LogCapture log;
     open();
     EXPECT_TRUE(log.contains("loadBag: Unknown bag type 'nosuch'"));
@@ -159,9 +160,9 @@ TEST_F(LibraryLoad, BagFileWithUnknownElementsAndMissingImagesKeepsTheRest) {
     library.reset();
     writeFile(path("L.testlist"),
               "<bag name='L' type='testlist' persistent_str='L.testlist'><metadata/><settings/>"
-              "<group type='root' tag:x='1'><item name='" + outside("gone.jpg") +
-                  "'/><weird/><group type='g' tag:k='v'><item name='" + outside("b.jpg") +
-                  "'/></group></group></bag>");
+              "<group type='root' tag:x='1'><item name='" +
+                  outside("gone.jpg") + "'/><weird/><group type='g' tag:k='v'><item name='" +
+                  outside("b.jpg") + "'/></group></group></bag>");
     LogCapture log;
     open();
     ResourceID id = bagNamed("L");
@@ -235,6 +236,78 @@ TEST_F(LibraryBags, RenamedFolderBagTakesItsImagesAlong) {
     EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a2));
 }
 
+// A process that ends right after a rename, before any save: the next load finds the bags where
+// they went, with their images, and the files say so afterwards.
+TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
+    ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
+    library->copyImage(sourceFile("a.jpg"), event, "sub", "", false);
+    ResourceID list = library->createBag(TestListBag::bagTypeStatic(), "L");
+    if (auto copy = library->modifyLockBag(list))
+        copy->insertImage(library->getImageId(path("Trip/sub/a.jpg")));
+    library->save({}, true);
+    library.reset();
+
+    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "Trip", "Holiday"})), 0);
+    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "L", "Best"})), 0);
+    ASSERT_TRUE(filesystem::exists(path("Holiday/sub/a.jpg")));
+    ASSERT_TRUE(filesystem::exists(path("Best.testlist")));
+    {
+        // The second child found the first rename; this load finds the second.
+        LogCapture log;
+        open();
+        EXPECT_TRUE(
+            log.contains("found at " + path("Best.testlist") + " after an interrupted move"));
+    }
+    // The names are those of the last save; the places are the new ones.
+    ResourceID trip = bagNamed("Trip");
+    ASSERT_TRUE(trip.isValid());
+    EXPECT_EQ(library->bagManager()->localPath(trip), path("Holiday"));
+    EXPECT_EQ(library->bagStateString(trip), "Regular");
+    EXPECT_EQ(imageLeaves(trip), std::vector<std::string>{"a.jpg"});
+    ResourceID a = library->getImageId(path("Holiday/sub/a.jpg"));
+    EXPECT_EQ(library->containerId(a), trip);
+    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a));
+    EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
+    reopen();
+    EXPECT_EQ(imageLeaves(bagNamed("Trip")), std::vector<std::string>{"a.jpg"});
+    EXPECT_EQ(library->bagManager()->localPath(bagNamed("L")), path("Best.testlist"));
+}
+
+// The same for images moved between bags: after the crash each image is in the bag whose folder
+// holds its file, also when one bag's file was written before the crash and the other's not.
+TEST_F(LibraryBags, MovedImagesAreFoundAfterACrashBeforeTheSave) {
+    ResourceID one = library->createBag(TestFolderBag::bagTypeStatic(), "One");
+    ResourceID two = library->createBag(TestFolderBag::bagTypeStatic(), "Two");
+    library->copyImage(sourceFile("a.jpg"), one, "", "", false);
+    library->copyImage(sourceFile("b.jpg"), one, "sub", "", false);
+    ResourceID list = library->createBag(TestListBag::bagTypeStatic(), "L");
+    if (auto copy = library->modifyLockBag(list))
+        copy->insertImage(library->getImageId(path("One/a.jpg")));
+    library->save({}, true);
+    const std::string oneBefore = readFile(path("One/.bag"));
+    library.reset();
+
+    ASSERT_EQ(waitChild(startChild({"moveimages", libraryPath(), "One", "Two"})), 0);
+    ASSERT_TRUE(filesystem::exists(path("Two/sub/b.jpg")));
+    EXPECT_EQ(readFile(path("One/.bag")), oneBefore);  // nothing saved
+    {
+        LogCapture log;
+        open();
+        EXPECT_TRUE(
+            log.contains("found at " + path("Two/sub/b.jpg") + " after an interrupted move"));
+    }
+    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    EXPECT_EQ(imageLeaves(bagNamed("Two")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    ResourceID a = library->getImageId(path("Two/a.jpg"));
+    EXPECT_EQ(library->containerId(a), bagNamed("Two"));
+    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a));
+    EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
+    reopen();
+    EXPECT_EQ(imageLeaves(bagNamed("Two")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    (void)two;
+}
+
 TEST_F(LibraryBags, RemoveForgetsAndEraseTrashesButRefusesAliens) {
     ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
     ResourceID a = library->copyImage(sourceFile("a.jpg"), event, "", "", false);
@@ -302,7 +375,8 @@ TEST_F(LibraryImages, CopyAndMoveKeepDiskManagerAndBagsInStep) {
     EXPECT_EQ(imageLeaves(e1), (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
     EXPECT_TRUE(imageLeaves(e2).empty());
     reopen();
-    EXPECT_EQ(imageLeaves(bagNamed("One")), (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
+    EXPECT_EQ(imageLeaves(bagNamed("One")),
+              (std::vector<std::string>{"a.jpg", "a_1.jpg", "b.jpg"}));
     EXPECT_TRUE(imageLeaves(bagNamed("Two")).empty());
 }
 

@@ -116,8 +116,10 @@ inline std::string readFile(const std::string& path) {
 }
 
 inline void registerTestBags(Library& library) {
-    library.registerBag(TestFolderBag::bagTypeStatic(), [] { return new TestFolderBag; }, false);
-    library.registerBag(TestListBag::bagTypeStatic(), [] { return new TestListBag; }, true);
+    library.registerBag(
+        TestFolderBag::bagTypeStatic(), [] { return new TestFolderBag; }, false);
+    library.registerBag(
+        TestListBag::bagTypeStatic(), [] { return new TestListBag; }, true);
 }
 
 }  // namespace qor::mediadb::testing

@@ -21,7 +21,8 @@ using LibraryThreads = LibraryFixture;
 TEST_F(LibraryThreads, RenamesAndMovesFromTwoThreadsWhileSavesRun) {
     std::vector<ResourceID> events;
     for (int i = 0; i < 4; ++i) {
-        events.push_back(library->createBag(TestFolderBag::bagTypeStatic(), "E" + std::to_string(i)));
+        events.push_back(
+            library->createBag(TestFolderBag::bagTypeStatic(), "E" + std::to_string(i)));
         for (int j = 0; j < 5; ++j)
             library->copyImage(sourceFile("p" + std::to_string(i) + std::to_string(j) + ".jpg"),
                                events.back(), j % 2 ? "sub" : "", "", false);
@@ -38,7 +39,8 @@ TEST_F(LibraryThreads, RenamesAndMovesFromTwoThreadsWhileSavesRun) {
         for (int n = 0; !stop; ++n) {
             const ResourceID bag = events[random() % events.size()];
             library->renameBag(bag, "T" + std::to_string(who) + "_" + std::to_string(n));
-            if (n % 5 == 0) library->renameBag(list, "List" + std::to_string(who) + "_" + std::to_string(n));
+            if (n % 5 == 0)
+                library->renameBag(list, "List" + std::to_string(who) + "_" + std::to_string(n));
             ++renames;
         }
     };
@@ -98,11 +100,43 @@ TEST_F(LibraryThreads, RenamesAndMovesFromTwoThreadsWhileSavesRun) {
 
     // And the files say the same.
     std::map<std::string, std::vector<std::string>> before;
-    for (const ResourceID& bag : library->bags()) before[library->bag(bag)->name()] = imageLeaves(bag);
+    for (const ResourceID& bag : library->bags())
+        before[library->bag(bag)->name()] = imageLeaves(bag);
     reopen();
     std::map<std::string, std::vector<std::string>> after;
-    for (const ResourceID& bag : library->bags()) after[library->bag(bag)->name()] = imageLeaves(bag);
+    for (const ResourceID& bag : library->bags())
+        after[library->bag(bag)->name()] = imageLeaves(bag);
     EXPECT_EQ(after, before);
+}
+
+// A synchronous save returns only when the bags are on disk, also those that a save running on
+// another thread (the debounced one) took first.
+TEST_F(LibraryThreads, SynchronousSaveWaitsForTheBagsAnEarlierSaveTook) {
+    ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
+    library->save({}, true);
+    library->getProperty(event, "title")->setStringValue("new title");  // marks the bag unsaved
+
+    std::atomic<bool> holding{false}, release{false};
+    std::thread holder([&] {  // keeps the bag's files busy
+        LibraryLockPtr lock = LibraryLock::acquire(path("Trip"));
+        holding = true;
+        while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    while (!holding) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::thread first([&] { library->save({}, true); });  // takes the bag, waits for its lock
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::atomic<bool> secondDone{false};
+    std::thread second([&] {
+        library->save({}, true);
+        secondDone = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(secondDone) << "save returned before the bag was written";
+    release = true;
+    holder.join();
+    first.join();
+    second.join();
+    EXPECT_NE(readFile(path("library.xml")).find("new title"), std::string::npos);
 }
 
 }  // namespace

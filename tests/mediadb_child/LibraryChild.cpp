@@ -4,13 +4,20 @@
 // threads.
 //
 //   qor_mediadb_child crash LIBRARY SOURCE_FILE JOURNAL READY_FD
-//       Loads the library, writes one byte to READY_FD, then changes and saves the library in a loop
-//       until it is killed. After each synchronous save it appends the library's state as one line
-//       to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name order.
+//       Loads the library, writes one byte to READY_FD, then changes and saves the library in a
+//       loop until it is killed. After each synchronous save it appends the library's state as one
+//       line to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name
+//       order.
+//   qor_mediadb_child rename LIBRARY FROM TO
+//       Loads the library, renames the bag FROM to TO and ends at once, as a crash would, before
+//       the debounced save has run. Exit code 0 when the rename went through.
+//   qor_mediadb_child moveimages LIBRARY FROM TO
+//       Loads the library, moves every image of the bag FROM into the bag TO and ends at once.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
-//       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and checks
-//       the log lines and the library in memory. The exit code tells the outcome (ChildResult).
+//       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
+//       checks the log lines and the library in memory. The exit code tells the outcome
+//       (ChildResult).
 
 #include <fcntl.h>
 #include <signal.h>
@@ -38,6 +45,7 @@ namespace {
 void openLibrary(Library& library) {
     registerTestBags(library);
     library.registerProperty(ResourceProperty(RptString), "title");
+    library.registerProperty(ResourceProperty(RptString), "uid");
     library.load();
 }
 
@@ -51,7 +59,8 @@ std::string stateLine(Library& library) {
         for (const ResourceID& image : b->images())
             leaves.push_back(filesystem::leaf(library.getImageResourceName(image).localPath()));
         std::sort(leaves.begin(), leaves.end());
-        std::string entry = b->bagType() + "/" + b->name() + ":";
+        std::string entry =
+            b->bagType() + "/" + library.getProperty(id, "uid")->stringValue() + ":";
         for (size_t i = 0; i < leaves.size(); ++i) entry += (i ? "," : "") + leaves[i];
         bags.push_back(entry);
     }
@@ -79,10 +88,13 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
         std::vector<ResourceID> folders = library.bags(TestFolderBag::bagTypeStatic());
         std::vector<ResourceID> lists = library.bags(TestListBag::bagTypeStatic());
         const std::string name = "p" + token + "_" + std::to_string(step);
-        switch (random() % 4) {
+        // A library of a hundred images is enough; then the runs change settings and lists.
+        const unsigned op = images.size() < 120 ? random() % 4 : 2 + random() % 2;
+        switch (op) {
             case 0:
                 if (folders.size() < 8) {
                     ResourceID bag = library.createBag(TestFolderBag::bagTypeStatic(), "E" + name);
+                    library.getProperty(bag, "uid")->setStringValue("E" + name);
                     library.copyImage(source, bag, "", name + ".jpg", false);
                     break;
                 }
@@ -95,7 +107,8 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                 break;
             case 2:
                 if (lists.size() < 4) {
-                    library.createBag(TestListBag::bagTypeStatic(), "L" + name);
+                    ResourceID bag = library.createBag(TestListBag::bagTypeStatic(), "L" + name);
+                    library.getProperty(bag, "uid")->setStringValue("L" + name);
                     break;
                 }
                 [[fallthrough]];
@@ -103,12 +116,21 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
                 if (!lists.empty() && !folders.empty()) {
                     SharedPtr<const Bag> from = library.bag(folders[random() % folders.size()]);
                     SharedPtr<Bag> list = library.modifyLockBag(lists[random() % lists.size()]);
-                    if (from && list)
-                        for (const ResourceID& image : from->images()) list->insertImage(image);
+                    if (from && list) {
+                        int count = 0;
+                        for (const ResourceID& image : from->images())
+                            if (!list->containsImage(image) && count++ < 3)
+                                list->insertImage(image);
+                    }
                 }
                 if (!folders.empty())
                     library.getProperty(folders[random() % folders.size()], "title")
                         ->setStringValue(name);
+                // And a rename: the folder or file moves at once, the index follows at the save.
+                if (!folders.empty() && random() % 2)
+                    library.renameBag(folders[random() % folders.size()], "R" + name);
+                else if (!lists.empty())
+                    library.renameBag(lists[random() % lists.size()], "R" + name);
                 break;
         }
         library.save({}, true);
@@ -170,12 +192,44 @@ int save(const std::string& libraryPath, const std::string& image, const std::st
     return code;
 }
 
+int renameAndCrash(const std::string& libraryPath, const std::string& from, const std::string& to) {
+    setLogLevel(LogWarning);
+    ImageManager images;
+    RecordingConnector connector;
+    auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
+    openLibrary(*library);
+    for (const ResourceID& id : library->bags())
+        if (library->bag(id)->name() == from) ::_exit(library->renameBag(id, to) ? 0 : 2);
+    ::_exit(3);
+}
+
+int moveImagesAndCrash(const std::string& libraryPath, const std::string& from,
+                       const std::string& to) {
+    setLogLevel(LogWarning);
+    ImageManager images;
+    RecordingConnector connector;
+    auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
+    openLibrary(*library);
+    ResourceID source, target;
+    for (const ResourceID& id : library->bags()) {
+        if (library->bag(id)->name() == from) source = id;
+        if (library->bag(id)->name() == to) target = id;
+    }
+    if (!source.isValid() || !target.isValid()) ::_exit(3);
+    const HashSet ids = library->bag(source)->images();
+    library->moveImages(std::vector<ResourceID>(ids.begin(), ids.end()), target);
+    ::_exit(library->bag(target)->images().size() == ids.size() ? 0 : 2);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
         const std::string mode = argc > 1 ? argv[1] : "";
-        if (mode == "crash" && argc == 6) return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+        if (mode == "crash" && argc == 6)
+            return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+        if (mode == "rename" && argc == 5) return renameAndCrash(argv[2], argv[3], argv[4]);
+        if (mode == "moveimages" && argc == 5) return moveImagesAndCrash(argv[2], argv[3], argv[4]);
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";

@@ -178,8 +178,7 @@ void Bag::updateChildren(const Node* node) {
     }
 }
 
-const Bag::Node* Bag::insertNode(Node node, const Node* parent, const Node* sibling,
-                                 bool update) {
+const Bag::Node* Bag::insertNode(Node node, const Node* parent, const Node* sibling, bool update) {
     QOR_ASSERT(parent != EmptyNodeIterator);
     if (!parent || !inThisTree(parent)) return EmptyNodeIterator;
     // Only moveNode places a node before a sibling.
@@ -193,13 +192,15 @@ const Bag::Node* Bag::insertNode(Node node, const Node* parent, const Node* sibl
         if (_nodeMap.count(node._item)) return EmptyNodeIterator;
     }
     Node* p = mutableNode(parent);
+    // Appending moves the siblings only when the vector grows its buffer (rarely: it doubles).
+    const bool siblingsMove = p->_children.size() == p->_children.capacity();
     p->_children.push_back(std::move(node));
     Node* inserted = &p->_children.back();
     inserted->_parent = p;
     if (inserted->_isItemNode) _nodeMap[inserted->_item] = inserted;
-    // The new node's own subtree always gets its pointers; its siblings only with `update`.
+    // The new node's own subtree always gets its pointers; moved siblings only with `update`.
     updateChildren(inserted);
-    if (update) updateChildren(parent);
+    if (update && siblingsMove) updateChildren(parent);
     return inserted;
 }
 
@@ -452,9 +453,8 @@ void Bag::writeunlock(Bag* bag, const LibraryLockPtr& lock) {
         }
         library->addUnsaved(id);
         if (lock)
-            lock->onReleased([library, id, imagesChanged] {
-                notifyUpdated(library, id, imagesChanged);
-            });
+            lock->onReleased(
+                [library, id, imagesChanged] { notifyUpdated(library, id, imagesChanged); });
         else
             notifyUpdated(library, id, imagesChanged);
     } catch (const std::exception& e) {

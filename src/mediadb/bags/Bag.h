@@ -81,9 +81,9 @@ public:
         friend class Bag;
 
         bool _isItemNode = false;
-        std::string _groupType;      // groups only
+        std::string _groupType;  // groups only
         Tags _tags;
-        ResourceID _item;            // items only
+        ResourceID _item;  // items only
         std::vector<Node> _children;
         const Node* _parent = nullptr;
     };
@@ -193,7 +193,9 @@ protected:
                            const Node* sibling = EmptyNodeIterator);
     // Appends a node (with its subtree) to `parent`'s children. Asserts that parent is a group of
     // this tree and that sibling is EmptyNodeIterator (a real sibling inserts nothing and returns
-    // EmptyNodeIterator); an item must not be in _nodeMap yet. With `update`, runs updateChildren.
+    // EmptyNodeIterator); an item must not be in _nodeMap yet. With `update`, the pointers of the
+    // siblings are right afterwards (updateChildren when the append moved them); without, the
+    // caller runs updateChildren(parent) before it uses them.
     const Node* insertNode(Node node, const Node* parent, const Node* sibling, bool update);
     // Moves a node (not the root) to `parent`, before `sibling` (a child of parent) or at the end
     // when sibling is EmptyNodeIterator. Returns its new address; moving a node before itself

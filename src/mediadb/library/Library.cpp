@@ -198,8 +198,7 @@ std::vector<ResourceID> Library::getBagsForImage(ResourceID imageId) const {
     std::vector<ResourceID> result;
     for (const ResourceID& id : bags()) {
         SharedPtr<const Bag> b = bag(id);
-        if (b && isAssociative(*b) && b->containsImage(imageId))
-            result.push_back(id);
+        if (b && isAssociative(*b) && b->containsImage(imageId)) result.push_back(id);
     }
     return result;
 }
@@ -366,6 +365,7 @@ void Library::load() {
             QOR_LOG(LogWarning, "Error in library xml file: %*", e.what());
         }
     }
+    const auto moved = recoverMovedBags();
     OnBagListUpdated.emit();
     for (const ResourceID& id : bags()) {
         if (_shuttingDown) return;
@@ -373,6 +373,15 @@ void Library::load() {
         if (b && b->persistent()) loadBag(id, false);
     }
     _loaded = true;
+    if (!moved.empty()) recoverMovedImages(moved);
+    if (recoverMovedFiles() || !moved.empty()) {
+        // Write every bag and the index as they are now; that also ends the journal's entries.
+        {
+            ScopedLock lock(_mutex);
+            for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+        }
+        save({}, true);
+    }
     OnLibraryLoaded.emit();
     QOR_LOG(LogInfo, "Library loaded");
 }
@@ -416,6 +425,11 @@ void Library::addBag(const std::string& type, ResourceID id) {
 
 bool Library::storeBag(ResourceID id, SharedPtr<const Bag> bag) {
     return _bagManager->setProperty(id, _bagProperty, std::move(bag));
+}
+
+bool Library::isBelow(const std::string& path, const std::string& folder) {
+    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           path[folder.size()] == '/';
 }
 
 std::string Library::bagFilePath(const Bag& bag, const std::string& localPath) {
@@ -481,26 +495,40 @@ void Library::save(Function0<void> callback, bool synchronous) {
             return;
         }
     } else {
+        ScopedLock saving(_saveMutex);
         std::set<ResourceID> unsaved;
+        size_t moves = 0;
         {
+            // A move marks its bags unsaved before it lets go of the library folder, so the moves
+            // taken here are written by this save.
+            FilesystemScopedLock noMove(_path, FilesystemScopedLock::Shared);
             ScopedLock lock(_mutex);
             unsaved.swap(_unsaved);
+            moves = _pendingMoves.size();
         }
         if (!unsaved.empty()) {
-            for (const ResourceID& id : unsaved) saveBag(id);
-            saveLibraryFile();
+            bool saved = true;
+            for (const ResourceID& id : unsaved) saved &= saveBag(id);
+            saved &= saveLibraryFile();
             QOR_LOG(LogInfo, "SAVING BAGS FINISHED");
+            if (saved && moves > 0) {
+                {
+                    ScopedLock lock(_mutex);
+                    _pendingMoves.erase(_pendingMoves.begin(), _pendingMoves.begin() + moves);
+                }
+                writeMoves();
+            }
         }
     }
     if (callback) callback();
 }
 
-void Library::saveBag(ResourceID id) {
+bool Library::saveBag(ResourceID id) {
     try {
-        if (!_bagManager->contains(id)) return;
+        if (!_bagManager->contains(id)) return true;
         ResourceFSScopedLock lock(_bagManager.get(), id, 1);
         SharedPtr<const Bag> b = bag(id);
-        if (!b || bagState(id) == Broken || !b->persistent() || !isListed(id)) return;
+        if (!b || bagState(id) == Broken || !b->persistent() || !isListed(id)) return true;
         const std::string filePath = bagFilePath(*b, lock.path());
         XmlDocumentRapid doc;
         NodeIterator root = doc.create("bag");
@@ -512,12 +540,14 @@ void Library::saveBag(ResourceID id) {
         b->toXml(root);
         if (!doc.save(filePath, XmlIndent, XmlDurable))
             throw LibraryException("cannot write " + filePath);
+        return true;
     } catch (const std::exception& e) {
         QOR_LOG(LogWarning, "Failed to save bag: %*", e.what());
+        return false;
     }
 }
 
-void Library::saveLibraryFile() {
+bool Library::saveLibraryFile() {
     ScopedLock fileLock(_libraryFileMutex);
     std::map<std::string, std::set<ResourceID>> bags;
     {
@@ -546,10 +576,148 @@ void Library::saveLibraryFile() {
     const std::string file = _path + kLibraryFileName;
     if (doc.save(file, XmlIndent, XmlDurable)) {
         QOR_LOG(LogInfo, "Library saved");
-    } else {
-        QOR_LOG(LogError, "Writing of the library file failed: %*", file);
-        QOR_ASSERT_MSG(0, "Writing of the library file failed: %*", file);
+        return true;
     }
+    QOR_LOG(LogError, "Writing of the library file failed: %*", file);
+    QOR_ASSERT_MSG(0, "Writing of the library file failed: %*", file);
+    return false;
+}
+
+// ---- Move journal ----
+
+void Library::recordMoves(const std::vector<std::pair<std::string, std::string>>& moves) {
+    if (moves.empty()) return;
+    {
+        ScopedLock lock(_mutex);
+        for (const auto& [from, to] : moves) {
+            // Something at `from` again: what was noted for that path before is over.
+            std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
+            _pendingMoves.emplace_back(from, to);
+        }
+    }
+    writeMoves();
+}
+
+void Library::writeMoves() {
+    ScopedLock fileLock(_movesFileMutex);
+    std::vector<std::pair<std::string, std::string>> moves;
+    {
+        ScopedLock lock(_mutex);
+        moves = _pendingMoves;
+    }
+    const std::string file = _path + MovesFileName;
+    if (moves.empty()) {
+        try {
+            filesystem::removeFile(file);
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: cannot remove the move journal: %*", e.what());
+        }
+        return;
+    }
+    XmlDocumentRapid doc;
+    NodeIterator root = doc.create("moves");
+    for (const auto& [from, to] : moves)
+        root.appendChild("move")
+            .appendAttribute("from", _bagManager->nameFromLocalPath(from).persistentString())
+            .appendAttribute("to", _bagManager->nameFromLocalPath(to).persistentString());
+    if (!doc.save(file, XmlIndent, XmlDurable))
+        QOR_LOG(LogWarning, "Library: cannot write the move journal %*", file);
+}
+
+std::vector<std::pair<std::string, std::string>> Library::recoverMovedBags() {
+    std::vector<std::pair<std::string, std::string>> moved;
+    XmlDocumentRapid doc;
+    if (!filesystem::exists(_path + MovesFileName) || !doc.load(_path + MovesFileName, true))
+        return moved;
+    std::vector<std::pair<std::string, std::string>> moves;
+    for (NodeIterator move : doc.root().children("move")) {
+        try {
+            moves.emplace_back(
+                _bagManager->nameFromPersistentString(move.attribute("from")).localPath(),
+                _bagManager->nameFromPersistentString(move.attribute("to")).localPath());
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: bad entry in the move journal: %*", e.what());
+        }
+    }
+    {
+        ScopedLock lock(_mutex);
+        _pendingMoves = moves;  // kept until a save has written where the bags are now
+    }
+    for (const ResourceID& id : bags()) {
+        const std::string start = _bagManager->localPath(id);
+        if (filesystem::exists(start)) continue;
+        // Follow the moves of this path, the latest for each step.
+        std::string at = start;
+        for (size_t step = 0; step < moves.size(); ++step) {
+            auto next = std::find_if(moves.rbegin(), moves.rend(),
+                                     [&](const auto& move) { return move.first == at; });
+            if (next == moves.rend()) break;
+            at = next->second;
+        }
+        if (at == start || !filesystem::exists(at) || bagIdFromLocalPath(at).isValid()) continue;
+        if (_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) {
+            QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
+            moved.emplace_back(start, at);
+        }
+    }
+    return moved;
+}
+
+void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved) {
+    for (const auto& [from, to] : moved) {
+        for (const ResourceID& image : _imageManager->ids()) {
+            ResourceName name;
+            if (!_imageManager->tryGetName(image, name) || !isBelow(name.localPath(), from))
+                continue;
+            const std::string target = to + name.localPath().substr(from.size());
+            // A bag saved after the move may have named the image by its new path already: the
+            // two resources are one picture, and the container's keeps its place.
+            const ResourceID twin = _imageManager->findLocalPath(target);
+            if (twin.isValid() && twin != image) {
+                if (containerId(twin).isValid()) continue;
+                replaceImageInAssociativeBags(twin, image);
+                _imageManager->remove(twin);
+            }
+            _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
+        }
+    }
+}
+
+bool Library::recoverMovedFiles() {
+    std::vector<std::pair<std::string, std::string>> moves;
+    {
+        ScopedLock lock(_mutex);
+        moves = _pendingMoves;
+    }
+    bool recovered = false;
+    for (const auto& [from, to] : moves) {
+        const ResourceID image = _imageManager->findLocalPath(from);
+        if (!image.isValid() || filesystem::exists(from) || !filesystem::exists(to)) continue;
+        recovered = true;
+        QOR_LOG(LogWarning, "Library: image %* found at %* after an interrupted move", from, to);
+        const ResourceID twin = _imageManager->findLocalPath(to);
+        if (twin.isValid() && twin != image) {
+            // The destination was saved with the image: the source's entry is stale.
+            if (SharedPtr<Bag> copy = modifyLockBag(containerId(image)))
+                if (copy->containsImage(image)) copy->removeImage(image);
+            replaceImageInAssociativeBags(image, twin);
+            _imageManager->remove(image);
+            continue;
+        }
+        _imageManager->rename(image, _imageManager->nameFromLocalPath(to));
+        // Into the bag whose folder holds the file now.
+        ResourceID target;
+        for (const ResourceID& id : bags()) {
+            SharedPtr<const Bag> b = bag(id);
+            if (b && isContainer(*b) && isBelow(to, getBagResourceName(id).localPath()))
+                target = id;
+        }
+        const ResourceID source = containerId(image);
+        if (!target.isValid() || target == source) continue;
+        if (SharedPtr<Bag> copy = modifyLockBag(source)) copy->removeImage(image);
+        if (SharedPtr<Bag> copy = modifyLockBag(target)) copy->insertImage(image);
+    }
+    return recovered;
 }
 
 // ---- Postponed notices ----

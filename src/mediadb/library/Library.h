@@ -29,8 +29,8 @@
 // - Every public member may be called from any thread. load and the saves run on _taskGroup (at
 //   priority -50) when started asynchronously.
 // - Writers serialise on path locks (FilesystemScopedLock, LibraryLock, ResourceFSScopedLock),
-//   taken before a bag copy is made. A lock on the library folder covers every bag. Path lock order:
-//   the library folder before a bag's path before an image's path.
+//   taken before a bag copy is made. A lock on the library folder covers every bag. Path lock
+//   order: the library folder before a bag's path before an image's path.
 // - _mutex guards _bags, _unsaved, _postponed, the aux extension list and the item tags. It is a
 //   leaf taken after any path lock, held only for map and set changes, never during file work,
 //   signal emission or calls into other objects (bags, the cache connector).
@@ -68,6 +68,8 @@ class ILibraryCacheConnector;
 class Library {
 public:
     enum BagState { Regular = 0, Broken = 1 };
+    // The move journal in the library folder (see recordMove).
+    static constexpr const char* MovesFileName = ".moves.xml";
 
     using PropertyMap = std::map<std::string, SharedPtr<ResourceProperty>>;
     using Tags = std::map<std::string, std::string>;
@@ -118,14 +120,17 @@ public:
     void load();
     // load on the task group, at priority -50. Does not block.
     void loadAsync();
-    // Writes the unsaved bags and then library.xml. Synchronous: on this thread, blocks.
+    // Writes the unsaved bags and then library.xml. Synchronous: on this thread, blocks (also
+    // until a save running on another thread has ended); not to be called while this thread holds
+    // a bag copy or a LibraryLock.
     // Asynchronous: posted to the task group when anything is unsaved. Then calls `callback`.
     void save(Function0<void> callback = {}, bool synchronous = false);
     // Writes one bag's file (blocks on its path lock); a broken bag is never written. Failures are
-    // logged ("Failed to save bag: %*").
-    void saveBag(ResourceID id);
-    // Writes library.xml. Failures are logged ("Writing of the library file failed: %*").
-    void saveLibraryFile();
+    // logged ("Failed to save bag: %*") and give false.
+    bool saveBag(ResourceID id);
+    // Writes library.xml. Failures are logged ("Writing of the library file failed: %*") and give
+    // false.
+    bool saveLibraryFile();
     // Marks a bag for the next save and triggers the debounced save; nothing before load ended.
     void addUnsaved(ResourceID id);
     // Stops the background work (the task group, the save debouncer) and saves synchronously.
@@ -168,14 +173,15 @@ public:
     // The bag's settings (empty map when none).
     SharedPtr<const PropertyMap> propertyMap(ResourceID bagId) const;
     // The bag's setting `key`, created from the prototype on first use; its changes are saved. An
-    // unregistered key asserts and gives null; an unknown bag gives a detached copy.
+    // unregistered key asserts and gives null; an unknown bag gives a detached copy. The property
+    // calls back into the library when it changes: do not change it after the library has gone.
     SharedPtr<ResourceProperty> getProperty(ResourceID bagId, const std::string& key);
     std::string itemTag(ResourceID imageId, const std::string& key) const;
     Tags itemTags(ResourceID imageId) const;
     // Stores a tag and marks the image's container unsaved.
     void setItemTag(ResourceID imageId, const std::string& key, const std::string& value);
 
-    BagState bagState(ResourceID id) const;  // Regular for an unknown id
+    BagState bagState(ResourceID id) const;           // Regular for an unknown id
     std::string bagStateString(ResourceID id) const;  // "Regular" or "Broken"
     void setBagState(ResourceID id, BagState state);
     // Reads the bag's file again when it is broken (a broken bag repairs itself once its file is
@@ -184,7 +190,8 @@ public:
 
     // ---- Bags ----
 
-    // A mutable copy of the bag (see Bag::modifyLock); null for an unknown bag.
+    // A mutable copy of the bag (see Bag::modifyLock); null for an unknown bag. The copy commits
+    // into this library when it goes, so it must go before the library does.
     SharedPtr<Bag> modifyLockBag(const SharedPtr<const Bag>& bag, LibraryLockPtr lock = nullptr);
     SharedPtr<Bag> modifyLockBag(ResourceID id, LibraryLockPtr lock = nullptr);
 
@@ -239,9 +246,10 @@ public:
     void removeImages(const std::vector<ResourceID>& ids);
     // Moves image files (and their auxiliary files) to the recycle bin and forgets the images whose
     // files went. `flag` and `callback` go to the recycle bin.
-    void eraseImages(const std::vector<ResourceID>& ids, int flag = 0,
-                     EraseCallback callback = {});
+    void eraseImages(const std::vector<ResourceID>& ids, int flag = 0, EraseCallback callback = {});
     void removeImagesFromAssociativeBags(const std::vector<ResourceID>& ids);
+    // Puts newId in the place of oldId in every associative bag that holds oldId (a bag that holds
+    // both keeps newId only).
     void replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId);
     // Adds the files at a "file:" url or path (a folder recursively) to the ImageManager; true when
     // it was a folder.
@@ -295,33 +303,62 @@ private:
     bool storeBag(ResourceID id, SharedPtr<const Bag> bag);
     friend class Bag;
 
-    void checkUniqueName(const std::string& type, const std::string& name,
-                         ResourceID except) const;
+    void checkUniqueName(const std::string& type, const std::string& name, ResourceID except) const;
     std::string uniqueBagPath(const std::string& base, const std::string& name,
                               const std::string& extension) const;
     void internalMoveBag(ResourceID id, const std::string& folder, const std::string& name);
     ResourceID internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag);
     void forgetBag(ResourceID id, const SharedPtr<const Bag>& bag);
+
+    // The move journal. A move of a bag or an image file changes the disk at once but library.xml
+    // and the .bag files only at the next save; a crash in between would leave the index naming a
+    // path that is gone. So each move is first noted in the journal file (MovesFileName, written
+    // crash-safe), and a synchronous save that wrote every bag it took and library.xml drops the
+    // moves noted before it began. load follows the noted moves of a bag whose path is gone to
+    // where it went, with the images below it, and saves the library.
+    void recordMoves(const std::vector<std::pair<std::string, std::string>>& moves);
+    void writeMoves();
+    // Moves that load found done but not yet in the files: (old path, new path).
+    std::vector<std::pair<std::string, std::string>> recoverMovedBags();
+    // The images below the recovered bags follow them.
+    void recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved);
+    // Image files moved between bags: the image takes its new path and the bag whose folder holds
+    // it. True when anything was recovered.
+    bool recoverMovedFiles();
+    class ContainerCopy;
+    // Takes an image out of its container (through `copies`), tells the cache connector and
+    // removes it from the ImageManager.
+    void forgetImage(ResourceID id, ContainerCopy& copies, const std::string& path);
+    // True when `path` lies below `folder`.
+    static bool isBelow(const std::string& path, const std::string& folder);
     void moveAuxiliaryFiles(const std::string& oldPath, const std::string& newPath);
     std::vector<std::string> auxiliaryExtensions() const;
     bool isUniqueType(const std::string& type) const;
 
     thread::TaskGroup _taskGroup;
-    ILibraryCacheConnector* const _cacheConnector;  // not owned
-    std::string _path;                                // normalised, ends in '/'
-    ScopedPtr<ResourceManager> _bagManager;           // bag resources, names relative to _path
+    ILibraryCacheConnector* const _cacheConnector;   // not owned
+    std::string _path;                               // normalised, ends in '/'
+    ScopedPtr<ResourceManager> _bagManager;          // bag resources, names relative to _path
     std::map<std::string, BagTypeRecord> _bagTypes;  // written only before load
     std::map<std::string, ScopedPtr<ResourceProperty>> _bpRegister;  // written only before load
 
+    // Serialises synchronous saves, so that one returns only after the bags that an earlier one
+    // took are written. Held for the whole save, file work included; taken before any path lock.
+    thread::Mutex _saveMutex;
     // Serialises the writes of library.xml, so that a later snapshot is never overwritten by an
     // earlier one. Held during the write; taken after any path lock, before _mutex.
     thread::Mutex _libraryFileMutex;
-    mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(_libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
+    // Serialises the writes of the move journal; taken after path locks, before _mutex.
+    thread::Mutex _movesFileMutex;
+    mutable thread::Mutex _mutex QOR_ACQUIRED_AFTER(
+        _libraryFileMutex);  // guards the fields below; a leaf (see the class comment)
     std::vector<std::string> _auxExtensions QOR_GUARDED_BY(_mutex);
     std::map<ResourceID, std::vector<Function0<void>>> _postponed QOR_GUARDED_BY(_mutex);
     std::string _initialBagPath QOR_GUARDED_BY(_mutex);
     std::map<std::string, SharedPtr<std::set<ResourceID>>> _bags QOR_GUARDED_BY(_mutex);
     std::set<ResourceID> _unsaved QOR_GUARDED_BY(_mutex);
+    // Noted bag moves, oldest first: (old, new) local paths; one entry per old path.
+    std::vector<std::pair<std::string, std::string>> _pendingMoves QOR_GUARDED_BY(_mutex);
 
     ImageManager* const _imageManager;  // not owned
     ResourcePropertyKey<SharedPtr<const Bag>> _bagProperty;

@@ -14,16 +14,6 @@
 
 namespace qor::mediadb {
 
-namespace {
-
-// True when `path` is `folder` or lies below it.
-bool isBelow(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           path[folder.size()] == '/';
-}
-
-}  // namespace
-
 // ---- Mutable copies ----
 
 SharedPtr<Bag> Library::modifyLockBag(const SharedPtr<const Bag>& bag, LibraryLockPtr lock) {
@@ -192,7 +182,11 @@ void Library::internalMoveBag(ResourceID id, const std::string& folder, const st
     if (_bagManager->nameFromLocalPath(wanted).localPath() == oldPath) return;  // no move
     const std::string newPath = uniqueBagPath(targetFolder, fsName, extension);
 
+    recordMoves({{oldPath, newPath}});
     _bagManager->rename(id, _bagManager->nameFromLocalPath(newPath));
+    // Marked while the library folder is locked, so that the save that drops the journal entry
+    // writes this bag (see save).
+    addUnsaved(id);
     if (!filesystem::exists(oldPath)) {
         QOR_LOG(LogWarning, "Bag cannot be moved because the path (%*) doesn't exist", oldPath);
         return;
@@ -292,13 +286,12 @@ void Library::eraseBag(ResourceID id, bool checkAliens) {
             if (!b->persistent()) return;
             path = _bagManager->localPath(id);
             if (filesystem::exists(path)) {
-                if (isContainer(*b) && checkAliens &&
-                    filesystem::isDirectory(path)) {
+                if (isContainer(*b) && checkAliens && filesystem::isDirectory(path)) {
                     for (filesystem::UrlIterator it(path); it.valid(); it.next()) {
                         const std::string& entry = it.name();
                         if ((entry == "originals" && it.isDirectory()) || entry == ".bag" ||
-                            entry == "Thumbs.db" || b->containsImage(_imageManager->findLocalPath(
-                                                        it.path())))
+                            entry == "Thumbs.db" ||
+                            b->containsImage(_imageManager->findLocalPath(it.path())))
                             continue;
                         QOR_LOG(LogWarning, "ContainerBag::hasAliens: %*", it.path());
                         throw AliensInLibraryException(

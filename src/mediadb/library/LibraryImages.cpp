@@ -16,11 +16,6 @@ namespace qor::mediadb {
 
 namespace {
 
-bool isBelow(const std::string& path, const std::string& folder) {
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-           path[folder.size()] == '/';
-}
-
 // The file beside `path` with the same stem and extension `ext`.
 std::string auxiliaryPath(const std::string& path, const std::string& ext) {
     return filesystem::pathJoin(filesystem::parentPath(path),
@@ -43,8 +38,7 @@ void Library::addImages(const std::vector<std::string>& paths, std::vector<Resou
     QOR_ASSERT(ids.size() == paths.size());
 }
 
-ResourceID Library::internalAdoptImage(const std::string& relativePath,
-                                       const SharedPtr<Bag>& bag) {
+ResourceID Library::internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag) {
     const std::string path = filesystem::pathJoin(bag->localPath(), relativePath);
     ResourceID id =
         _imageManager->add(_imageManager->nameFromLocalPath(path), ResourceManager::AddOrFind);
@@ -93,14 +87,14 @@ std::string destinationPath(const ImageManager& images, const std::string& bagPa
                             const std::string& relativeFolder, const std::string& name,
                             const std::string& source, bool makeUnique) {
     const std::string leaf = name.empty() ? filesystem::leaf(source) : name;
-    std::string dst = images.nameFromLocalPath(filesystem::pathJoin(
-                                                   filesystem::pathJoin(bagPath, relativeFolder),
-                                                   leaf))
+    std::string dst = images
+                          .nameFromLocalPath(filesystem::pathJoin(
+                              filesystem::pathJoin(bagPath, relativeFolder), leaf))
                           .localPath();
     if (makeUnique) {
         const std::string base = dst;
-        for (int attempt = 1; dst != source && (filesystem::exists(dst) ||
-                                                images.findLocalPath(dst).isValid());
+        for (int attempt = 1;
+             dst != source && (filesystem::exists(dst) || images.findLocalPath(dst).isValid());
              ++attempt)
             dst = images.nameHandler()->uniquePath(base, attempt);
     }
@@ -164,14 +158,14 @@ ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containe
 ResourceID Library::copyImage(ResourceID sourceId, ResourceID containerBag,
                               const std::string& relativeFolder, const std::string& name,
                               bool makeUnique) {
-    return copyImage(getImageResourceName(sourceId).localPath(), containerBag, relativeFolder,
-                     name, makeUnique);
+    return copyImage(getImageResourceName(sourceId).localPath(), containerBag, relativeFolder, name,
+                     makeUnique);
 }
 
 void Library::copyImages() { QOR_ASSERT_MSG(0, "copyImages is not supported"); }
 
-void Library::moveImage(ResourceID id, const std::string& relativeFolder,
-                        const std::string& name, bool makeUnique) {
+void Library::moveImage(ResourceID id, const std::string& relativeFolder, const std::string& name,
+                        bool makeUnique) {
     ResourceID container = containerId(id);
     if (!container.isValid()) throw LibraryException("Move failed: image has no container");
     SharedPtr<const Bag> b = bag(container);
@@ -205,6 +199,7 @@ void Library::moveImage(ResourceID id, ResourceID containerBag, const std::strin
         }
         checkFree(*_imageManager, dstPath, makeUnique);
         filesystem::createDirectoryFromUrl(filesystem::parentPath(dstPath));
+        recordMoves({{source, dstPath}});
         filesystem::moveUrl(source, dstPath);
         if (!_imageManager->rename(id, _imageManager->nameFromLocalPath(dstPath))) {
             filesystem::moveUrl(dstPath, source);
@@ -244,26 +239,43 @@ void Library::moveImages(const std::vector<ResourceID>& ids, ResourceID dstBag) 
     SharedPtr<Bag> dstM = modifyLockBag(dstBag, lock);
     if (!dstM) return;
     const std::string dstPath = dstM->localPath();
-    SharedPtr<Bag> srcM;
-    ResourceID current;
-    std::vector<std::pair<ResourceID, std::string>> moved;
+    // Where each image goes, noted in the move journal before the first file moves.
+    struct Move {
+        ResourceID id, src;
+        std::string srcPath, oldPath, newPath;
+    };
+    std::vector<Move> plan;
     for (const ResourceID& id : ids) {
         const ResourceID src = containerId(id);
         QOR_ASSERT_MSG(src.isValid() && src != dstBag,
                        "image %* has no container or lies in the destination already", id);
         if (!src.isValid() || src == dstBag) continue;
-        if (!current.isValid() || src != current) {
+        Move move{
+            id, src, getBagResourceName(src).localPath(), getImageResourceName(id).localPath(), {}};
+        const std::string relative = isBelow(move.oldPath, move.srcPath)
+                                         ? move.oldPath.substr(move.srcPath.size() + 1)
+                                         : filesystem::leaf(move.oldPath);
+        move.newPath = filesystem::pathJoin(dstPath, relative);
+        plan.push_back(std::move(move));
+    }
+    std::vector<std::pair<std::string, std::string>> noted;
+    for (const Move& move : plan) noted.emplace_back(move.oldPath, move.newPath);
+    recordMoves(noted);
+
+    SharedPtr<Bag> srcM;
+    ResourceID current;
+    std::vector<std::pair<ResourceID, std::string>> moved;
+    for (const Move& move : plan) {
+        const ResourceID& id = move.id;
+        if (!current.isValid() || move.src != current) {
             srcM.reset();  // the previous source commits
-            srcM = modifyLockBag(src, lock);
-            current = src;
+            srcM = modifyLockBag(move.src, lock);
+            current = move.src;
         }
         if (!srcM) continue;
-        const std::string srcPath = srcM->localPath();
-        const std::string oldPath = getImageResourceName(id).localPath();
-        const std::string relative =
-            isBelow(oldPath, srcPath) ? oldPath.substr(srcPath.size() + 1)
-                                      : filesystem::leaf(oldPath);
-        const std::string newPath = filesystem::pathJoin(dstPath, relative);
+        const std::string& srcPath = move.srcPath;
+        const std::string& oldPath = move.oldPath;
+        const std::string& newPath = move.newPath;
         try {
             if (!_imageManager->rename(id, _imageManager->nameFromLocalPath(newPath)))
                 throw LibraryException("Image already exists in destination");
@@ -289,24 +301,41 @@ void Library::moveImages(const std::vector<ResourceID>& ids, ResourceID dstBag) 
 
 // ---- Remove and erase ----
 
+// The mutable copy of the container of successive images, kept while the container stays the same;
+// the previous copy commits when another container comes.
+class Library::ContainerCopy {
+public:
+    explicit ContainerCopy(Library& library) : _library(library) {}
+    // The copy of `bagId`, null for an invalid id or an unknown bag.
+    Bag* of(ResourceID bagId) {
+        if (!bagId.isValid()) return nullptr;
+        if (!_id.isValid() || bagId != _id) {
+            _copy.reset();
+            _copy = _library.modifyLockBag(bagId);
+            _id = bagId;
+        }
+        return _copy.get();
+    }
+
+private:
+    Library& _library;
+    ResourceID _id;
+    SharedPtr<Bag> _copy;
+};
+
+void Library::forgetImage(ResourceID id, ContainerCopy& copies, const std::string& path) {
+    if (Bag* container = copies.of(containerId(id)))
+        if (container->containsImage(id)) container->removeImage(id);
+    if (_cacheConnector) _cacheConnector->imageRemoved(id, path);
+    _imageManager->remove(id);
+}
+
 void Library::removeImages(const std::vector<ResourceID>& ids) {
     removeImagesFromAssociativeBags(ids);
-    SharedPtr<Bag> copy;
-    ResourceID current;
+    ContainerCopy copies(*this);
     for (const ResourceID& id : ids) {
         try {
-            const ResourceID container = containerId(id);
-            if (container.isValid()) {
-                if (!current.isValid() || container != current) {
-                    copy.reset();
-                    copy = modifyLockBag(container);
-                    current = container;
-                }
-                if (copy) copy->removeImage(id);
-            }
-            if (_cacheConnector)
-                _cacheConnector->imageRemoved(id, getImageResourceName(id).localPath());
-            _imageManager->remove(id);
+            forgetImage(id, copies, getImageResourceName(id).localPath());
         } catch (const std::exception& e) {
             QOR_LOG(LogWarning, "Cannot remove image %*: %*", id, e.what());
         }
@@ -319,21 +348,13 @@ void Library::eraseImages(const std::vector<ResourceID>& ids, int flag, EraseCal
     std::vector<std::pair<ResourceID, std::string>> noted;
     const std::vector<std::string> extensions = auxiliaryExtensions();
     {
-        SharedPtr<Bag> copy;
-        ResourceID current;
+        ContainerCopy copies(*this);
         for (const ResourceID& id : ids) {
             try {
-                const ResourceID container = containerId(id);
-                if (container.isValid() && (!current.isValid() || container != current)) {
-                    copy.reset();
-                    copy = modifyLockBag(container);
-                    current = container;
-                }
                 const std::string path = getImageResourceName(id).localPath();
                 if (!filesystem::exists(path)) {
-                    if (copy && container.isValid() && container == current) copy->removeImage(id);
-                    if (_cacheConnector) _cacheConnector->imageRemoved(id, path);
-                    _imageManager->remove(id);
+                    // Nothing to move to the recycle bin: forgotten at once.
+                    forgetImage(id, copies, path);
                     continue;
                 }
                 items.push_back({id, path});
@@ -350,23 +371,12 @@ void Library::eraseImages(const std::vector<ResourceID>& ids, int flag, EraseCal
     if (items.empty()) return;
     eos::moveToRecycleBin(items, flag, callback);
 
-    SharedPtr<Bag> copy;
-    ResourceID current;
+    ContainerCopy copies(*this);
     for (const auto& [id, path] : noted) {
         if (filesystem::exists(path)) continue;  // the file survived: the image stays
         try {
-            const ResourceID container = containerId(id);
-            QOR_ASSERT_TEXT(container.isValid(), "container");
-            if (container.isValid()) {
-                if (!current.isValid() || container != current) {
-                    copy.reset();
-                    copy = modifyLockBag(container);
-                    current = container;
-                }
-                if (copy) copy->removeImage(id);
-            }
-            if (_cacheConnector) _cacheConnector->imageRemoved(id, path);
-            _imageManager->remove(id);
+            QOR_ASSERT_TEXT(containerId(id).isValid(), "container");
+            forgetImage(id, copies, path);
         } catch (const std::exception& e) {
             QOR_LOG(LogWarning, "Cannot erase image %*: %*", id, e.what());
         }
@@ -389,9 +399,11 @@ void Library::removeImagesFromAssociativeBags(const std::vector<ResourceID>& ids
 void Library::replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId) {
     for (const ResourceID& bagId : associativeBags(oldId)) {
         SharedPtr<Bag> copy = modifyLockBag(bagId);
-        if (!copy || !isAssociative(*copy) || !copy->containsImage(oldId) ||
-            copy->containsImage(newId))
+        if (!copy || !isAssociative(*copy) || !copy->containsImage(oldId)) continue;
+        if (copy->containsImage(newId)) {
+            copy->removeImage(oldId);  // holds both: one place is enough
             continue;
+        }
         // In place, so that the order of the bag is kept.
         copy->replaceItem(oldId, newId);
         removeAssociativeBagOfImage(oldId, bagId);

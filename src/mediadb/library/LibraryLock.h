@@ -3,8 +3,8 @@
 // with functions to run after it has been released.
 //
 // A writer that changes bags takes one lock (on a bag's path, or on the library folder for a batch
-// that touches several bags) and hands it to Library::modifyLockBag for each copy. Each copy commits
-// when its last reference goes (Bag::writeunlock) and queues its update notice here with
+// that touches several bags) and hands it to Library::modifyLockBag for each copy. Each copy
+// commits when its last reference goes (Bag::writeunlock) and queues its update notice here with
 // onReleased; the notices run when the last holder of the lock lets it go, on that thread, after
 // the path lock is released, so that a listener may read the bag or lock it again without a
 // deadlock.

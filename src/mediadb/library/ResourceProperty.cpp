@@ -149,8 +149,7 @@ void ResourceProperty::fromString(std::string_view text) {
             return;
         case RptBagId: {
             Library* lib = library();
-            store(RptBagId, lib ? lib->bagIdFromPersistentString(text) : InvalidResourceID,
-                  false);
+            store(RptBagId, lib ? lib->bagIdFromPersistentString(text) : InvalidResourceID, false);
             return;
         }
         case RptBagIdList:

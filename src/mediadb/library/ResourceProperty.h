@@ -96,8 +96,8 @@ private:
     void store(ResourcePropertyType wanted, Value value, bool notify);
 
     const ResourcePropertyType _type;
-    mutable thread::Mutex _mutex;                    // guards the fields below
-    Value _value QOR_GUARDED_BY(_mutex);             // monostate while empty
+    mutable thread::Mutex _mutex;         // guards the fields below
+    Value _value QOR_GUARDED_BY(_mutex);  // monostate while empty
     Library* _library QOR_GUARDED_BY(_mutex) = nullptr;
     Function0<void> _callback QOR_GUARDED_BY(_mutex);
 };
