@@ -93,7 +93,9 @@ TEST(LibraryCrash, KilledWhileSavingLosesNoSavedBagOrImage) {
             for (const ResourceID& image : b->images()) {
                 const std::string file = library.getImageResourceName(image).localPath();
                 leaves.insert(filesystem::leaf(file));
-                if (b->isFolder()) EXPECT_TRUE(filesystem::exists(file)) << file;
+                if (b->isFolder()) {
+                    EXPECT_TRUE(filesystem::exists(file)) << file;
+                }
             }
         }
         // An image of a folder bag must be in one folder bag, and in one only.
