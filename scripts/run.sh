@@ -97,3 +97,25 @@ status=0
 [ "$status" -eq 1 ] || { echo "qor cache check after a change: exit status $status, not 1" >&2; exit 1; }
 "$QOR" cache get "$SAMPLES/tower.jpg" --cache "$SAMPLES/cache" --field FNumber
 "$QOR" cache check --cache "$SAMPLES/cache"
+# A library session: an event filled from the samples, a collection of one of its pictures, the
+# pictures rated 4 (the tower, through the metadata cache), a move between events, a rename, and an
+# event erased to a recycle bin of the samples' own (XDG_DATA_HOME), not the user's.
+LIB="$SAMPLES/Photos"
+export XDG_DATA_HOME="$SAMPLES/xdg"
+exiv2 -M"set Xmp.xmp.Rating 4" "$SAMPLES/tower.jpg"
+"$QOR" library init --library "$LIB"
+"$QOR" bag create event Harbour --library "$LIB"
+"$QOR" bag create event Trip --library "$LIB"
+"$QOR" bag create collection Favourites --library "$LIB"
+"$QOR" bag add Harbour "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" --library "$LIB"
+"$QOR" bag add Favourites "$LIB/Harbour/tower.jpg" --library "$LIB"
+"$QOR" stars 4 --library "$LIB"
+"$QOR" bag move Trip "$LIB/Harbour/harbour.jpg" --library "$LIB"
+"$QOR" bag rename Harbour Towers --library "$LIB"
+"$QOR" ls --library "$LIB"
+"$QOR" ls Favourites --json --library "$LIB"
+"$QOR" bag erase Trip --library "$LIB"
+"$QOR" ls --library "$LIB"
+status=0
+"$QOR" bag create collection FAVOURITES --library "$LIB" || status=$?
+[ "$status" -eq 1 ] || { echo "qor bag create of a taken collection name: exit status $status, not 1" >&2; exit 1; }

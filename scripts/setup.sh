@@ -18,6 +18,8 @@ PACKAGES=(
     libsqlite3-dev libssl-dev
     # locale sources: a test makes a German locale (decimal comma) with localedef
     locales
+    # the recycle bin (freedesktop.org trash through GIO)
+    libglib2.0-dev
     # Unicode case mapping and UTF conversions
     libicu-dev
     # OpenGL headless through EGL on Mesa (llvmpipe)

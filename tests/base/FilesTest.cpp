@@ -19,6 +19,7 @@
 #include "base/filesystem/RandomAccessFile.h"
 #include "text/TextUtils.h"
 #include "../support/TempDir.h"
+#include "FileTestHelpers.h"
 
 using namespace qor;
 using namespace qor::filesystem;
@@ -26,23 +27,9 @@ using namespace qor::filesystem;
 namespace {
 
 using qor::test::TempDir;
-
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> listNames(const std::string& folder) {
-    std::vector<std::string> names;
-    for (UrlIterator it(folder); it.valid(); it.next()) names.push_back(it.name());
-    return names;
-}
+using qor::test::listNames;
+using qor::test::readText;
+using qor::test::writeText;
 
 // Whether another thread could take this lock right now (locks never wait for their own thread).
 bool lockableFromOtherThread(const std::string& path, int mode) {

@@ -64,5 +64,9 @@ int runChecksum(const std::vector<std::string>& args);
 int runExport(const std::vector<std::string>& args);
 int runGpuInfo(const std::vector<std::string>& args);
 int runCache(const std::vector<std::string>& args);
+int runLibrary(const std::vector<std::string>& args);
+int runLs(const std::vector<std::string>& args);
+int runBag(const std::vector<std::string>& args);
+int runStars(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

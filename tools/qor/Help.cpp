@@ -71,6 +71,18 @@ const OptionInfo kCacheOptions[] = {
     {"--json", nullptr, "get: print one JSON array with an object per file"},
 };
 
+constexpr const char* kLibraryText =
+    "the library folder (default: the environment variable QOR_LIBRARY)";
+const OptionInfo kLibraryOptions[] = {{"--library", "DIR", kLibraryText}};
+const OptionInfo kListOptions[] = {
+    {"--library", "DIR", kLibraryText},
+    {"--json", nullptr, "print one JSON array with an object per bag or per image"},
+};
+const OptionInfo kStarsOptions[] = {
+    {"--library", "DIR", kLibraryText},
+    {"--json", nullptr, "print one JSON array of the files"},
+};
+
 const CommandInfo kCommands[] = {
     {"help",
      "list the subcommands, or show the help of one",
@@ -154,6 +166,37 @@ const CommandInfo kCommands[] = {
      "read gives one line on standard error and exit status 1.",
      kCacheOptions, "qor cache get photo.jpg --cache ~/.cache/qor --field FNumber --json",
      runCache},
+    {"library", "make a photo library", "init --library DIR",
+     "Makes an empty photo library in DIR (made when missing): its index file library.xml. Bags "
+     "made later go into the folder, as folders (events) or files (collections). A folder that "
+     "holds a library already is refused with exit status 1.",
+     kLibraryOptions, "qor library init --library ~/Photos", runLibrary},
+    {"ls", "list the bags of the library, or the images of one", "[BAG] [--json]",
+     "Without BAG, one line per bag: name, type (event, collection ...), state (Regular, or "
+     "Broken when its file cannot be read) and number of images. With BAG, the bag's images in "
+     "their order, one file a line; the images of a family (an original with its edited "
+     "versions) are indented below 'family:' with their role. --json prints an array of "
+     "{\"name\", \"type\", \"state\", \"images\"} objects, or for a bag of {\"file\", "
+     "\"family\", \"tags\"} objects. A bag is named by its name.",
+     kListOptions, "qor ls Trip --json --library ~/Photos", runLs},
+    {"bag", "create, rename, remove or fill bags",
+     "create TYPE NAME | rename BAG NEWNAME | rm BAG | erase BAG | add BAG FILE... | "
+     "move BAG IMAGE...",
+     "'create' makes a bag of TYPE (event: a folder that holds its pictures; collection: a list "
+     "of pictures of events) and prints its path; an event named like another gets the folder "
+     "NAME_1, a collection named like another (in any capitals) is refused. 'rename' renames a "
+     "bag and its folder or file. 'rm' forgets a bag and its images, leaving the files. 'erase' "
+     "moves a bag's folder or file to the recycle bin and forgets it; an event folder holding "
+     "files that are none of its pictures is refused. 'add' copies files into an event (a name "
+     "taken gets _1), or adds pictures of the library to a collection. 'move' moves pictures of "
+     "the library into another event, files included. Errors print one line and give exit "
+     "status 1.",
+     kLibraryOptions, "qor bag create event Trip --library ~/Photos", runBag},
+    {"stars", "the pictures rated N stars", "N [--json]",
+     "Lists the files of the library's pictures (one per family: an edited version before its "
+     "original) whose rating is N, 0 to 5, from the metadata cache in the library's .cache "
+     "folder.",
+     kStarsOptions, "qor stars 4 --library ~/Photos", runStars},
     {"gpuinfo",
      "the GL renderer, its version, capability bits and uniqueId",
      "",

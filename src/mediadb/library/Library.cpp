@@ -1,0 +1,747 @@
+// Library: construction, registration, queries, properties, load and save. Bag operations are in
+// LibraryBags.cpp, image operations in LibraryImages.cpp.
+
+#include "mediadb/library/Library.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "base/Log.h"
+#include "base/filesystem/FilesystemScopedLock.h"
+#include "base/filesystem/Path.h"
+#include "base/resource/ResourceFSScopedLock.h"
+#include "base/xml/XmlDocument.h"
+#include "mediadb/library/LibraryExceptions.h"
+
+namespace qor::mediadb {
+
+namespace {
+
+constexpr int kBackgroundPriority = -50;
+constexpr const char* kLibraryFileName = "library.xml";
+
+std::string withTrailingSeparator(std::string path) {
+    if (path.empty() || path.back() != '/') path += '/';
+    return path;
+}
+
+}  // namespace
+
+// ---- Construction ----
+
+Library::Library(ImageManager* imageManager, ILibraryCacheConnector* cacheConnector,
+                 std::string_view path)
+    : _taskGroup(nullptr, "Library"),
+      _cacheConnector(cacheConnector),
+      _path(filesystem::normalizePathUnix(path)),
+      _imageManager(imageManager) {
+    QOR_ASSERT(!_path.empty());
+    QOR_ASSERT(!_path.empty() && _path.back() == '/');
+    _path = withTrailingSeparator(_path);
+    _bagManager = std::make_unique<ResourceManager>(std::make_shared<AbsRelNameHandler>(_path),
+                                                    ResourceManager::IdsByHash);
+    filesystem::createDirectoryFromUrl(_path);
+
+    _bagProperty = _bagManager->registerProperty<SharedPtr<const Bag>>("Library::Bag");
+    _bagSettingsProperty =
+        _bagManager->registerProperty<SharedPtr<PropertyMap>>("Library::BagSettings");
+    _bagStateProperty = _bagManager->registerProperty<BagState>("Library::BagState");
+    _bagIdProperty = _imageManager->registerProperty<ResourceID>("Library::BagId");
+    _tagsProperty = _imageManager->registerProperty<Tags>("Library::Tags");
+    _associativeBagsProperty = _imageManager->registerProperty<HashSet>("Library::AssociativeBags");
+
+    _renameConnection = _imageManager->resourceRenamed.connect(
+        [this](ResourceID id, const ResourceName&) { onImageRenamed(id); });
+    _saveExecutor = std::make_unique<thread::DelayedExecutor>([this] { save({}, true); }, 1.0,
+                                                              kBackgroundPriority, 3.0);
+    QOR_LOG(LogInfo, "Library initialized");
+}
+
+Library::~Library() {
+    OnLibraryDestroying.emit();
+    shutdown();
+    _renameConnection.disconnect();
+    _bagManager.reset();
+    QOR_LOG(LogInfo, "Library destructed");
+}
+
+void Library::shutdown() {
+    if (_shutDown.exchange(true)) return;
+    _shuttingDown = true;
+    _taskGroup.cancel();
+    _taskGroup.wait();
+    _saveExecutor->stop();
+    save({}, true);
+}
+
+// ---- Registration ----
+
+void Library::registerBag(const std::string& type, Function0<Bag*> creator, bool uniqueNames) {
+    ScopedLock lock(_mutex);
+    QOR_ASSERT_MSG(_bagTypes.count(type) == 0 && _bags.count(type) == 0,
+                   "bag type '%*' registered twice", type);
+    if (_bagTypes.count(type)) return;
+    _bagTypes[type] = BagTypeRecord{std::move(creator), uniqueNames};
+    _bags[type] = std::make_shared<std::set<ResourceID>>();
+}
+
+void Library::registerProperty(const ResourceProperty& prototype, const std::string& key) {
+    QOR_ASSERT_MSG(_bpRegister.count(key) == 0, "bag property '%*' registered twice", key);
+    if (_bpRegister.count(key)) return;
+    _bpRegister[key] = std::make_unique<ResourceProperty>(prototype);
+}
+
+void Library::addAuxiliaryExtension(const std::string& ext) {
+    ScopedLock lock(_mutex);
+    _auxExtensions.push_back(ext);
+}
+
+std::vector<std::string> Library::auxiliaryExtensions() const {
+    ScopedLock lock(_mutex);
+    return _auxExtensions;
+}
+
+bool Library::isUniqueType(const std::string& type) const {
+    auto it = _bagTypes.find(type);
+    return it != _bagTypes.end() && it->second.uniqueNames;
+}
+
+std::vector<std::string> Library::bagTypes() const {
+    std::vector<std::string> types;
+    for (const auto& [type, record] : _bagTypes) types.push_back(type);
+    return types;
+}
+
+// ---- Queries ----
+
+std::string Library::initialBagPath() const {
+    ScopedLock lock(_mutex);
+    return _initialBagPath;
+}
+
+void Library::setInitialBagPath(const std::string& path) {
+    ScopedLock lock(_mutex);
+    _initialBagPath = path;
+}
+
+SharedPtr<const Bag> Library::bag(ResourceID id) const {
+    if (!id.isValid()) return nullptr;
+    return _bagManager->property(id, _bagProperty);
+}
+
+SharedPtr<const Bag> Library::bag(std::string_view localPath) const {
+    return bag(bagIdFromLocalPath(localPath));
+}
+
+std::vector<ResourceID> Library::bags() const {
+    std::vector<ResourceID> ids;
+    ScopedLock lock(_mutex);
+    for (const auto& [type, set] : _bags) ids.insert(ids.end(), set->begin(), set->end());
+    return ids;
+}
+
+std::vector<ResourceID> Library::bags(const std::string& type) const {
+    ScopedLock lock(_mutex);
+    auto it = _bags.find(type);
+    if (it == _bags.end()) return {};
+    return std::vector<ResourceID>(it->second->begin(), it->second->end());
+}
+
+ResourceID Library::containerId(ResourceID imageId) const {
+    ResourceID bagId = imageContainerProperty(imageId);
+    if (!bagId.isValid()) return InvalidResourceID;
+    SharedPtr<const Bag> container = bag(bagId);
+    if (!container || !container->containsImage(imageId)) return InvalidResourceID;
+    return bagId;
+}
+
+ResourceID Library::bagIdFromHash(int32_t hash) const { return _bagManager->makeID(hash); }
+
+ResourceID Library::bagIdFromPersistentString(std::string_view text) const {
+    if (text.empty()) return InvalidResourceID;
+    try {
+        return _bagManager->find(_bagManager->nameFromPersistentString(text));
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "Library: no bag named '%*': %*", text, e.what());
+        return InvalidResourceID;
+    }
+}
+
+ResourceID Library::bagIdFromLocalPath(std::string_view path) const {
+    if (path.empty()) return InvalidResourceID;
+    return _bagManager->findLocalPath(path);
+}
+
+ResourceName Library::getBagResourceName(ResourceID bagId) const {
+    ResourceName name;
+    if (bagId.isValid()) _bagManager->tryGetName(bagId, name);
+    return name;
+}
+
+ResourceName Library::getImageResourceName(ResourceID imageId) const {
+    ResourceName name;
+    if (imageId.isValid()) _imageManager->tryGetName(imageId, name);
+    return name;
+}
+
+ResourceID Library::getImageId(std::string_view localPath) const {
+    if (localPath.empty()) return InvalidResourceID;
+    return _imageManager->findLocalPath(localPath);
+}
+
+HashSet Library::associativeBags(ResourceID imageId) const {
+    return _imageManager->property(imageId, _associativeBagsProperty);
+}
+
+std::vector<ResourceID> Library::getBagsForImage(ResourceID imageId) const {
+    std::vector<ResourceID> result;
+    for (const ResourceID& id : bags()) {
+        SharedPtr<const Bag> b = bag(id);
+        if (b && isAssociative(*b) && b->containsImage(imageId)) result.push_back(id);
+    }
+    return result;
+}
+
+std::string Library::itemTag(ResourceID imageId, const std::string& key) const {
+    Tags tags = itemTags(imageId);
+    auto it = tags.find(key);
+    return it == tags.end() ? std::string() : it->second;
+}
+
+Library::Tags Library::itemTags(ResourceID imageId) const {
+    ScopedLock lock(_mutex);
+    return _imageManager->property(imageId, _tagsProperty);
+}
+
+void Library::setItemTag(ResourceID imageId, const std::string& key, const std::string& value) {
+    {
+        ScopedLock lock(_mutex);
+        _imageManager->modifyProperty(imageId, _tagsProperty,
+                                      [&](Tags& tags) { tags[key] = value; });
+    }
+    ResourceID container = containerId(imageId);
+    if (container.isValid()) addUnsaved(container);
+}
+
+ResourceID Library::imageContainerProperty(ResourceID imageId) const {
+    return _imageManager->property(imageId, _bagIdProperty, InvalidResourceID);
+}
+
+void Library::setImageContainerProperty(ResourceID imageId, ResourceID bagId) {
+    _imageManager->setProperty(imageId, _bagIdProperty, bagId);
+}
+
+void Library::clearImageContainerProperty(ResourceID imageId) {
+    _imageManager->clearProperty(imageId, _bagIdProperty);
+}
+
+void Library::addAssociativeBagOfImage(ResourceID imageId, ResourceID bagId) {
+    _imageManager->modifyProperty(imageId, _associativeBagsProperty,
+                                  [&](HashSet& set) { set.insert(bagId); });
+}
+
+void Library::removeAssociativeBagOfImage(ResourceID imageId, ResourceID bagId) {
+    _imageManager->modifyProperty(imageId, _associativeBagsProperty,
+                                  [&](HashSet& set) { set.erase(bagId); });
+}
+
+// ---- Bag state and properties ----
+
+Library::BagState Library::bagState(ResourceID id) const {
+    if (!id.isValid()) return Regular;
+    return _bagManager->property(id, _bagStateProperty, Regular);
+}
+
+std::string Library::bagStateString(ResourceID id) const {
+    return bagState(id) == Broken ? "Broken" : "Regular";
+}
+
+void Library::setBagState(ResourceID id, BagState state) {
+    bool changed = false;
+    _bagManager->modifyProperty(id, _bagStateProperty, [&](BagState& current) {
+        changed = current != state;
+        current = state;
+    });
+    if (changed) OnBagStateChanged.emit(id);
+}
+
+Library::BagState Library::checkBagState(ResourceID id) {
+    loadBag(id, true);
+    return bagState(id);
+}
+
+SharedPtr<const Library::PropertyMap> Library::propertyMap(ResourceID bagId) const {
+    SharedPtr<PropertyMap> map = _bagManager->property(bagId, _bagSettingsProperty);
+    if (!map) return std::make_shared<const PropertyMap>();
+    return map;
+}
+
+SharedPtr<ResourceProperty> Library::getProperty(ResourceID bagId, const std::string& key) {
+    auto proto = _bpRegister.find(key);
+    QOR_ASSERT_MSG(proto != _bpRegister.end(), "bag property '%*' is not registered", key);
+    if (proto == _bpRegister.end()) return nullptr;
+    if (!bagId.isValid() || !_bagManager->contains(bagId))
+        return std::make_shared<ResourceProperty>(*proto->second);
+    SharedPtr<ResourceProperty> result;
+    // The map is replaced, never changed in place, so readers of propertyMap keep a stable one.
+    _bagManager->modifyProperty(bagId, _bagSettingsProperty, [&](SharedPtr<PropertyMap>& map) {
+        if (map) {
+            auto it = map->find(key);
+            if (it != map->end()) {
+                result = it->second;
+                return;
+            }
+        }
+        auto copy = map ? std::make_shared<PropertyMap>(*map) : std::make_shared<PropertyMap>();
+        result = std::make_shared<ResourceProperty>(*proto->second);
+        result->setLibrary(this);
+        result->setChangeCallback([this, bagId] { notifyBagPropertyUpdated(bagId); });
+        (*copy)[key] = result;
+        map = std::move(copy);
+    });
+    return result;
+}
+
+void Library::notifyBagPropertyUpdated(ResourceID id) {
+    OnBagPropertyUpdated.emit(id);
+    addUnsaved(id);
+}
+
+void Library::loadBagSettings(ResourceID id, const NodeIterator& node) {
+    auto map = std::make_shared<PropertyMap>();
+    for (XmlAttribute attr : node.attributes()) {
+        auto proto = _bpRegister.find(std::string(attr.name));
+        if (proto == _bpRegister.end()) continue;  // keys nobody registered are dropped
+        auto property = std::make_shared<ResourceProperty>(*proto->second);
+        property->setChangeCallback([this, id] { notifyBagPropertyUpdated(id); });
+        property->setLibrary(this);
+        property->fromString(attr.value);
+        (*map)[proto->first] = std::move(property);
+    }
+    _bagManager->setProperty(id, _bagSettingsProperty, std::move(map));
+}
+
+void Library::saveBagSettings(ResourceID id, NodeIterator& node) const {
+    SharedPtr<const PropertyMap> map = propertyMap(id);
+    for (const auto& [key, property] : *map)
+        if (!property->empty()) node.appendAttribute(key, property->toString());
+}
+
+// ---- Load ----
+
+void Library::loadAsync() {
+    _taskGroup.post([this] { load(); }, kBackgroundPriority);
+}
+
+void Library::load() {
+    QOR_ASSERT(!_bagTypes.empty());
+    XmlDocumentRapid doc;
+    if (!doc.load(_path + kLibraryFileName, true)) {
+        _loaded = true;
+        OnLibraryLoaded.emit();
+        QOR_LOG(LogInfo, "Cannot open library xml file");
+        return;
+    }
+    NodeIterator root = doc.root();
+    if (!root || root.name() != "library") {
+        _loaded = true;
+        OnLibraryLoaded.emit();
+        QOR_LOG(LogWarning, "Library xml file seems to be broken");
+        return;
+    }
+    for (NodeIterator child : root.children()) {
+        if (_shuttingDown) return;
+        if (child.name() != "bag") continue;
+        try {
+            std::string name(child.attribute("name"));
+            std::string type(child.attribute("type"));
+            std::string persistent(child.attribute("persistent_str"));
+            ResourceID id =
+                createBagOnLoad(type, name, _bagManager->nameFromPersistentString(persistent));
+            NodeIterator first = child.firstChild();
+            if (id.isValid() && first && first.name() == "metadata") loadBagSettings(id, first);
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Error in library xml file: %*", e.what());
+        }
+    }
+    const auto moved = recoverMovedBags();
+    OnBagListUpdated.emit();
+    for (const ResourceID& id : bags()) {
+        if (_shuttingDown) return;
+        SharedPtr<const Bag> b = bag(id);
+        if (b && b->persistent()) loadBag(id, false);
+    }
+    _loaded = true;
+    if (!moved.empty()) recoverMovedImages(moved);
+    if (recoverMovedFiles() || !moved.empty()) {
+        // Write every bag and the index as they are now; that also ends the journal's entries.
+        {
+            ScopedLock lock(_mutex);
+            for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+        }
+        save({}, true);
+    }
+    OnLibraryLoaded.emit();
+    QOR_LOG(LogInfo, "Library loaded");
+}
+
+ResourceID Library::createBagOnLoad(const std::string& type, const std::string& name,
+                                    const ResourceName& resourceName) {
+    FilesystemScopedLock lock(resourceName.localPath());
+    auto record = _bagTypes.find(type);
+    if (record == _bagTypes.end()) {
+        QOR_LOG(LogWarning, "loadBag: Unknown bag type '%*'", type);
+        return InvalidResourceID;
+    }
+    ScopedPtr<Bag> bag(record->second.creator());
+    QOR_ASSERT_TEXT(bag != nullptr, "init");
+    if (!bag) return InvalidResourceID;
+    bag->setName(name);
+    bag->setLibrary(this);
+    bag->_id = _bagManager->add(resourceName);
+    QOR_ASSERT(bag->_id != InvalidResourceID);
+    if (!bag->_id.isValid()) return InvalidResourceID;
+    const ResourceID id = bag->_id;
+    storeBag(id, SharedPtr<const Bag>(bag.release()));
+    addBag(type, id);
+    return id;
+}
+
+bool Library::isListed(ResourceID id) const {
+    ScopedLock lock(_mutex);
+    for (const auto& [type, set] : _bags)
+        if (set->count(id)) return true;
+    return false;
+}
+
+void Library::addBag(const std::string& type, ResourceID id) {
+    ScopedLock lock(_mutex);
+    auto& set = _bags[type];
+    if (!set) set = std::make_shared<std::set<ResourceID>>();
+    const bool inserted = set->insert(id).second;
+    QOR_ASSERT_MSG(inserted, "bag %* is listed already", id);
+}
+
+bool Library::storeBag(ResourceID id, SharedPtr<const Bag> bag) {
+    return _bagManager->setProperty(id, _bagProperty, std::move(bag));
+}
+
+bool Library::isBelow(const std::string& path, const std::string& folder) {
+    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           path[folder.size()] == '/';
+}
+
+std::string Library::bagFilePath(const Bag& bag, const std::string& localPath) {
+    if (localPath.empty()) return {};
+    return bag.isFolder() ? filesystem::pathJoin(localPath, ".bag") : localPath;
+}
+
+void Library::loadBag(ResourceID id, bool checkOnly) {
+    SharedPtr<const Bag> b = bag(id);
+    if (!b || !b->persistent()) return;
+    // Lock the bag's file. The bag may move while we wait for the lock: then lock its new place.
+    LibraryLockPtr lock;
+    std::string filePath;
+    for (;;) {
+        std::string path = getBagResourceName(id).localPath();
+        if (path.empty()) return;
+        filePath = bagFilePath(*b, path);
+        lock = LibraryLock::acquire(filePath, 1);
+        if (getBagResourceName(id).localPath() == path) break;
+        lock.reset();
+    }
+    XmlDocumentRapid doc;
+    if (!doc.load(filePath, false)) {
+        setBagState(id, Broken);
+        return;
+    }
+    if (!checkOnly || bagState(id) == Broken) {
+        try {
+            SharedPtr<Bag> copy = modifyLockBag(id, lock);
+            if (copy) {
+                copy->clearContent();
+                copy->fromXml(doc.root());
+            }
+        } catch (const std::exception& e) {
+            QOR_ASSERT_MSG(0, "reading bag %*: %*", filePath, e.what());
+        } catch (...) {
+            QOR_ASSERT_MSG(0, "reading bag %*", filePath);
+        }
+    }
+    setBagState(id, Regular);
+}
+
+// ---- Save ----
+
+void Library::addUnsaved(ResourceID id) {
+    if (!_loaded) return;
+    {
+        ScopedLock lock(_mutex);
+        _unsaved.insert(id);
+    }
+    _saveExecutor->trigger();
+}
+
+void Library::save(Function0<void> callback, bool synchronous) {
+    if (!synchronous) {
+        bool empty;
+        {
+            ScopedLock lock(_mutex);
+            empty = _unsaved.empty();
+        }
+        if (!empty) {
+            _taskGroup.post([this, callback] { save(callback, true); }, kBackgroundPriority);
+            return;
+        }
+    } else {
+        ScopedLock saving(_saveMutex);
+        std::set<ResourceID> unsaved;
+        size_t moves = 0;
+        {
+            // A move marks its bags unsaved before it lets go of the library folder, so the moves
+            // taken here are written by this save.
+            FilesystemScopedLock noMove(_path, FilesystemScopedLock::Shared);
+            ScopedLock lock(_mutex);
+            unsaved.swap(_unsaved);
+            moves = _pendingMoves.size();
+        }
+        if (!unsaved.empty()) {
+            bool saved = true;
+            for (const ResourceID& id : unsaved) saved &= saveBag(id);
+            saved &= saveLibraryFile();
+            QOR_LOG(LogInfo, "SAVING BAGS FINISHED");
+            if (saved && moves > 0) {
+                {
+                    ScopedLock lock(_mutex);
+                    _pendingMoves.erase(_pendingMoves.begin(), _pendingMoves.begin() + moves);
+                }
+                writeMoves();
+            }
+        }
+    }
+    if (callback) callback();
+}
+
+bool Library::saveBag(ResourceID id) {
+    try {
+        if (!_bagManager->contains(id)) return true;
+        ResourceFSScopedLock lock(_bagManager.get(), id, 1);
+        SharedPtr<const Bag> b = bag(id);
+        if (!b || bagState(id) == Broken || !b->persistent() || !isListed(id)) return true;
+        const std::string filePath = bagFilePath(*b, lock.path());
+        XmlDocumentRapid doc;
+        NodeIterator root = doc.create("bag");
+        root.appendAttribute("name", b->name())
+            .appendAttribute("type", b->bagType())
+            .appendAttribute("persistent_str", getBagResourceName(id).persistentString());
+        NodeIterator metadata = root.appendChild("metadata");
+        saveBagSettings(id, metadata);
+        b->toXml(root);
+        if (!doc.save(filePath, XmlIndent, XmlDurable))
+            throw LibraryException("cannot write " + filePath);
+        return true;
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "Failed to save bag: %*", e.what());
+        return false;
+    }
+}
+
+bool Library::saveLibraryFile() {
+    ScopedLock fileLock(_libraryFileMutex);
+    std::map<std::string, std::set<ResourceID>> bags;
+    {
+        ScopedLock lock(_mutex);
+        for (const auto& [type, set] : _bags) bags[type] = *set;
+    }
+    XmlDocumentRapid doc;
+    NodeIterator root = doc.create("library");
+    for (const auto& [type, ids] : bags) {
+        for (const ResourceID& id : ids) {
+            try {
+                SharedPtr<const Bag> b = bag(id);
+                if (!b) throw LibraryException("bag " + std::to_string(id.id()) + " is gone");
+                if (!b->persistent()) continue;
+                NodeIterator node = root.appendChild("bag");
+                node.appendAttribute("name", b->name())
+                    .appendAttribute("type", b->bagType())
+                    .appendAttribute("persistent_str", _bagManager->persistentString(id));
+                NodeIterator metadata = node.appendChild("metadata");
+                saveBagSettings(id, metadata);
+            } catch (const std::exception& e) {
+                QOR_LOG(LogWarning, "Failed to get bag for saving: %*", e.what());
+            }
+        }
+    }
+    const std::string file = _path + kLibraryFileName;
+    if (doc.save(file, XmlIndent, XmlDurable)) {
+        QOR_LOG(LogInfo, "Library saved");
+        return true;
+    }
+    QOR_LOG(LogError, "Writing of the library file failed: %*", file);
+    QOR_ASSERT_MSG(0, "Writing of the library file failed: %*", file);
+    return false;
+}
+
+// ---- Move journal ----
+
+void Library::recordMoves(const std::vector<std::pair<std::string, std::string>>& moves) {
+    if (moves.empty()) return;
+    {
+        ScopedLock lock(_mutex);
+        for (const auto& [from, to] : moves) {
+            // Something at `from` again: what was noted for that path before is over.
+            std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
+            _pendingMoves.emplace_back(from, to);
+        }
+    }
+    writeMoves();
+}
+
+void Library::writeMoves() {
+    ScopedLock fileLock(_movesFileMutex);
+    std::vector<std::pair<std::string, std::string>> moves;
+    {
+        ScopedLock lock(_mutex);
+        moves = _pendingMoves;
+    }
+    const std::string file = _path + MovesFileName;
+    if (moves.empty()) {
+        try {
+            filesystem::removeFile(file);
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: cannot remove the move journal: %*", e.what());
+        }
+        return;
+    }
+    XmlDocumentRapid doc;
+    NodeIterator root = doc.create("moves");
+    for (const auto& [from, to] : moves)
+        root.appendChild("move")
+            .appendAttribute("from", _bagManager->nameFromLocalPath(from).persistentString())
+            .appendAttribute("to", _bagManager->nameFromLocalPath(to).persistentString());
+    if (!doc.save(file, XmlIndent, XmlDurable))
+        QOR_LOG(LogWarning, "Library: cannot write the move journal %*", file);
+}
+
+std::vector<std::pair<std::string, std::string>> Library::recoverMovedBags() {
+    std::vector<std::pair<std::string, std::string>> moved;
+    XmlDocumentRapid doc;
+    if (!filesystem::exists(_path + MovesFileName) || !doc.load(_path + MovesFileName, true))
+        return moved;
+    std::vector<std::pair<std::string, std::string>> moves;
+    for (NodeIterator move : doc.root().children("move")) {
+        try {
+            moves.emplace_back(
+                _bagManager->nameFromPersistentString(move.attribute("from")).localPath(),
+                _bagManager->nameFromPersistentString(move.attribute("to")).localPath());
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: bad entry in the move journal: %*", e.what());
+        }
+    }
+    {
+        ScopedLock lock(_mutex);
+        _pendingMoves = moves;  // kept until a save has written where the bags are now
+    }
+    for (const ResourceID& id : bags()) {
+        const std::string start = _bagManager->localPath(id);
+        if (filesystem::exists(start)) continue;
+        // Follow the moves of this path, the latest for each step.
+        std::string at = start;
+        for (size_t step = 0; step < moves.size(); ++step) {
+            auto next = std::find_if(moves.rbegin(), moves.rend(),
+                                     [&](const auto& move) { return move.first == at; });
+            if (next == moves.rend()) break;
+            at = next->second;
+        }
+        if (at == start || !filesystem::exists(at) || bagIdFromLocalPath(at).isValid()) continue;
+        if (_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) {
+            QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
+            moved.emplace_back(start, at);
+        }
+    }
+    return moved;
+}
+
+void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved) {
+    for (const auto& [from, to] : moved) {
+        for (const ResourceID& image : _imageManager->ids()) {
+            ResourceName name;
+            if (!_imageManager->tryGetName(image, name) || !isBelow(name.localPath(), from))
+                continue;
+            const std::string target = to + name.localPath().substr(from.size());
+            // A bag saved after the move may have named the image by its new path already: the
+            // two resources are one picture, and the container's keeps its place.
+            const ResourceID twin = _imageManager->findLocalPath(target);
+            if (twin.isValid() && twin != image) {
+                if (containerId(twin).isValid()) continue;
+                replaceImageInAssociativeBags(twin, image);
+                _imageManager->remove(twin);
+            }
+            _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
+        }
+    }
+}
+
+bool Library::recoverMovedFiles() {
+    std::vector<std::pair<std::string, std::string>> moves;
+    {
+        ScopedLock lock(_mutex);
+        moves = _pendingMoves;
+    }
+    bool recovered = false;
+    for (const auto& [from, to] : moves) {
+        const ResourceID image = _imageManager->findLocalPath(from);
+        if (!image.isValid() || filesystem::exists(from) || !filesystem::exists(to)) continue;
+        recovered = true;
+        QOR_LOG(LogWarning, "Library: image %* found at %* after an interrupted move", from, to);
+        const ResourceID twin = _imageManager->findLocalPath(to);
+        if (twin.isValid() && twin != image) {
+            // The destination was saved with the image: the source's entry is stale.
+            if (SharedPtr<Bag> copy = modifyLockBag(containerId(image)))
+                if (copy->containsImage(image)) copy->removeImage(image);
+            replaceImageInAssociativeBags(image, twin);
+            _imageManager->remove(image);
+            continue;
+        }
+        _imageManager->rename(image, _imageManager->nameFromLocalPath(to));
+        // Into the bag whose folder holds the file now.
+        ResourceID target;
+        for (const ResourceID& id : bags()) {
+            SharedPtr<const Bag> b = bag(id);
+            if (b && isContainer(*b) && isBelow(to, getBagResourceName(id).localPath()))
+                target = id;
+        }
+        const ResourceID source = containerId(image);
+        if (!target.isValid() || target == source) continue;
+        if (SharedPtr<Bag> copy = modifyLockBag(source)) copy->removeImage(image);
+        if (SharedPtr<Bag> copy = modifyLockBag(target)) copy->insertImage(image);
+    }
+    return recovered;
+}
+
+// ---- Postponed notices ----
+
+void Library::postponeFunction(ResourceID bagId, Function0<void> fn) {
+    ScopedLock lock(_mutex);
+    _postponed[bagId].push_back(std::move(fn));
+}
+
+void Library::notifyBagUpdated(ResourceID id, bool imagesChanged) {
+    std::vector<Function0<void>> postponed;
+    {
+        ScopedLock lock(_mutex);
+        auto it = _postponed.find(id);
+        if (it != _postponed.end()) {
+            postponed.swap(it->second);
+            _postponed.erase(it);
+        }
+    }
+    for (auto& fn : postponed)
+        if (fn) fn();
+    if (!_shuttingDown)
+        _taskGroup.post([this, id, imagesChanged] { OnBagUpdated.emit(id, imagesChanged); },
+                        kBackgroundPriority);
+}
+
+}  // namespace qor::mediadb
