@@ -308,6 +308,25 @@ TEST_F(LibraryBags, MovedImagesAreFoundAfterACrashBeforeTheSave) {
     (void)two;
 }
 
+TEST_F(LibraryBags, TemporariesOfAnInterruptedSaveAreNeitherAliensNorImages) {
+    // This test's own recycle bin (each test runs in a process of its own).
+    ::setenv("XDG_DATA_HOME", path(".xdg").c_str(), 1);
+    const ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
+    library->copyImage(sourceFile("a.jpg"), event, "", "", false);
+    library->save({}, true);
+    writeFile(path("Trip/.bag.tmp-Ab12Cd"), "<ba");
+
+    std::vector<ResourceID> scanned;
+    EXPECT_TRUE(library->scanForImages(path("Trip"), scanned));
+    for (ResourceID id : scanned)
+        EXPECT_NE(filesystem::leaf(library->getImageResourceName(id).localPath()),
+                  ".bag.tmp-Ab12Cd");
+    EXPECT_NO_THROW(library->eraseBag(event, true));
+    EXPECT_FALSE(filesystem::exists(path("Trip")));
+    EXPECT_TRUE(filesystem::exists(path(".xdg/Trash/files/Trip/a.jpg")));
+    ::unsetenv("XDG_DATA_HOME");
+}
+
 TEST_F(LibraryBags, RemoveForgetsAndEraseTrashesButRefusesAliens) {
     ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
     ResourceID a = library->copyImage(sourceFile("a.jpg"), event, "", "", false);

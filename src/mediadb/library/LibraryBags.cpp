@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/FilesystemScopedLock.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
@@ -289,8 +290,9 @@ void Library::eraseBag(ResourceID id, bool checkAliens) {
                 if (isContainer(*b) && checkAliens && filesystem::isDirectory(path)) {
                     for (filesystem::UrlIterator it(path); it.valid(); it.next()) {
                         const std::string& entry = it.name();
+                        // A temporary of a save that a crash interrupted is the library's own.
                         if ((entry == "originals" && it.isDirectory()) || entry == ".bag" ||
-                            entry == "Thumbs.db" ||
+                            entry == "Thumbs.db" || filesystem::isAtomicWriterTemporary(entry) ||
                             b->containsImage(_imageManager->findLocalPath(it.path())))
                             continue;
                         QOR_LOG(LogWarning, "ContainerBag::hasAliens: %*", it.path());

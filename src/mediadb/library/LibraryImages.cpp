@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
@@ -431,6 +432,8 @@ bool Library::scanForImages(const std::string& url, std::vector<ResourceID>& lis
                         folders.push_back(it.path());
                         continue;
                     }
+                    // Not a file of its own: a save that a crash interrupted left it.
+                    if (filesystem::isAtomicWriterTemporary(it.name())) continue;
                     ResourceID id = addImage(it.path());
                     if (id.isValid()) list.push_back(id);
                 }
