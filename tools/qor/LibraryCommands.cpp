@@ -93,8 +93,6 @@ struct Session {
     std::unique_ptr<imagecache::MetadataCacheRDB> cache;
     std::unique_ptr<mediadb::LibraryCacheConnector> connector;
     std::unique_ptr<Library> library;
-    // Records the library's log, so that a failure the library only logs can be told in one line.
-    LogCapture log{false};
 
     // Opens and loads the library in o.dir; false after one line on standard error. `create`
     // makes the folder (init); otherwise it must hold a library.
@@ -117,16 +115,6 @@ struct Session {
             failure(o, "cannot open the library in '" + o.dir + "': " + e.what());
         }
         return false;
-    }
-
-    // The last warning or error the library logged after its first `from` lines (assertions
-    // left out), or `fallback`.
-    std::string lastError(size_t from, const std::string& fallback) const {
-        const auto entries = log.entries();
-        for (size_t i = entries.size(); i > from; --i)
-            if (!entries[i - 1].assertion && entries[i - 1].level >= LogWarning)
-                return entries[i - 1].text;
-        return fallback;
     }
 
     // The bag named `name`, or else the bag whose folder or file is `name` (relative to the
@@ -162,6 +150,16 @@ struct Session {
         if (cache) cache->shutdown();
     }
 };
+
+// The last warning or error logged while `log` recorded (assertions left out), or `fallback`: the
+// reason of a failure that the library only logs. A capture records every line, so it is made
+// around the one call whose failure it explains, not for a whole command.
+std::string lastProblem(const LogCapture& log, const std::string& fallback) {
+    const auto entries = log.entries();
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it)
+        if (!it->assertion && it->level >= LogWarning) return it->text;
+    return fallback;
+}
 
 // ---- ls ----
 
@@ -285,12 +283,12 @@ int moveIntoBag(const LibraryOptions& o, Session& s, const SharedPtr<const Bag>&
             ids.push_back(id);
     }
     if (ids.empty()) return status;
-    const size_t logged = s.log.entries().size();
+    const LogCapture log(false);
     s.library->moveImages(ids, bag->id());
     for (ResourceID id : ids)
         if (s.library->containerId(id) != bag->id())
             status = reportBad(o.command.c_str(), s.library->getImageResourceName(id).localPath(),
-                               s.lastError(logged, "not moved"));
+                               lastProblem(log, "not moved"));
     return status;
 }
 
@@ -314,9 +312,9 @@ int runBagAction(const LibraryOptions& o, Session& s) {
     const std::vector<std::string> files(rest.begin() + 1, rest.end());
     try {
         if (action == "rename") {
-            const size_t logged = s.log.entries().size();
+            const LogCapture log(false);
             if (!s.library->renameBag(bag->id(), rest[1]))
-                return failure(o, s.lastError(logged, "Couldn't move bag"));
+                return failure(o, lastProblem(log, "Couldn't move bag"));
             return 0;
         }
         if (action == "rm") {
@@ -324,13 +322,13 @@ int runBagAction(const LibraryOptions& o, Session& s) {
             return 0;
         }
         if (action == "erase") {
-            const size_t logged = s.log.entries().size();
+            const LogCapture log(false);
             try {
                 s.library->eraseBag(bag->id(), true);
             } catch (const mediadb::AliensInLibraryException& e) {
                 // The log names the file that is no picture of the bag.
                 return failure(o, std::string(e.what()) + " (" +
-                                      s.lastError(logged, "a file that is no picture") + ")");
+                                      lastProblem(log, "a file that is no picture") + ")");
             }
             return 0;
         }
@@ -371,9 +369,9 @@ int runLibrary(const std::vector<std::string>& args) {
         return failure(o, "'" + o.dir + "' is not a folder");
     Session s;
     if (!s.open(o, true)) return 1;
-    s.library->saveLibraryFile();
-    if (!filesystem::exists(o.dir + "/" + kIndexName))
-        return failure(o, s.lastError(0, "cannot write " + std::string(kIndexName)));
+    const LogCapture log(false);
+    if (!s.library->saveLibraryFile())
+        return failure(o, lastProblem(log, "cannot write " + std::string(kIndexName)));
     std::printf("library in %s\n", s.library->path().c_str());
     return 0;
 }
