@@ -247,8 +247,8 @@ TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
     library->save({}, true);
     library.reset();
 
-    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "Trip", "Holiday"})), 0);
-    ASSERT_EQ(waitChild(startChild({"rename", libraryPath(), "L", "Best"})), 0);
+    ASSERT_EQ(waitChild(startChild({"change", libraryPath(), "rename=Trip>Holiday"})), 0);
+    ASSERT_EQ(waitChild(startChild({"change", libraryPath(), "rename=L>Best"})), 0);
     ASSERT_TRUE(filesystem::exists(path("Holiday/sub/a.jpg")));
     ASSERT_TRUE(filesystem::exists(path("Best.testlist")));
     {
@@ -287,7 +287,7 @@ TEST_F(LibraryBags, MovedImagesAreFoundAfterACrashBeforeTheSave) {
     const std::string oneBefore = readFile(path("One/.bag"));
     library.reset();
 
-    ASSERT_EQ(waitChild(startChild({"moveimages", libraryPath(), "One", "Two"})), 0);
+    ASSERT_EQ(waitChild(startChild({"change", libraryPath(), "move=One>Two"})), 0);
     ASSERT_TRUE(filesystem::exists(path("Two/sub/b.jpg")));
     EXPECT_EQ(readFile(path("One/.bag")), oneBefore);  // nothing saved
     {
@@ -306,6 +306,46 @@ TEST_F(LibraryBags, MovedImagesAreFoundAfterACrashBeforeTheSave) {
     EXPECT_EQ(imageLeaves(bagNamed("Two")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
     EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
     (void)two;
+}
+
+// All before one save: a new bag takes the images of another, then both are renamed. The new bag
+// is taken back from its own file, and each image follows its way through the moves of files and
+// folders into it.
+TEST_F(LibraryBags, ImagesMovedIntoANewBagThatIsRenamedAreFoundAfterACrash) {
+    ResourceID one = library->createBag(TestFolderBag::bagTypeStatic(), "One");
+    library->copyImage(sourceFile("a.jpg"), one, "", "", false);
+    library->copyImage(sourceFile("b.jpg"), one, "sub", "", false);
+    ResourceID list = library->createBag(TestListBag::bagTypeStatic(), "L");
+    if (auto copy = library->modifyLockBag(list))
+        copy->insertImage(library->getImageId(path("One/sub/b.jpg")));
+    library->save({}, true);
+    library.reset();
+
+    ASSERT_EQ(waitChild(startChild({"change", libraryPath(), "create=New", "move=One>New",
+                                    "rename=New>Later", "rename=One>First"})),
+              0);
+    ASSERT_TRUE(filesystem::exists(path("Later/sub/b.jpg")));
+    ASSERT_TRUE(filesystem::exists(path("First")));
+    {
+        LogCapture log;
+        open();
+        EXPECT_TRUE(log.contains("created before an interrupted save taken back"));
+        EXPECT_EQ(log.assertions(), 0u);
+    }
+    ASSERT_EQ(library->bags().size(), 3u);
+    const ResourceID created = bagNamed("New");
+    ASSERT_TRUE(created.isValid());
+    EXPECT_EQ(library->bagManager()->localPath(created), path("Later"));
+    EXPECT_EQ(library->bagManager()->localPath(bagNamed("One")), path("First"));
+    EXPECT_EQ(imageLeaves(created), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    const ResourceID b = library->getImageId(path("Later/sub/b.jpg"));
+    EXPECT_EQ(library->containerId(b), created);
+    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(b));
+    EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
+    reopen();
+    EXPECT_EQ(imageLeaves(bagNamed("New")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    EXPECT_EQ(library->bags().size(), 3u);
 }
 
 TEST_F(LibraryBags, TemporariesOfAnInterruptedSaveAreNeitherAliensNorImages) {

@@ -8,11 +8,11 @@
 //       loop until it is killed. After each synchronous save it appends the library's state as one
 //       line to JOURNAL and flushes it to disk: "bag=<type>/<name>:<leaf>,<leaf>;..." in name
 //       order.
-//   qor_mediadb_child rename LIBRARY FROM TO
-//       Loads the library, renames the bag FROM to TO and ends at once, as a crash would, before
-//       the debounced save has run. Exit code 0 when the rename went through.
-//   qor_mediadb_child moveimages LIBRARY FROM TO
-//       Loads the library, moves every image of the bag FROM into the bag TO and ends at once.
+//   qor_mediadb_child change LIBRARY OP...
+//       Loads the library, makes the changes OP in order and ends at once, as a crash would,
+//       before the debounced save has run: "create=NAME" (a test folder bag), "rename=BAG>NAME",
+//       "move=BAG>BAG" (every image of the first bag into the second). Bags are named by name.
+//       Exit code 0 when every change went through.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
 //       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
@@ -34,6 +34,9 @@
 
 #include "../mediadb/LibraryTestBags.h"
 #include "base/Log.h"
+#include "mediadb/bags/CollectionBag.h"
+#include "mediadb/bags/EventBag.h"
+#include "mediadb/bags/StandardBagTypes.h"
 #include "mediadb/library/LibraryExceptions.h"
 
 using namespace qor;
@@ -42,8 +45,12 @@ using namespace qor::mediadb::testing;
 
 namespace {
 
-void openLibrary(Library& library) {
-    registerTestBags(library);
+// The test's own bag types, or those of the application (the crash test).
+void openLibrary(Library& library, bool standardTypes = false) {
+    if (standardTypes)
+        registerStandardBagTypes(library);
+    else
+        registerTestBags(library);
     library.registerProperty(ResourceProperty(RptString), "title");
     library.registerProperty(ResourceProperty(RptString), "uid");
     library.load();
@@ -76,62 +83,91 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
     ImageManager images;
     RecordingConnector connector;
     Library library(&images, &connector, libraryPath);
-    openLibrary(library);
-    const int journalFd = ::open(journal.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+    openLibrary(library, true);
+    // A bag created just before a kill may have been taken back before its uid was saved.
+    for (const ResourceID& id : library.bags())
+        if (library.getProperty(id, "uid")->stringValue().empty())
+            library.getProperty(id, "uid")->setStringValue("K" + library.bag(id)->name());
+    const int journalFd = ::open(journal.c_str(), O_RDWR | O_APPEND | O_CREAT, 0644);
     if (journalFd < 0) return 2;
+    // The line of a child killed while writing it is cut off, so that this one starts a line.
+    const off_t size = ::lseek(journalFd, 0, SEEK_END);
+    off_t end = size;
+    for (char c = 0; end > 0 && ::pread(journalFd, &c, 1, end - 1) == 1 && c != '\n';) --end;
+    if (end != size && ::ftruncate(journalFd, end) != 0) return 2;
     if (::write(readyFd, "r", 1) != 1) return 3;
     ::close(readyFd);
 
     std::mt19937 random(static_cast<unsigned>(::getpid()));
     const std::string token = std::to_string(::getpid());
-    for (int step = 0;; ++step) {
-        std::vector<ResourceID> folders = library.bags(TestFolderBag::bagTypeStatic());
-        std::vector<ResourceID> lists = library.bags(TestListBag::bagTypeStatic());
-        const std::string name = "p" + token + "_" + std::to_string(step);
-        // A library of a hundred images is enough; then the runs change settings and lists.
-        const unsigned op = images.size() < 120 ? random() % 4 : 2 + random() % 2;
-        switch (op) {
-            case 0:
-                if (folders.size() < 8) {
-                    ResourceID bag = library.createBag(TestFolderBag::bagTypeStatic(), "E" + name);
-                    library.getProperty(bag, "uid")->setStringValue("E" + name);
-                    library.copyImage(source, bag, "", name + ".jpg", false);
-                    break;
-                }
-                [[fallthrough]];
-            case 1:
-                if (!folders.empty()) {
-                    ResourceID bag = folders[random() % folders.size()];
-                    library.copyImage(source, bag, random() % 2 ? "sub" : "", name + ".jpg", true);
-                }
-                break;
-            case 2:
-                if (lists.size() < 4) {
-                    ResourceID bag = library.createBag(TestListBag::bagTypeStatic(), "L" + name);
-                    library.getProperty(bag, "uid")->setStringValue("L" + name);
-                    break;
-                }
-                [[fallthrough]];
-            default:
-                if (!lists.empty() && !folders.empty()) {
-                    SharedPtr<const Bag> from = library.bag(folders[random() % folders.size()]);
-                    SharedPtr<Bag> list = library.modifyLockBag(lists[random() % lists.size()]);
-                    if (from && list) {
-                        int count = 0;
-                        for (const ResourceID& image : from->images())
-                            if (!list->containsImage(image) && count++ < 3)
-                                list->insertImage(image);
+    int serial = 0;
+    auto pick = [&](const std::vector<ResourceID>& ids) { return ids[random() % ids.size()]; };
+    for (;;) {
+        // A few changes between two saves, so that moves of images and renames of their bags
+        // meet in one journal.
+        for (int change = 1 + random() % 3; change > 0; --change) {
+            std::vector<ResourceID> events = library.bags(EventBag::bagTypeStatic());
+            std::vector<ResourceID> collections = library.bags(CollectionBag::bagTypeStatic());
+            const std::string name = "p" + token + "_" + std::to_string(serial++);
+            // A library of a hundred images is enough; then the runs move, list and rename.
+            const unsigned op = images.size() < 120 ? random() % 5 : 2 + random() % 3;
+            switch (op) {
+                case 0:
+                    if (events.size() < 8) {
+                        ResourceID bag = library.createBag(EventBag::bagTypeStatic(), "E" + name);
+                        library.getProperty(bag, "uid")->setStringValue("E" + name);
+                        library.copyImage(source, bag, "", name + ".jpg", false);
+                        break;
                     }
-                }
-                if (!folders.empty())
-                    library.getProperty(folders[random() % folders.size()], "title")
-                        ->setStringValue(name);
-                // And a rename: the folder or file moves at once, the index follows at the save.
-                if (!folders.empty() && random() % 2)
-                    library.renameBag(folders[random() % folders.size()], "R" + name);
-                else if (!lists.empty())
-                    library.renameBag(lists[random() % lists.size()], "R" + name);
-                break;
+                    [[fallthrough]];
+                case 1:
+                    if (!events.empty())
+                        library.copyImage(source, pick(events), random() % 2 ? "sub" : "",
+                                          name + ".jpg", true);
+                    break;
+                case 2:
+                    if (collections.size() < 4) {
+                        ResourceID bag =
+                            library.createBag(CollectionBag::bagTypeStatic(), "L" + name);
+                        library.getProperty(bag, "uid")->setStringValue("L" + name);
+                        break;
+                    }
+                    [[fallthrough]];
+                case 3:
+                    if (!collections.empty() && !events.empty()) {
+                        SharedPtr<const Bag> from = library.bag(pick(events));
+                        SharedPtr<Bag> list = library.modifyLockBag(pick(collections));
+                        if (from && list) {
+                            int count = 0;
+                            for (const ResourceID& image : from->images())
+                                if (!list->containsImage(image) && count++ < 3)
+                                    list->insertImage(image);
+                        }
+                    }
+                    if (!events.empty())
+                        library.getProperty(pick(events), "title")->setStringValue(name);
+                    // A rename: the folder or file moves at once, the index follows at the save.
+                    if (!events.empty() && random() % 2)
+                        library.renameBag(pick(events), "R" + name);
+                    else if (!collections.empty())
+                        library.renameBag(pick(collections), "R" + name);
+                    break;
+                default:
+                    // Pictures move from one event to another, now and then to a new one.
+                    if (events.size() >= 2) {
+                        const ResourceID from = pick(events);
+                        ResourceID to = pick(events);
+                        if (to == from || random() % 4 == 0) {
+                            to = library.createBag(EventBag::bagTypeStatic(), "M" + name);
+                            library.getProperty(to, "uid")->setStringValue("M" + name);
+                        }
+                        std::vector<ResourceID> moving;
+                        for (const ResourceID& image : library.bag(from)->images())
+                            if (moving.size() < 1 + random() % 3) moving.push_back(image);
+                        if (!moving.empty()) library.moveImages(moving, to);
+                    }
+                    break;
+            }
         }
         library.save({}, true);
         const std::string line = stateLine(library);
@@ -192,33 +228,37 @@ int save(const std::string& libraryPath, const std::string& image, const std::st
     return code;
 }
 
-int renameAndCrash(const std::string& libraryPath, const std::string& from, const std::string& to) {
+// Runs the changes of `ops` on the library and ends at once (see the file comment).
+int changeAndCrash(const std::string& libraryPath, const std::vector<std::string>& ops) {
     setLogLevel(LogWarning);
     ImageManager images;
     RecordingConnector connector;
     auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
     openLibrary(*library);
-    for (const ResourceID& id : library->bags())
-        if (library->bag(id)->name() == from) ::_exit(library->renameBag(id, to) ? 0 : 2);
-    ::_exit(3);
-}
-
-int moveImagesAndCrash(const std::string& libraryPath, const std::string& from,
-                       const std::string& to) {
-    setLogLevel(LogWarning);
-    ImageManager images;
-    RecordingConnector connector;
-    auto* library = new Library(&images, &connector, libraryPath);  // never destroyed: no save
-    openLibrary(*library);
-    ResourceID source, target;
-    for (const ResourceID& id : library->bags()) {
-        if (library->bag(id)->name() == from) source = id;
-        if (library->bag(id)->name() == to) target = id;
+    auto named = [&](const std::string& name) {
+        for (const ResourceID& id : library->bags())
+            if (library->bag(id)->name() == name) return id;
+        ::_exit(3);
+    };
+    for (const std::string& op : ops) {
+        const size_t equals = op.find('='), arrow = op.find('>');
+        const std::string verb = op.substr(0, equals);
+        const std::string first = op.substr(equals + 1, arrow - equals - 1);
+        const std::string second = arrow == std::string::npos ? "" : op.substr(arrow + 1);
+        if (verb == "create") {
+            library->createBag(TestFolderBag::bagTypeStatic(), first);
+        } else if (verb == "rename") {
+            if (!library->renameBag(named(first), second)) ::_exit(2);
+        } else if (verb == "move") {
+            const ResourceID from = named(first), to = named(second);
+            const HashSet ids = library->bag(from)->images();
+            library->moveImages(std::vector<ResourceID>(ids.begin(), ids.end()), to);
+            if (!library->bag(from)->images().empty()) ::_exit(2);
+        } else {
+            ::_exit(4);
+        }
     }
-    if (!source.isValid() || !target.isValid()) ::_exit(3);
-    const HashSet ids = library->bag(source)->images();
-    library->moveImages(std::vector<ResourceID>(ids.begin(), ids.end()), target);
-    ::_exit(library->bag(target)->images().size() == ids.size() ? 0 : 2);
+    ::_exit(0);
 }
 
 }  // namespace
@@ -228,14 +268,14 @@ int main(int argc, char** argv) {
         const std::string mode = argc > 1 ? argv[1] : "";
         if (mode == "crash" && argc == 6)
             return crash(argv[2], argv[3], argv[4], std::atoi(argv[5]));
-        if (mode == "rename" && argc == 5) return renameAndCrash(argv[2], argv[3], argv[4]);
-        if (mode == "moveimages" && argc == 5) return moveImagesAndCrash(argv[2], argv[3], argv[4]);
+        if (mode == "change" && argc >= 4)
+            return changeAndCrash(argv[2], std::vector<std::string>(argv + 3, argv + argc));
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";
         return 1;
     }
-    std::cerr << "usage: qor_mediadb_child crash LIBRARY SOURCE JOURNAL FD | save LIBRARY IMAGE "
-                 "[nobody|fsize=N]\n";
+    std::cerr << "usage: qor_mediadb_child crash LIBRARY SOURCE JOURNAL FD | change LIBRARY OP... "
+                 "| save LIBRARY IMAGE [nobody|fsize=N]\n";
     return 1;
 }

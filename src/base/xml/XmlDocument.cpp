@@ -254,7 +254,7 @@ bool XmlDocumentRapid::load(std::string_view path, bool missingIsNormal) {
     std::string contents;
     if (const int error = readWholeFile(file, contents)) {
         if (error == ENOENT) {
-            QOR_LOG(missingIsNormal ? LogInfo : LogWarning, "XML file '%*' does not exist", file);
+            if (!missingIsNormal) QOR_LOG(LogWarning, "XML file '%*' does not exist", file);
         } else {
             QOR_LOG(LogWarning, "Cannot read XML file '%*': %*", file,
                     std::system_category().message(error));

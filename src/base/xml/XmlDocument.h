@@ -236,8 +236,8 @@ public:
     // False, with one log line that names the path and the reason, when the file is missing,
     // unreadable, empty, malformed (with the parser's message, the byte offset, line and column)
     // or has no root element; the document is then empty. With `missingIsNormal` a missing file is
-    // logged at info level, as on the first start of a library; otherwise every failure is a
-    // warning. Blocks on the file.
+    // not logged at all (the caller says what it means, as on the first start of a library);
+    // otherwise every failure is a warning. Blocks on the file.
     bool load(std::string_view path, bool missingIsNormal = false);
     // Parses `xml` as load() parses a file; `origin` names it in the log line.
     bool loadFromString(std::string_view xml, std::string_view origin = "string");

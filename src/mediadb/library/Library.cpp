@@ -336,22 +336,54 @@ void Library::loadAsync() {
 
 void Library::load() {
     QOR_ASSERT(!_bagTypes.empty());
-    XmlDocumentRapid doc;
-    if (!doc.load(_path + kLibraryFileName, true)) {
+    const bool listed = readBagList();
+    if (_shuttingDown) return;
+    const Moves moves = readMoves();
+    bool recovered = false;
+    if (!moves.empty()) {
+        // Moved bags first, so that a created bag that moved since is not taken for a new one.
+        recovered = recoverMovedBags(moves);
+        recovered |= recoverCreatedBags(moves);
+    }
+    if (!listed && !recovered) {
+        // The normal first start, or an index that cannot be read: an empty library.
         _loaded = true;
         OnLibraryLoaded.emit();
-        QOR_LOG(LogInfo, "Cannot open library xml file");
         return;
+    }
+    OnBagListUpdated.emit();
+    for (const ResourceID& id : bags()) {
+        if (_shuttingDown) return;
+        SharedPtr<const Bag> b = bag(id);
+        if (b && b->persistent()) loadBag(id, false);
+    }
+    _loaded = true;
+    if (!moves.empty()) recovered |= recoverMovedImages(moves);
+    if (recovered) {
+        // Write every bag and the index as they are now; that also ends the journal's entries.
+        {
+            ScopedLock lock(_mutex);
+            for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
+        }
+        save({}, true);
+    }
+    OnLibraryLoaded.emit();
+    QOR_LOG(LogInfo, "Library loaded");
+}
+
+bool Library::readBagList() {
+    XmlDocumentRapid doc;
+    if (!doc.load(_path + kLibraryFileName, true)) {
+        QOR_LOG(LogInfo, "Cannot open library xml file");
+        return false;
     }
     NodeIterator root = doc.root();
     if (!root || root.name() != "library") {
-        _loaded = true;
-        OnLibraryLoaded.emit();
         QOR_LOG(LogWarning, "Library xml file seems to be broken");
-        return;
+        return false;
     }
     for (NodeIterator child : root.children()) {
-        if (_shuttingDown) return;
+        if (_shuttingDown) break;
         if (child.name() != "bag") continue;
         try {
             std::string name(child.attribute("name"));
@@ -365,25 +397,7 @@ void Library::load() {
             QOR_LOG(LogWarning, "Error in library xml file: %*", e.what());
         }
     }
-    const auto moved = recoverMovedBags();
-    OnBagListUpdated.emit();
-    for (const ResourceID& id : bags()) {
-        if (_shuttingDown) return;
-        SharedPtr<const Bag> b = bag(id);
-        if (b && b->persistent()) loadBag(id, false);
-    }
-    _loaded = true;
-    if (!moved.empty()) recoverMovedImages(moved);
-    if (recoverMovedFiles() || !moved.empty()) {
-        // Write every bag and the index as they are now; that also ends the journal's entries.
-        {
-            ScopedLock lock(_mutex);
-            for (const auto& [type, set] : _bags) _unsaved.insert(set->begin(), set->end());
-        }
-        save({}, true);
-    }
-    OnLibraryLoaded.emit();
-    QOR_LOG(LogInfo, "Library loaded");
+    return true;
 }
 
 ResourceID Library::createBagOnLoad(const std::string& type, const std::string& name,
@@ -585,22 +599,18 @@ bool Library::saveLibraryFile() {
 
 // ---- Move journal ----
 
-void Library::recordMoves(const std::vector<std::pair<std::string, std::string>>& moves) {
+void Library::recordMoves(const Moves& moves) {
     if (moves.empty()) return;
     {
         ScopedLock lock(_mutex);
-        for (const auto& [from, to] : moves) {
-            // Something at `from` again: what was noted for that path before is over.
-            std::erase_if(_pendingMoves, [&](const auto& move) { return move.first == from; });
-            _pendingMoves.emplace_back(from, to);
-        }
+        _pendingMoves.insert(_pendingMoves.end(), moves.begin(), moves.end());
     }
     writeMoves();
 }
 
 void Library::writeMoves() {
     ScopedLock fileLock(_movesFileMutex);
-    std::vector<std::pair<std::string, std::string>> moves;
+    Moves moves;
     {
         ScopedLock lock(_mutex);
         moves = _pendingMoves;
@@ -614,108 +624,185 @@ void Library::writeMoves() {
         }
         return;
     }
+    auto persistent = [this](const std::string& path) {
+        return _bagManager->nameFromLocalPath(path).persistentString();
+    };
     XmlDocumentRapid doc;
     NodeIterator root = doc.create("moves");
-    for (const auto& [from, to] : moves)
-        root.appendChild("move")
-            .appendAttribute("from", _bagManager->nameFromLocalPath(from).persistentString())
-            .appendAttribute("to", _bagManager->nameFromLocalPath(to).persistentString());
+    for (const auto& [from, to] : moves) {
+        if (from.empty())
+            root.appendChild("create").appendAttribute("path", persistent(to));
+        else
+            root.appendChild("move")
+                .appendAttribute("from", persistent(from))
+                .appendAttribute("to", persistent(to));
+    }
     if (!doc.save(file, XmlIndent, XmlDurable))
         QOR_LOG(LogWarning, "Library: cannot write the move journal %*", file);
 }
 
-std::vector<std::pair<std::string, std::string>> Library::recoverMovedBags() {
-    std::vector<std::pair<std::string, std::string>> moved;
+Library::Moves Library::readMoves() {
+    Moves moves;
     XmlDocumentRapid doc;
-    if (!filesystem::exists(_path + MovesFileName) || !doc.load(_path + MovesFileName, true))
-        return moved;
-    std::vector<std::pair<std::string, std::string>> moves;
-    for (NodeIterator move : doc.root().children("move")) {
+    if (!doc.load(_path + MovesFileName, true)) return moves;
+    auto local = [this](std::string_view persistent) {
+        return _bagManager->nameFromPersistentString(persistent).localPath();
+    };
+    for (NodeIterator entry : doc.root().children()) {
         try {
-            moves.emplace_back(
-                _bagManager->nameFromPersistentString(move.attribute("from")).localPath(),
-                _bagManager->nameFromPersistentString(move.attribute("to")).localPath());
+            if (entry.name() == "move")
+                moves.emplace_back(local(entry.attribute("from")), local(entry.attribute("to")));
+            else if (entry.name() == "create")
+                moves.emplace_back(std::string(), local(entry.attribute("path")));
         } catch (const std::exception& e) {
             QOR_LOG(LogWarning, "Library: bad entry in the move journal: %*", e.what());
         }
     }
-    {
-        ScopedLock lock(_mutex);
-        _pendingMoves = moves;  // kept until a save has written where the bags are now
+    ScopedLock lock(_mutex);
+    _pendingMoves = moves;  // kept until a save has written where everything is now
+    return moves;
+}
+
+std::string Library::followFrom(const std::string& path, size_t first, const Moves& moves) {
+    std::string at = path;
+    std::string found = filesystem::exists(at) ? at : std::string();
+    for (size_t i = first; i < moves.size(); ++i) {
+        const auto& [from, to] = moves[i];
+        if (from.empty()) continue;
+        if (at == from)
+            at = to;
+        else if (isBelow(at, from))
+            at = to + at.substr(from.size());
+        else
+            continue;
+        if (filesystem::exists(at)) found = at;
     }
+    return found;
+}
+
+std::string Library::followMoves(const std::string& path, const Moves& moves) {
+    // The latest move that took the path away is the one that counts, since nothing came back to
+    // it (it is gone); an earlier one when the way from the latest ends nowhere.
+    for (size_t i = moves.size(); i-- > 0;) {
+        const std::string& from = moves[i].first;
+        if (from.empty() || (path != from && !isBelow(path, from))) continue;
+        std::string at = followFrom(path, i, moves);
+        if (!at.empty()) return at;
+    }
+    return {};
+}
+
+bool Library::recoverMovedBags(const Moves& moves) {
+    bool recovered = false;
     for (const ResourceID& id : bags()) {
         const std::string start = _bagManager->localPath(id);
-        if (filesystem::exists(start)) continue;
-        // Follow the moves of this path, the latest for each step.
-        std::string at = start;
-        for (size_t step = 0; step < moves.size(); ++step) {
-            auto next = std::find_if(moves.rbegin(), moves.rend(),
-                                     [&](const auto& move) { return move.first == at; });
-            if (next == moves.rend()) break;
-            at = next->second;
-        }
-        if (at == start || !filesystem::exists(at) || bagIdFromLocalPath(at).isValid()) continue;
+        if (start.empty() || filesystem::exists(start)) continue;
+        const std::string at = followMoves(start, moves);
+        if (at.empty() || bagIdFromLocalPath(at).isValid()) continue;
         if (_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) {
             QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
-            moved.emplace_back(start, at);
+            recovered = true;
         }
     }
-    return moved;
+    return recovered;
 }
 
-void Library::recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved) {
-    for (const auto& [from, to] : moved) {
-        for (const ResourceID& image : _imageManager->ids()) {
-            ResourceName name;
-            if (!_imageManager->tryGetName(image, name) || !isBelow(name.localPath(), from))
-                continue;
-            const std::string target = to + name.localPath().substr(from.size());
-            // A bag saved after the move may have named the image by its new path already: the
-            // two resources are one picture, and the container's keeps its place.
-            const ResourceID twin = _imageManager->findLocalPath(target);
-            if (twin.isValid() && twin != image) {
-                if (containerId(twin).isValid()) continue;
-                replaceImageInAssociativeBags(twin, image);
-                _imageManager->remove(twin);
-            }
-            _imageManager->rename(image, _imageManager->nameFromLocalPath(target));
-        }
-    }
-}
-
-bool Library::recoverMovedFiles() {
-    std::vector<std::pair<std::string, std::string>> moves;
-    {
-        ScopedLock lock(_mutex);
-        moves = _pendingMoves;
-    }
+bool Library::recoverCreatedBags(const Moves& moves) {
     bool recovered = false;
-    for (const auto& [from, to] : moves) {
-        const ResourceID image = _imageManager->findLocalPath(from);
-        if (!image.isValid() || filesystem::exists(from) || !filesystem::exists(to)) continue;
+    for (size_t i = 0; i < moves.size(); ++i) {
+        if (!moves[i].first.empty()) continue;
+        const std::string at = followFrom(moves[i].second, i + 1, moves);
+        if (at.empty() || bagIdFromLocalPath(at).isValid()) continue;
+        // The bag's own file tells what it is; createBag writes it before it returns.
+        const std::string file = filesystem::isDirectory(at) ? filesystem::pathJoin(at, ".bag") : at;
+        XmlDocumentRapid doc;
+        if (!filesystem::exists(file) || !doc.load(file, true)) continue;
+        NodeIterator root = doc.root();
+        if (!root || root.name() != "bag") continue;
+        try {
+            const ResourceID id = createBagOnLoad(std::string(root.attribute("type")),
+                                                  std::string(root.attribute("name")),
+                                                  _bagManager->nameFromLocalPath(at));
+            if (!id.isValid()) continue;
+            if (NodeIterator first = root.firstChild(); first && first.name() == "metadata")
+                loadBagSettings(id, first);
+            QOR_LOG(LogWarning, "Library: bag %* created before an interrupted save taken back",
+                    at);
+            recovered = true;
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Library: cannot take back the bag at %*: %*", at, e.what());
+        }
+    }
+    return recovered;
+}
+
+ResourceID Library::folderBagHolding(const std::string& path) const {
+    ResourceID holder;
+    size_t depth = 0;
+    for (const ResourceID& id : bags()) {
+        SharedPtr<const Bag> b = bag(id);
+        if (!b || !isContainer(*b)) continue;
+        const std::string folder = _bagManager->localPath(id);
+        if (isBelow(path, folder) && folder.size() > depth) {
+            holder = id;
+            depth = folder.size();
+        }
+    }
+    return holder;
+}
+
+bool Library::recoverMovedImages(const Moves& moves) {
+    bool recovered = false;
+    for (const ResourceID& image : _imageManager->ids()) {
+        ResourceName name;
+        if (!_imageManager->tryGetName(image, name)) continue;  // a stale twin removed below
+        const std::string path = name.localPath();
+        if (filesystem::exists(path)) continue;
+        const std::string at = followMoves(path, moves);
+        if (at.empty()) continue;
         recovered = true;
-        QOR_LOG(LogWarning, "Library: image %* found at %* after an interrupted move", from, to);
-        const ResourceID twin = _imageManager->findLocalPath(to);
+        QOR_LOG(LogWarning, "Library: image %* found at %* after an interrupted move", path, at);
+        ResourceID kept = image;
+        const ResourceID twin = _imageManager->findLocalPath(at);
         if (twin.isValid() && twin != image) {
-            // The destination was saved with the image: the source's entry is stale.
+            // A bag saved after the move names the picture by its new path already: that entry
+            // stays, the stale one goes, and the associative bags take the one that stays.
             if (SharedPtr<Bag> copy = modifyLockBag(containerId(image)))
                 if (copy->containsImage(image)) copy->removeImage(image);
             replaceImageInAssociativeBags(image, twin);
             _imageManager->remove(image);
-            continue;
+            kept = twin;
+        } else {
+            _imageManager->rename(image, _imageManager->nameFromLocalPath(at));
         }
-        _imageManager->rename(image, _imageManager->nameFromLocalPath(to));
         // Into the bag whose folder holds the file now.
-        ResourceID target;
-        for (const ResourceID& id : bags()) {
-            SharedPtr<const Bag> b = bag(id);
-            if (b && isContainer(*b) && isBelow(to, getBagResourceName(id).localPath()))
-                target = id;
-        }
-        const ResourceID source = containerId(image);
+        const ResourceID target = folderBagHolding(at);
+        const ResourceID source = containerId(kept);
         if (!target.isValid() || target == source) continue;
-        if (SharedPtr<Bag> copy = modifyLockBag(source)) copy->removeImage(image);
-        if (SharedPtr<Bag> copy = modifyLockBag(target)) copy->insertImage(image);
+        if (SharedPtr<Bag> copy = modifyLockBag(source))
+            if (copy->containsImage(kept)) copy->removeImage(kept);
+        if (SharedPtr<Bag> copy = modifyLockBag(target)) copy->insertImage(kept);
+    }
+    // A picture whose old bag was saved without it before its new bag was saved with it: no
+    // container names it, though the journal knows where it went, and an associative bag may
+    // name it there. It goes into the bag whose folder holds it.
+    for (size_t i = 0; i < moves.size(); ++i) {
+        if (moves[i].first.empty()) continue;
+        const std::string at = followFrom(moves[i].second, i + 1, moves);
+        if (!at.empty() && !filesystem::isDirectory(at) && !bagIdFromLocalPath(at).isValid() &&
+            !_imageManager->findLocalPath(at).isValid() && folderBagHolding(at).isValid())
+            addImage(at);
+    }
+    for (const ResourceID& image : _imageManager->ids()) {
+        if (containerId(image).isValid()) continue;
+        ResourceName name;
+        if (!_imageManager->tryGetName(image, name)) continue;
+        const std::string& path = name.localPath();
+        SharedPtr<Bag> copy = modifyLockBag(folderBagHolding(path));
+        if (!copy || !filesystem::exists(path)) continue;
+        QOR_LOG(LogWarning, "Library: image %* taken back after an interrupted move", path);
+        copy->insertImage(image);
+        recovered = true;
     }
     return recovered;
 }

@@ -290,6 +290,9 @@ private:
         bool uniqueNames = false;
     };
 
+    // Creates the bags that library.xml lists; false when the file is missing or broken (after
+    // its log line).
+    bool readBagList();
     ResourceID createBagOnLoad(const std::string& type, const std::string& name,
                                const ResourceName& resourceName);
     void addBag(const std::string& type, ResourceID id);
@@ -310,21 +313,35 @@ private:
     ResourceID internalAdoptImage(const std::string& relativePath, const SharedPtr<Bag>& bag);
     void forgetBag(ResourceID id, const SharedPtr<const Bag>& bag);
 
-    // The move journal. A move of a bag or an image file changes the disk at once but library.xml
-    // and the .bag files only at the next save; a crash in between would leave the index naming a
-    // path that is gone. So each move is first noted in the journal file (MovesFileName, written
-    // crash-safe), and a synchronous save that wrote every bag it took and library.xml drops the
-    // moves noted before it began. load follows the noted moves of a bag whose path is gone to
-    // where it went, with the images below it, and saves the library.
-    void recordMoves(const std::vector<std::pair<std::string, std::string>>& moves);
+    // The move journal. A move of a bag or an image file, and the creation of a bag, change the
+    // disk at once but library.xml and the .bag files only at the next save; a crash in between
+    // would leave the index naming a path that is gone, or a bag folder that no index names. So
+    // each is first noted in the journal file (MovesFileName, written crash-safe): a move as
+    // (old path, new path), a creation as ("", path). A synchronous save that wrote every bag it
+    // took and library.xml drops the entries noted before it began. load takes back the bags
+    // created since the last save, follows each bag and image whose path is gone through the
+    // noted moves to where it lies now, and saves the library.
+    using Moves = std::vector<std::pair<std::string, std::string>>;
+    void recordMoves(const Moves& moves);
     void writeMoves();
-    // Moves that load found done but not yet in the files: (old path, new path).
-    std::vector<std::pair<std::string, std::string>> recoverMovedBags();
-    // The images below the recovered bags follow them.
-    void recoverMovedImages(const std::vector<std::pair<std::string, std::string>>& moved);
-    // Image files moved between bags: the image takes its new path and the bag whose folder holds
-    // it. True when anything was recovered.
-    bool recoverMovedFiles();
+    // The journal as the last run left it (also kept in _pendingMoves until a save ends it).
+    Moves readMoves();
+    // Where a file or folder that the saved files name at `path` lies now: the moves that took
+    // it (or a folder above it) away, followed to the last place on the way that exists; "" when
+    // none does.
+    static std::string followMoves(const std::string& path, const Moves& moves);
+    // Where the thing at `path` just before moves[first] is after the moves from `first` on: the
+    // last place on its way that exists (the journal notes a batch before its files move, so a
+    // crash may stop it half way), or "" when none does.
+    static std::string followFrom(const std::string& path, size_t first, const Moves& moves);
+    // Each step recovers what the journal tells and returns true when it changed anything.
+    bool recoverMovedBags(const Moves& moves);
+    bool recoverCreatedBags(const Moves& moves);
+    // After the bags are loaded: an image takes the path where its file lies now, and the folder
+    // bag that holds that path; of two entries for one file the stale one goes.
+    bool recoverMovedImages(const Moves& moves);
+    // The folder bag whose folder holds `path` most closely; invalid when none does.
+    ResourceID folderBagHolding(const std::string& path) const;
     class ContainerCopy;
     // Takes an image out of its container (through `copies`), tells the cache connector and
     // removes it from the ImageManager.
@@ -357,8 +374,8 @@ private:
     std::string _initialBagPath QOR_GUARDED_BY(_mutex);
     std::map<std::string, SharedPtr<std::set<ResourceID>>> _bags QOR_GUARDED_BY(_mutex);
     std::set<ResourceID> _unsaved QOR_GUARDED_BY(_mutex);
-    // Noted bag moves, oldest first: (old, new) local paths; one entry per old path.
-    std::vector<std::pair<std::string, std::string>> _pendingMoves QOR_GUARDED_BY(_mutex);
+    // The journal's entries, oldest first (see recordMoves).
+    Moves _pendingMoves QOR_GUARDED_BY(_mutex);
 
     ImageManager* const _imageManager;  // not owned
     ResourcePropertyKey<SharedPtr<const Bag>> _bagProperty;

@@ -104,12 +104,16 @@ ResourceID Library::createBag(Bag* newBag, const std::string& name, const std::s
             if (!id.isValid()) throw LibraryException("Failed to create bag: path exists");
         }
         localPath = _bagManager->localPath(id);
+        const bool persistent = owned->persistent();
         bool listed = false;
         try {
             owned->_id = id;
             storeBag(id, SharedPtr<const Bag>(owned.release()));
             addBag(type, id);
             listed = true;
+            // Noted before anything is on disk, so that a crash before the next save loses
+            // neither the bag nor what goes into it meanwhile.
+            if (persistent) recordMoves({{std::string(), localPath}});
             if (folder && path.empty()) filesystem::createDirectoryFromUrl(localPath);
             QOR_LOG(LogInfo, "Created bag %* as %*", trimmed, localPath);
         } catch (const std::exception& e) {
@@ -120,14 +124,16 @@ ResourceID Library::createBag(Bag* newBag, const std::string& name, const std::s
             _bagManager->remove(id);
             throw LibraryException(std::string("Failed to create bag: ") + e.what());
         }
+        // Still under the library folder's lock: a save that lists the bag in library.xml finds
+        // its file written, and writes it again.
+        saveBag(id);
+        addUnsaved(id);
     }
-    saveBag(id);
     if (_loaded) {
         OnBagListUpdated.emit();
         OnBagCreated.emit(id);
         OnBagCreatedOrganizer.emit(id);
     }
-    addUnsaved(id);
     return id;
 }
 
@@ -264,11 +270,18 @@ void Library::forgetBag(ResourceID id, const SharedPtr<const Bag>& b) {
             for (const ResourceID& image : images) copy->removeImage(image);
         }
     }
+    bool noted = false;
     {
+        const std::string path = _bagManager->localPath(id);
         ScopedLock lock(_mutex);
         _unsaved.erase(id);
         _postponed.erase(id);
+        // A bag created since the last save stays gone after a crash.
+        noted = std::erase_if(_pendingMoves, [&](const auto& move) {
+                    return move.first.empty() && move.second == path;
+                }) > 0;
     }
+    if (noted) writeMoves();
     _bagManager->remove(id);
     OnBagListUpdated.emit();
     OnBagRemoved.emit(id);
