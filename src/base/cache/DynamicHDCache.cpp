@@ -38,7 +38,8 @@ struct SqlFailure {
     std::string what;
 };
 
-// A failure that makes the database unusable as a cache of ours: it is recreated.
+// A failure that makes the database unusable as a cache of ours: it is recreated. No reason
+// when there is no database yet.
 struct DamagedStore {
     std::string why;
 };
@@ -249,12 +250,15 @@ DynamicHDCache::Store::Store(std::string folder, uint64_t byteLimit)
     lockFolder();
     ScopedLock lock(_mutex);
     try {
+        if (!filesystem::exists(_dbPath)) throw DamagedStore{};
         openDatabase();
         loadEntries();
     } catch (const DamagedStore& d) {
         closeDatabase();
-        QOR_LOG(LogWarning, "DynamicHDCache '%*': the store could not be read (%*); recreated empty",
-                _folder, d.why);
+        if (!d.why.empty())
+            QOR_LOG(LogWarning,
+                    "DynamicHDCache '%*': the store could not be read (%*); recreated empty",
+                    _folder, d.why);
         try {
             eraseDatabaseFiles();
             openConnection(true);
@@ -326,7 +330,6 @@ void DynamicHDCache::Store::openConnection(bool create) {
 
 // Opens an existing database of ours; DamagedStore when there is none that can be used.
 void DynamicHDCache::Store::openDatabase() {
-    if (!filesystem::exists(_dbPath)) throw DamagedStore{"no database"};
     openConnection(false);
     try {
         // The first read of the file: SQLite answers SQLITE_NOTADB for a file it can't read.
@@ -388,7 +391,8 @@ void DynamicHDCache::Store::loadEntries() {
     _bytes = 0;
     _tick = 0;
     _nextId = 1;
-    while (rc == SQLITE_OK && (rc = sqlite3_step(raw)) == SQLITE_ROW) {
+    while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+        if ((rc = sqlite3_step(raw)) != SQLITE_ROW) break;
         Entry e;
         e.id = sqlite3_column_int64(raw, 0);
         const int64_t size = sqlite3_column_int64(raw, 2);
