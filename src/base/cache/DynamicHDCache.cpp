@@ -342,6 +342,7 @@ void DynamicHDCache::Store::openDatabase() {
         exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
         exec(("PRAGMA journal_size_limit=" + std::to_string(LogSizeLimit)).c_str(),
              "limiting the log");
+        exec("PRAGMA mmap_size=268435456", "mapping the file");
         prepareAll();
     } catch (const SqlFailure& f) {
         if (isDamage(f.code)) throw DamagedStore{f.what};
@@ -370,6 +371,7 @@ void DynamicHDCache::Store::createLayout() {
     exec("PRAGMA journal_mode=WAL", "choosing the write-ahead log");
     exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
     exec(("PRAGMA journal_size_limit=" + std::to_string(LogSizeLimit)).c_str(), "limiting the log");
+    exec("PRAGMA mmap_size=268435456", "mapping the file");
     const std::string sql =
         "BEGIN;"
         "CREATE TABLE entries(id INTEGER PRIMARY KEY, key BLOB NOT NULL, size INTEGER NOT NULL,"
