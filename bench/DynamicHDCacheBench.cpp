@@ -34,7 +34,8 @@ namespace fs = std::filesystem;
 
 std::string benchFolder(const char* name) {
     const char* tmp = std::getenv("TMPDIR");
-    fs::path p = fs::path(tmp && *tmp ? tmp : "/tmp") / ("qor-dhd-bench-" + std::to_string(::getpid()));
+    fs::path p =
+        fs::path(tmp && *tmp ? tmp : "/tmp") / ("qor-dhd-bench-" + std::to_string(::getpid()));
     p /= name;
     fs::remove_all(p);
     fs::create_directories(p);
@@ -48,16 +49,19 @@ std::string blob(size_t size, int seed) {
     return b;
 }
 
-std::string keyOf(int i) { return "/photos/2024/IMG_" + std::to_string(i) + ".JPG\n256\n1700000000"; }
+std::string keyOf(int i) {
+    return "/photos/2024/IMG_" + std::to_string(i) + ".JPG\n256\n1700000000";
+}
 
 // The file store of the comparison.
 class FileStore {
 public:
     FileStore(std::string folder, uint64_t limit) : _folder(std::move(folder)), _limit(limit) {
         check(sqlite3_open((_folder + "/index.db").c_str(), &_db), "open");
-        exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
-             "CREATE TABLE IF NOT EXISTS entries(key BLOB PRIMARY KEY, file INTEGER, size INTEGER,"
-             " used INTEGER)");
+        exec(
+            "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+            "CREATE TABLE IF NOT EXISTS entries(key BLOB PRIMARY KEY, file INTEGER, size INTEGER,"
+            " used INTEGER)");
         sqlite3_stmt* s = prepare("SELECT key, file, size, used FROM entries");
         while (sqlite3_step(s) == SQLITE_ROW) {
             Entry e{sqlite3_column_int64(s, 1), uint64_t(sqlite3_column_int64(s, 2)),
@@ -175,29 +179,42 @@ constexpr uint64_t kHuge = uint64_t(1) << 40;
 constexpr int kStored = 2000;
 constexpr int kOpenEntries = 5000;
 
+// A fresh folder for one case, removed at its end.
+struct BenchFolder {
+    std::string path;
+    explicit BenchFolder(const char* name) : path(benchFolder(name)) {}
+    ~BenchFolder() { fs::remove_all(path); }
+};
+
+size_t blobSize(const benchmark::State& state) { return size_t(state.range(0)) * 1024; }
+
+// Puts entries first .. last - 1: one blob for all, or a blob of its own each.
+template <class Store>
+void fill(Store& store, int first, int last, size_t size, bool distinct) {
+    const std::string shared = blob(size, 3);
+    for (int i = first; i < last; ++i) store.put(keyOf(i), distinct ? blob(size, i) : shared);
+}
+
 template <class Store>
 void runPut(benchmark::State& state, const char* name, bool full) {
-    const size_t size = size_t(state.range(0)) * 1024;
-    const std::string folder = benchFolder(name);
-    const uint64_t limit = full ? uint64_t(kStored) * size : kHuge;
-    Store store(folder, limit);
+    const size_t size = blobSize(state);
+    BenchFolder folder(name);
+    Store store(folder.path, full ? uint64_t(kStored) * size : kHuge);
     const std::string data = blob(size, 1);
-    int i = 0;
-    if (full)
-        for (; i < kStored; ++i) store.put(keyOf(i), data);
+    int i = full ? kStored : 0;
+    if (full) fill(store, 0, kStored, size, false);
     for (auto _ : state) {
         if (!store.put(keyOf(i++), data)) state.SkipWithError("put failed");
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
-    fs::remove_all(folder);
 }
 
 template <class Store>
 void runGet(benchmark::State& state, const char* name) {
-    const size_t size = size_t(state.range(0)) * 1024;
-    const std::string folder = benchFolder(name);
-    Store store(folder, kHuge);
-    for (int i = 0; i < kStored; ++i) store.put(keyOf(i), blob(size, i));
+    const size_t size = blobSize(state);
+    BenchFolder folder(name);
+    Store store(folder.path, kHuge);
+    fill(store, 0, kStored, size, true);
     std::vector<std::string> keys;
     std::mt19937 random(7);
     for (int i = 0; i < 4096; ++i) keys.push_back(keyOf(int(random() % kStored)));
@@ -208,23 +225,19 @@ void runGet(benchmark::State& state, const char* name) {
         benchmark::DoNotOptimize(out.data());
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
-    fs::remove_all(folder);
 }
 
 template <class Store>
 void runOpen(benchmark::State& state, const char* name) {
-    const size_t size = size_t(state.range(0)) * 1024;
-    const std::string folder = benchFolder(name);
+    BenchFolder folder(name);
     {
-        Store store(folder, kHuge);
-        const std::string data = blob(size, 3);
-        for (int i = 0; i < kOpenEntries; ++i) store.put(keyOf(i), data);
+        Store store(folder.path, kHuge);
+        fill(store, 0, kOpenEntries, blobSize(state), false);
     }
     for (auto _ : state) {
-        Store store(folder, kHuge);
+        Store store(folder.path, kHuge);
         if (store.count() != size_t(kOpenEntries)) state.SkipWithError("entries lost");
     }
-    fs::remove_all(folder);
 }
 
 struct CacheStore : qor::DynamicHDCache {

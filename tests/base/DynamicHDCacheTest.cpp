@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/KillChild.h"
 #include "../support/TempDir.h"
 #include "FileTestHelpers.h"
 #include "base/Log.h"
@@ -331,15 +332,12 @@ TEST(DynamicHDCache, AWriterKilledAtAnyMomentLeavesWholeEntries) {
     while (runs < 30 || std::chrono::steady_clock::now() - start < std::chrono::seconds(6)) {
         if (runs >= 300) break;
         ++runs;
-        pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) churnForever(folder, limit, unsigned(random()));
-        std::this_thread::sleep_for(
+        const unsigned seed = unsigned(random());
+        const int status = test::runAndKill(
+            [&] { churnForever(folder, limit, seed); },
             std::chrono::microseconds(std::uniform_int_distribution<int>(0, 150000)(random)));
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself, status " << status;
+        ASSERT_TRUE(status != -1 && WIFSIGNALED(status))
+            << "the writer stopped by itself, status " << status;
 
         LogCapture log;
         DynamicHDCache cache(folder, limit);
@@ -351,8 +349,8 @@ TEST(DynamicHDCache, AWriterKilledAtAnyMomentLeavesWholeEntries) {
         for (int k = 0; k < 300; ++k) {
             const std::string name = "g" + std::to_string(k % 10) + "\n" + std::to_string(k);
             if (!cache.get(name, out)) continue;
-            ASSERT_TRUE(isBlobOf(name, out)) << "a torn blob of " << out.size() << " bytes under "
-                                             << k << ", run " << runs;
+            ASSERT_TRUE(isBlobOf(name, out))
+                << "a torn blob of " << out.size() << " bytes under " << k << ", run " << runs;
             bytes += out.size();
             ++found;
         }

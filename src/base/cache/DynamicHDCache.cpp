@@ -214,7 +214,8 @@ void DynamicHDCache::Store::prepareAll() {
         sqlite3_stmt* raw = nullptr;
         const int rc =
             sqlite3_prepare_v3(_db, sql[i], -1, SQLITE_PREPARE_PERSISTENT, &raw, nullptr);
-        if (rc != SQLITE_OK) failSql(rc, formatLog("preparing '%*': %*", sql[i], sqlite3_errmsg(_db)));
+        if (rc != SQLITE_OK)
+            failSql(rc, formatLog("preparing '%*': %*", sql[i], sqlite3_errmsg(_db)));
         _statements[i].reset(raw);
     }
 }
@@ -242,8 +243,8 @@ DynamicHDCache::Store::Store(std::string folder, uint64_t byteLimit)
     try {
         filesystem::createDirectoryFromUrl(_folder);
     } catch (const std::exception& e) {
-        std::string text = formatLog("DynamicHDCache '%*': can't create the folder: %*", _folder,
-                                     e.what());
+        std::string text =
+            formatLog("DynamicHDCache '%*': can't create the folder: %*", _folder, e.what());
         QOR_LOG(LogWarning, "%*", text);
         throw DynamicHDCacheException(text);
     }
@@ -279,7 +280,8 @@ DynamicHDCache::Store::Store(std::string folder, uint64_t byteLimit)
     } catch (const SqlFailure& f) {
         closeDatabase();
         ::close(_lockFd);
-        std::string text = formatLog("DynamicHDCache '%*': can't open the store: %*", _folder, f.what);
+        std::string text =
+            formatLog("DynamicHDCache '%*': can't open the store: %*", _folder, f.what);
         QOR_LOG(LogWarning, "%*", text);
         throw DynamicHDCacheException(text);
     }
@@ -527,8 +529,9 @@ bool DynamicHDCache::Store::get(std::string_view key, std::string& out) {
     const int rc = sqlite3_step(s);
     if (rc != SQLITE_ROW || uint64_t(sqlite3_column_bytes(s, 0)) != it->second.size) {
         QOR_LOG(LogWarning, "DynamicHDCache '%*': reading an entry failed: %* (%*)", _folder,
-                rc == SQLITE_ROW ? "the blob has the wrong size"
-                                 : (rc == SQLITE_DONE ? "the blob is missing" : sqlite3_errmsg(_db)),
+                rc == SQLITE_ROW
+                    ? "the blob has the wrong size"
+                    : (rc == SQLITE_DONE ? "the blob is missing" : sqlite3_errmsg(_db)),
                 rc);
         sqlite3_reset(s);
         return false;
@@ -665,9 +668,8 @@ size_t DynamicHDCache::Store::renamePrefix(std::string_view from, std::string_vi
 
 void DynamicHDCache::Store::clear() {
     ScopedLock lock(_mutex);
-    if (!transact("clearing", [&] {
-            exec("DELETE FROM entries; DELETE FROM blobs", "removing every entry");
-        }))
+    if (!transact("clearing",
+                  [&] { exec("DELETE FROM entries; DELETE FROM blobs", "removing every entry"); }))
         return;
     _entries.clear();
     _byUse.clear();

@@ -1,8 +1,8 @@
 #pragma once
-// DynamicHDCache: a store of keyed blobs on disk (thumbnails and previews, a few KB to a few hundred
-// KB each) with a byte limit and least-recently-used eviction. It is a cache: losing an entry costs
-// a decode, never data, so every failure makes it answer "not here" or stop growing, never fail
-// its caller.
+// DynamicHDCache: a store of keyed blobs on disk (thumbnails and previews, a few KB to a few
+// hundred KB each) with a byte limit and least-recently-used eviction. It is a cache: losing an
+// entry costs a decode, never data, so every failure makes it answer "not here" or stop growing,
+// never fail its caller.
 //
 // Keys are byte strings chosen by the caller. The thumbnail caches build them from an item's
 // persistent name, a size class and the file's last write time, so that a changed file never finds
@@ -45,8 +45,9 @@
 //   lower limit give them back to the file system.
 //
 // Thread contract: every member may be called from any thread at once; calls are serialised
-// inside by one mutex, held over the disk work. Blocks on disk work. Two objects on the same folder in one process are not supported;
-// a second process on the same folder is refused by the constructor.
+// inside by one mutex, held over the disk work. Blocks on disk work. Two objects on the same folder
+// in one process are not supported; a second process on the same folder is refused by the
+// constructor.
 
 #include <cstdint>
 #include <memory>
