@@ -189,8 +189,10 @@ ImagePtr makePictureThumbnail(RandomAccessFile& file, const std::string& path,
 
 ImagePtr makeVideoThumbnail(const std::string& path, int maxSide) {
     ImagePtr image;
+    // Up to the size class asked (the video module's own limit is the grid's 256), never enlarged.
+    const imageio::VideoThumbnailLimits limits{maxSide, false};
     if (!imageio::loadVideoThumbnail(FastString<char>(path), Vec2i(maxSide, maxSide), &image,
-                                     nullptr))
+                                     nullptr, limits))
         throw ThumbnailFailure("the video cannot be opened");
     if (!image) throw ThumbnailFailure("no frame of the video decodes");
     return image;
