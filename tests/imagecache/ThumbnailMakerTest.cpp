@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "TestJpeg.h"
 #include "base/Log.h"
@@ -333,6 +336,39 @@ TEST(ThumbnailMaker, EncodedThumbnailsComeBackAsTheyWent) {
     EXPECT_FALSE(decodeThumbnail(jpeg.substr(0, jpeg.size() / 2)));
     EXPECT_FALSE(decodeThumbnail(""));
     EXPECT_EQ(log.count("decodeThumbnail"), 3u);
+}
+
+TEST(ThumbnailMakerThreads, ThreadsMakingThumbnailsOfTheSameFilesGetTheSamePixels) {
+    TempFolder folder;
+    const std::string paths[] = {
+        folder.write("a.jpg", jpegWithColouredThumbnail(160, 120)),
+        folder.write("b.jpg", imageio::testing::withMetadata(imageio::testing::makeJpeg(900, 600),
+                                                             [](Exiv2::Image& image) {
+                                                                 image.exifData()["Exif.Image.Orientation"] = uint16_t(6);
+                                                             })),
+    };
+    ImagePtr expected[2];
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(expected[i] = makeThumbnail(paths[i], 128));
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 3; ++round) {
+                const int i = (t + round) % 2;
+                const ImagePtr image = makeThumbnail(paths[i], 128);
+                if (!image || image->width() != expected[i]->width() ||
+                    image->height() != expected[i]->height()) {
+                    ++mismatches;
+                    continue;
+                }
+                for (int y = 0; y < image->height(); ++y)
+                    if (!std::equal(image->row(y), image->row(y) + image->width() * 4,
+                                    expected[i]->row(y)))
+                        ++mismatches;
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
 }
 
 }  // namespace
