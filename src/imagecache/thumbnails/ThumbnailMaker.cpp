@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "base/Exception.h"
 #include "base/Log.h"
 #include "base/filesystem/RandomAccessFile.h"
 #include "imagecache/thumbnails/detail/ThumbnailPng.h"
@@ -30,14 +31,7 @@ using imageio::ImagePtr;
 using Vec2i = math::GenVec<int, 2>;
 
 // Why a thumbnail could not be made; makeThumbnail logs it with the path.
-class ThumbnailFailure : public std::exception {
-public:
-    explicit ThumbnailFailure(std::string reason) : _reason(std::move(reason)) {}
-    const char* what() const noexcept override { return _reason.c_str(); }
-
-private:
-    std::string _reason;
-};
+using ThumbnailFailure = Exception;
 
 // The size the header claims, before any pixel is decoded: (0, 0) where this format's header is
 // not read here (ImageLoader reads it then). Throws ThumbnailFailure for a JPEG without a header.
