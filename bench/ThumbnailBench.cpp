@@ -27,8 +27,8 @@ int main(int argc, char** argv) {
         const size_t slash = path.find_last_of('/');
         std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
         name = name.substr(0, name.find_last_of('.'));
-        if (!image || !qor::imageio::saveJpeg(qor::FastString<char>(folder + "/" + name + ".jpg"),
-                                              image, 90))
+        if (!image ||
+            !qor::imageio::saveJpeg(qor::FastString<char>(folder + "/" + name + ".jpg"), image, 90))
             ++failures;
     }
     return failures == 0 ? 0 : 1;

@@ -32,12 +32,13 @@ using Rgb = std::array<int, 3>;
 
 // A JPEG of one colour per quadrant (top left, top right, bottom left, bottom right).
 Bytes quadrantJpeg(int width, int height, const std::array<Rgb, 4>& colours) {
-    return imageio::testing::encodeJpeg(width, height, 3, JCS_RGB, 95, [&](int y, unsigned char* row) {
-        for (int x = 0; x < width; ++x) {
-            const Rgb& c = colours[(y >= height / 2 ? 2 : 0) + (x >= width / 2 ? 1 : 0)];
-            for (int i = 0; i < 3; ++i) row[3 * x + i] = static_cast<unsigned char>(c[i]);
-        }
-    });
+    return imageio::testing::encodeJpeg(
+        width, height, 3, JCS_RGB, 95, [&](int y, unsigned char* row) {
+            for (int x = 0; x < width; ++x) {
+                const Rgb& c = colours[(y >= height / 2 ? 2 : 0) + (x >= width / 2 ? 1 : 0)];
+                for (int i = 0; i < 3; ++i) row[3 * x + i] = static_cast<unsigned char>(c[i]);
+            }
+        });
 }
 
 Bytes solidJpeg(int width, int height, Rgb colour) {
@@ -77,10 +78,11 @@ TEST(ThumbnailMaker, FitsInsideTheBoxKeepingProportionsAndNeverEnlarges) {
     struct Case {
         int width, height, maxSide, wantWidth, wantHeight;
     };
-    for (const Case& c : {Case{600, 400, 256, 256, 171}, Case{300, 900, 256, 85, 256},
-                          Case{100, 60, 256, 100, 60}, Case{5000, 20, 2048, 2048, 8},
-                          Case{2049, 1366, 2048, 2048, 1365}}) {
-        const std::string path = folder.write("fit.jpg", imageio::testing::makeJpeg(c.width, c.height));
+    for (const Case& c :
+         {Case{600, 400, 256, 256, 171}, Case{300, 900, 256, 85, 256}, Case{100, 60, 256, 100, 60},
+          Case{5000, 20, 2048, 2048, 8}, Case{2049, 1366, 2048, 2048, 1365}}) {
+        const std::string path =
+            folder.write("fit.jpg", imageio::testing::makeJpeg(c.width, c.height));
         const ImagePtr image = makeThumbnail(path, c.maxSide);
         ASSERT_TRUE(image) << c.width << "x" << c.height;
         EXPECT_EQ(image->width(), c.wantWidth) << c.width << "x" << c.height;
@@ -107,9 +109,10 @@ TEST(ThumbnailMaker, ReducesWithoutAliasingAndMatchesAReferenceReduction) {
     TempFolder folder;
     // One-pixel stripes: a reduction that skips pixels shows stripes or a flat black or white.
     const int w = 2048, h = 1536;
-    const Bytes stripes = imageio::testing::encodeJpeg(w, h, 1, JCS_GRAYSCALE, 100, [&](int, unsigned char* row) {
-        for (int x = 0; x < w; ++x) row[x] = (x % 2) ? 255 : 0;
-    });
+    const Bytes stripes =
+        imageio::testing::encodeJpeg(w, h, 1, JCS_GRAYSCALE, 100, [&](int, unsigned char* row) {
+            for (int x = 0; x < w; ++x) row[x] = (x % 2) ? 255 : 0;
+        });
     ImagePtr image = makeThumbnail(folder.write("stripes.jpg", stripes), 256);
     ASSERT_TRUE(image);
     ASSERT_EQ(image->width(), 256);
@@ -132,7 +135,8 @@ TEST(ThumbnailMaker, ReducesWithoutAliasingAndMatchesAReferenceReduction) {
     for (int y = 0; y < 192; ++y)
         for (int x = 0; x < 256; ++x)
             for (int i = 0; i < 3; ++i)
-                worst = std::max(worst, std::abs(image->row(y)[4 * x + i] - reference->row(y)[4 * x + i]));
+                worst = std::max(worst,
+                                 std::abs(image->row(y)[4 * x + i] - reference->row(y)[4 * x + i]));
     EXPECT_LE(worst, 6);
 }
 
@@ -154,11 +158,11 @@ TEST(ThumbnailMaker, EveryOrientationGivesTheUprightPicture) {
         {green, yellow, red, blue},
     }};
     for (int orientation = 1; orientation <= 8; ++orientation) {
-        const std::string path = folder.write(
-            "o" + std::to_string(orientation) + ".jpg",
-            imageio::testing::withMetadata(stored, [&](Exiv2::Image& image) {
-                image.exifData()["Exif.Image.Orientation"] = uint16_t(orientation);
-            }));
+        const std::string path =
+            folder.write("o" + std::to_string(orientation) + ".jpg",
+                         imageio::testing::withMetadata(stored, [&](Exiv2::Image& image) {
+                             image.exifData()["Exif.Image.Orientation"] = uint16_t(orientation);
+                         }));
         const ImagePtr image = makeThumbnail(path, 256);
         ASSERT_TRUE(image) << orientation;
         const bool turned = orientation >= 5;
@@ -166,7 +170,8 @@ TEST(ThumbnailMaker, EveryOrientationGivesTheUprightPicture) {
         EXPECT_EQ(image->height(), turned ? 256 : 192) << orientation;
         const int right = image->width() - 10, bottom = image->height() - 10;
         const std::array<Rgb, 4> corners = {pixel(*image, 10, 10), pixel(*image, right, 10),
-                                            pixel(*image, 10, bottom), pixel(*image, right, bottom)};
+                                            pixel(*image, 10, bottom),
+                                            pixel(*image, right, bottom)};
         for (int i = 0; i < 4; ++i)
             EXPECT_TRUE(near(corners[i], upright[orientation][i], 24))
                 << "orientation " << orientation << " corner " << i;
@@ -186,8 +191,8 @@ TEST(ThumbnailMaker, ConvertsAnEmbeddedProfileToSRGB) {
         extras.inputChannels = 3;
         extras.icc = &adobe->data();
         bool stopped = false;
-        ASSERT_TRUE(imageio::detail::encodeJpeg(file, {64, 48}, [&] { return row.data(); }, 100,
-                                                extras, &stopped));
+        ASSERT_TRUE(imageio::detail::encodeJpeg(
+            file, {64, 48}, [&] { return row.data(); }, 100, extras, &stopped));
     }
     // The reference: the same colour through Little CMS from Adobe RGB to sRGB.
     const auto reference = Image4ub::create(1, 1);
@@ -211,7 +216,8 @@ TEST(ThumbnailMaker, TakesTheExifThumbnailOnlyWhenItIsLargeEnoughAndOfTheSameSha
     };
     for (const Case& c : {Case{320, 240, 256, thumbnail}, Case{160, 120, 256, picture},
                           Case{160, 120, 160, thumbnail}, Case{320, 180, 256, picture}}) {
-        const std::string path = folder.write("camera.jpg", jpegWithColouredThumbnail(c.thumbWidth, c.thumbHeight));
+        const std::string path =
+            folder.write("camera.jpg", jpegWithColouredThumbnail(c.thumbWidth, c.thumbHeight));
         const ImagePtr image = makeThumbnail(path, c.maxSide);
         ASSERT_TRUE(image);
         EXPECT_EQ(image->width(), c.maxSide);
@@ -242,12 +248,16 @@ TEST(ThumbnailMaker, BadFilesGiveNullAndOneLineNamingTheFile) {
     for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 7 + 3);
     garbage[0] = 0xFF, garbage[1] = 0xD8, garbage[2] = 0xFF;
     // A PNG signature and an IHDR of 60000 x 60000, then nothing: refused on the header alone.
-    Bytes pngBomb = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 13, 'I', 'H', 'D', 'R',
-                     0, 0, 0xEA, 0x60, 0, 0, 0xEA, 0x60, 8, 6, 0, 0, 0, 0, 0, 0, 0};
+    Bytes pngBomb = {0x89, 'P',  'N', 'G', '\r', '\n', 0x1a, '\n', 0,    0, 0,
+                     13,   'I',  'H', 'D', 'R',  0,    0,    0xEA, 0x60, 0, 0,
+                     0xEA, 0x60, 8,   6,   0,    0,    0,    0,    0,    0, 0};
     const std::pair<const char*, Bytes> cases[] = {
-        {"corrupt.jpg", corrupt},        {"truncated.jpg", truncated},
-        {"empty.jpg", {}},               {"garbage.jpg", garbage},
-        {"bomb.png", pngBomb},           {"bomb.jpg", withClaimedSize(good, 60000, 60000)},
+        {"corrupt.jpg", corrupt},
+        {"truncated.jpg", truncated},
+        {"empty.jpg", {}},
+        {"garbage.jpg", garbage},
+        {"bomb.png", pngBomb},
+        {"bomb.jpg", withClaimedSize(good, 60000, 60000)},
         {"not-a-picture.txt", Bytes(100, 'x')},
     };
     for (const auto& [name, bytes] : cases) {
@@ -342,10 +352,11 @@ TEST(ThumbnailMakerThreads, ThreadsMakingThumbnailsOfTheSameFilesGetTheSamePixel
     TempFolder folder;
     const std::string paths[] = {
         folder.write("a.jpg", jpegWithColouredThumbnail(160, 120)),
-        folder.write("b.jpg", imageio::testing::withMetadata(imageio::testing::makeJpeg(900, 600),
-                                                             [](Exiv2::Image& image) {
-                                                                 image.exifData()["Exif.Image.Orientation"] = uint16_t(6);
-                                                             })),
+        folder.write("b.jpg", imageio::testing::withMetadata(
+                                  imageio::testing::makeJpeg(900, 600),
+                                  [](Exiv2::Image& image) {
+                                      image.exifData()["Exif.Image.Orientation"] = uint16_t(6);
+                                  })),
     };
     ImagePtr expected[2];
     for (int i = 0; i < 2; ++i) ASSERT_TRUE(expected[i] = makeThumbnail(paths[i], 128));

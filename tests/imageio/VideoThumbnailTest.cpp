@@ -193,7 +193,8 @@ TEST_F(VideoThumbnail, LimitsRaiseTheClampAndCanKeepSmallFramesAsTheyAre) {
     large.frames = 3;
     const FastString<char> big(makeVideo(folder.path() + "/big.mp4", large));
     const FastString<char> small(makeVideo(folder.path() + "/small.mp4", VideoRecipe()));
-    const auto sizeFor = [&](const FastString<char>& path, Vec request, VideoThumbnailLimits limits) {
+    const auto sizeFor = [&](const FastString<char>& path, Vec request,
+                             VideoThumbnailLimits limits) {
         ImageOut image;
         EXPECT_TRUE(loadVideoThumbnail(path, request, &image, nullptr, limits));
         return image ? Vec(image->width(), image->height()) : Vec();

@@ -79,8 +79,10 @@ ImagePtr decodeJpegFitted(RandomAccessFile& file, const std::string& path,
         ImagePtr thumb = imageio::detail::decodeExifThumbnail(
             file, thumbLocation, Vec2i(0, 0), imageio::ImageQualityThumbnail, &report);
         if (!thumb) {
-            QOR_LOG(LogWarning, "makeThumbnail: broken EXIF thumbnail in '%*' (%*): decoding the "
-                    "picture instead", path, report.failure.empty() ? "no JPEG" : report.failure);
+            QOR_LOG(LogWarning,
+                    "makeThumbnail: broken EXIF thumbnail in '%*' (%*): decoding the "
+                    "picture instead",
+                    path, report.failure.empty() ? "no JPEG" : report.failure);
         } else if (thumb->width() >= target.x && thumb->height() >= target.y &&
                    sameProportions(Vec2i(thumb->width(), thumb->height()), loader.storedSize())) {
             return thumb;
@@ -94,8 +96,8 @@ ImagePtr decodeJpegFitted(RandomAccessFile& file, const std::string& path,
                                (full.y + denominator - 1) / denominator < target.y))
         denominator /= 2;
     imageio::detail::JpegDecodeReport report;
-    ImagePtr image = imageio::detail::decodeJpegReduced(file, denominator,
-                                                        imageio::ImageQualityFast, &report);
+    ImagePtr image =
+        imageio::detail::decodeJpegReduced(file, denominator, imageio::ImageQualityFast, &report);
     if (report.dataMissing)
         throw ThumbnailFailure("truncated or damaged JPEG data (" + report.failure + ")");
     if (!image) throw ThumbnailFailure("the JPEG does not decode (" + report.failure + ")");

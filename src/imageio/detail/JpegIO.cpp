@@ -65,7 +65,8 @@ void outputMessage(j_common_ptr object) noexcept {
 void emitMessage(j_common_ptr object, int level) noexcept {
     auto* manager = reinterpret_cast<JpegErrorManager*>(object->err);
     const int code = object->err->msg_code;
-    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) manager->dataMissing = true;
+    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER))
+        manager->dataMissing = true;
     manager->standardEmit(object, level);
 }
 

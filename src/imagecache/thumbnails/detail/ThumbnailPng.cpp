@@ -65,8 +65,7 @@ bool writeRows(PngWriteState& s, const imageio::Image4ub& image) {
 bool encodePngRGBA(const imageio::Image4ub& image, std::string* out, std::string* failure) {
     const auto state = std::make_unique<PngWriteState>();
     state->out = out;
-    state->png =
-        png_create_write_struct(PNG_LIBPNG_VER_STRING, state.get(), failed, warned);
+    state->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, state.get(), failed, warned);
     if (state->png) state->info = png_create_info_struct(state->png);
     if (!state->png || !state->info) {
         *failure = "libpng could not be set up";
