@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -40,6 +41,8 @@ public:
     std::atomic<int> gets{0};
     std::atomic<int> changed{0}, removed{0}, moved{0}, copied{0};
     std::chrono::milliseconds delay{0};
+    // Called at the start of each get, on the asking thread, before it is counted per item.
+    std::function<void(ResourceID, int)> onGet;
 
     void setVersion(ResourceID id, int version) {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -61,6 +64,7 @@ public:
     Thumbnail get(ResourceID id, int side) override {
         ++gets;
         if (delay.count() > 0) std::this_thread::sleep_for(delay);
+        if (onGet) onGet(id, side);
         std::lock_guard<std::mutex> lock(_mutex);
         ++_getsOf[id.id()];
         if (_broken.count(id.id())) return Thumbnail{solidImage(4, 4, 128), true};
