@@ -28,17 +28,7 @@ cmake --build "$BUILD" --target qor_tool >/dev/null
 WORK=$(mktemp -d /tmp/qor_export_bench.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 "$BUILD/qor" pipeline --size 12000x8000 --scale 1 --save "$WORK/pattern.jpg" >/dev/null 2>&1
-(
-    cd "$WORK"
-    for s in 1 2 3; do vips gaussnoise "c$s.v" 750 500 --sigma 50 --mean 128 --seed "$s"; done
-    vips bandjoin "c1.v c2.v c3.v" coarse.v
-    vips resize coarse.v smooth.v 16 --kernel cubic
-    vips gaussnoise grain.v 12000 8000 --sigma 10 --mean 0 --seed 4
-    vips add smooth.v grain.v sum.v
-    vips cast sum.v photo.v uchar
-    vips copy photo.v "photo.jpg[Q=90]"
-    rm -f ./*.v
-)
+bench/make_photo_jpeg.sh "$WORK"
 export VIPS_CONCURRENCY=2
 
 python3 - "$BUILD/qor" "$WORK" "$RUNS" "$BIG" "${BASELINE_QOR:-}" <<'PY'

@@ -67,11 +67,16 @@ struct DecodeState {
     std::vector<JSAMPLE> line;
     ImagePtr image;
     int rowsDone = 0;  // target rows filled so far
+    detail::JpegDecodeReport* report = nullptr;  // failures go here instead of the log when set
+    int denominator = 0;  // the reduction asked for; 0 to pick it from the size wanted
 };
 
 void configureDecoder(DecodeState& s, Vec2i size, ImageQuality quality) {
     jpeg_decompress_struct& c = s.cinfo;
-    if (size != Vec2i(0, 0)) {
+    if (s.denominator > 0) {
+        c.scale_num = 1;
+        c.scale_denom = static_cast<unsigned>(s.denominator);
+    } else if (size != Vec2i(0, 0)) {
         c.scale_num = 1;
         c.scale_denom = static_cast<unsigned>(
             detail::jpegScaleDenominator(Vec2i(int(c.image_width), int(c.image_height)), size));
@@ -198,15 +203,37 @@ void fillMissingRows(DecodeState& s) {
     }
 }
 
+// A file without a JPEG header, told to the report or the log.
+[[gnu::noinline]] void noImage(DecodeState& s, const std::string& name) {
+    if (s.report)
+        s.report->failure = "no image";
+    else
+        QOR_LOG(LogWarning, "decodeJpegCore: no image in '%*'", name);
+}
+
+// Tells the report, when there is one, that the data broke off before the last row. Kept out of
+// line: a string built in the frame of the setjmp could be clobbered by the long jump.
+[[gnu::noinline]] void noteMissingData(DecodeState& s) {
+    if (!s.report || (!s.err.dataMissing && s.rowsDone >= s.image->height())) return;
+    s.report->dataMissing = true;
+    s.report->failure = detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo));
+}
+
 // After a long jump: log, keep what was read when scanlines had started, destroy the object.
-ImagePtr decodeFailed(DecodeState& s, const std::string& name) {
+[[gnu::noinline]] ImagePtr decodeFailed(DecodeState& s, const std::string& name) {
     const std::string message =
         detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo)) + " ('" + name + "')";
+    if (s.report) {
+        s.report->failure = detail::jpegMessage(reinterpret_cast<j_common_ptr>(&s.cinfo));
+        s.report->dataMissing = s.started;
+    }
     if (s.started) {
-        QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed after decompression with: %*", message);
+        if (!s.report)
+            QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed after decompression with: %*",
+                    message);
         fillMissingRows(s);
     } else {
-        QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed with: %*", message);
+        if (!s.report) QOR_LOG(LogWarning, "decodeJpegCore: libjpeg failed with: %*", message);
         s.image.reset();
     }
     jpeg_destroy_decompress(&s.cinfo);
@@ -214,17 +241,20 @@ ImagePtr decodeFailed(DecodeState& s, const std::string& name) {
 }
 
 ImagePtr decodeJpegCore(const JpegInput& input, Vec2i size, ImageQuality quality,
-                        const math::Recti& roi) {
+                        const math::Recti& roi, detail::JpegDecodeReport* report = nullptr,
+                        int denominator = 0) {
     const std::string name = input.name();
     const std::unique_ptr<DecodeState> state = std::make_unique<DecodeState>();
     DecodeState& s = *state;
+    s.report = report;
+    s.denominator = denominator;
     s.cinfo.err = detail::initJpegErrorManager(s.err);
     if (setjmp(s.err.jump)) return decodeFailed(s, name);
 
     jpeg_create_decompress(&s.cinfo);
     input.install(&s.cinfo);
     if (jpeg_read_header(&s.cinfo, TRUE) != JPEG_HEADER_OK) {
-        QOR_LOG(LogWarning, "decodeJpegCore: no image in '%*'", name);
+        noImage(s, name);
         jpeg_destroy_decompress(&s.cinfo);
         return nullptr;
     }
@@ -243,6 +273,7 @@ ImagePtr decodeJpegCore(const JpegInput& input, Vec2i size, ImageQuality quality
     }
     s.started = true;
     readRows(s);
+    noteMissingData(s);
     fillMissingRows(s);
     if (s.roi.empty()) jpeg_finish_decompress(&s.cinfo);
     jpeg_destroy_decompress(&s.cinfo);
@@ -481,6 +512,12 @@ int jpegScaleDenominator(Vec2i full, Vec2i wanted) {
 ImagePtr decodeJpeg(RandomAccessFile& file, Vec2i size, ImageQuality quality,
                     const math::Recti& roi) {
     return decodeAndReduce(JpegInput(file), size, quality, roi);
+}
+
+ImagePtr decodeJpegReduced(RandomAccessFile& file, int denominator, ImageQuality quality,
+                           JpegDecodeReport* report) {
+    return decodeJpegCore(JpegInput(file), Vec2i(0, 0), quality, math::Recti(), report,
+                          denominator);
 }
 
 ImagePtr decodeJpeg(const void* data, size_t byteCount, Vec2i size, ImageQuality quality,

@@ -19,8 +19,6 @@ namespace {
 
 using detail::Rgba8Image;
 
-// Thumbnails are never larger than this on either side.
-constexpr int kMaxThumbnailSide = 256;
 // The frame is taken at this time or at a tenth of the length, whichever is earlier.
 constexpr int64_t kThumbnailTime = AV_TIME_BASE;  // 1 second
 
@@ -116,7 +114,7 @@ SharedPtr<Rgba8Image> rotate(const SharedPtr<Rgba8Image>& image, int turns) {
 // The frame scaled to fit inside `box` as it is shown, converted to RGBA. Null when the frame's
 // format or size is not usable.
 SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& frame,
-                                  const AVStream* stream, math::GenVec<int, 2> box,
+                                  const AVStream* stream, math::GenVec<int, 2> box, bool enlarge,
                                   const FastString<char>& path) {
     if (!detail::plausibleSize(frame.width, frame.height)) return nullptr;
     AVRational aspect = frame.sample_aspect_ratio;
@@ -126,7 +124,8 @@ SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& fram
     const int turns = quarterTurns(ffmpeg, stream);
     math::GenVec<int, 2> shown(std::max(1, int(std::lround(shownWidth))), frame.height);
     if (turns % 2 == 1) shown = math::GenVec<int, 2>(shown.y, shown.x);
-    math::GenVec<int, 2> fitted = fitInside(shown, box);
+    math::GenVec<int, 2> fitted =
+        !enlarge && shown.x <= box.x && shown.y <= box.y ? shown : fitInside(shown, box);
     // The scaler works in the frame's orientation; the turn comes after.
     if (turns % 2 == 1) fitted = math::GenVec<int, 2>(fitted.y, fitted.x);
 
@@ -149,7 +148,7 @@ SharedPtr<Rgba8Image> toThumbnail(const FfmpegCalls& ffmpeg, const AVFrame& fram
 }  // namespace
 
 bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size, ImageOut* image,
-                        SharedPtr<Metadata>* metadata) {
+                        SharedPtr<Metadata>* metadata, const VideoThumbnailLimits& limits) {
     const FfmpegCalls* ffmpeg = detail::ffmpegCalls();
     if (!ffmpeg) {
         QOR_LOG(LogDebug, "SHCreateItemFromParsingName for file '%*' failed with error code %*",
@@ -208,11 +207,11 @@ bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size,
     }
     SharedPtr<Rgba8Image> thumbnail;
     if (frame) {
-        const math::GenVec<int, 2> box(
-            size.x > 0 ? std::min(size.x, kMaxThumbnailSide) : kMaxThumbnailSide,
-            size.y > 0 ? std::min(size.y, kMaxThumbnailSide) : kMaxThumbnailSide);
+        const int largest = limits.largestSide;
+        const math::GenVec<int, 2> box(size.x > 0 ? std::min(size.x, largest) : largest,
+                                       size.y > 0 ? std::min(size.y, largest) : largest);
         try {
-            thumbnail = toThumbnail(*ffmpeg, *frame, stream, box, path);
+            thumbnail = toThumbnail(*ffmpeg, *frame, stream, box, limits.enlarge, path);
         } catch (const std::bad_alloc&) {
             thumbnail = nullptr;
         }

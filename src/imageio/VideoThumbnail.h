@@ -7,9 +7,16 @@
 
 namespace qor::imageio {
 
+// How large a video thumbnail may come out.
+struct VideoThumbnailLimits {
+    int largestSide = 256;  // the clamp of each side of the requested size
+    bool enlarge = true;    // whether a frame smaller than the fit is scaled up to it
+};
+
 // Decodes the first frame at or after 1 second or a tenth of the video's length, whichever comes
 // first, turned as the video is shown (sample aspect ratio and rotation), and scales it to fit
-// inside `size` with each side clamped to 256 (a side of 0 or less counts as 256).
+// inside `size` with each side clamped to limits.largestSide, 256 unless told (a side of 0 or less
+// counts as that side). Without limits.enlarge a frame that already fits keeps its shown size.
 //
 // Outputs: `image`, when wanted (non-null) and empty, gets the thumbnail; `metadata`, when wanted
 // and already holding a Metadata, gets Imagesize set to the thumbnail's size on it.
@@ -22,6 +29,6 @@ namespace qor::imageio {
 // error code %*" at level 1, when the video has no frame that decodes. Blocks on file reads;
 // re-entrant, and safe on any number of threads at once. Never throws.
 bool loadVideoThumbnail(const FastString<char>& path, math::GenVec<int, 2> size, ImageOut* image,
-                        SharedPtr<Metadata>* metadata);
+                        SharedPtr<Metadata>* metadata, const VideoThumbnailLimits& limits = {});
 
 }  // namespace qor::imageio

@@ -186,6 +186,26 @@ TEST_F(VideoThumbnail, FitsInsideRequestClampedTo256AndReportsSize) {
     EXPECT_TRUE(image);
 }
 
+TEST_F(VideoThumbnail, LimitsRaiseTheClampAndCanKeepSmallFramesAsTheyAre) {
+    VideoRecipe large;
+    large.width = 640;
+    large.height = 480;
+    large.frames = 3;
+    const FastString<char> big(makeVideo(folder.path() + "/big.mp4", large));
+    const FastString<char> small(makeVideo(folder.path() + "/small.mp4", VideoRecipe()));
+    const auto sizeFor = [&](const FastString<char>& path, Vec request,
+                             VideoThumbnailLimits limits) {
+        ImageOut image;
+        EXPECT_TRUE(loadVideoThumbnail(path, request, &image, nullptr, limits));
+        return image ? Vec(image->width(), image->height()) : Vec();
+    };
+    EXPECT_EQ(sizeFor(big, Vec(2048, 2048), {2048, false}), Vec(640, 480));
+    EXPECT_EQ(sizeFor(big, Vec(512, 512), {2048, false}), Vec(512, 384));
+    EXPECT_EQ(sizeFor(big, Vec(512, 512), {}), Vec(256, 192));
+    EXPECT_EQ(sizeFor(small, Vec(2048, 2048), {2048, false}), Vec(160, 120));
+    EXPECT_EQ(sizeFor(small, Vec(2048, 2048), {2048, true}), Vec(2048, 1536));
+}
+
 TEST_F(VideoThumbnail, TurnsAsTheVideoIsShown) {
     // Dark left half, bright right half, shown turned a quarter clockwise: dark on top.
     VideoRecipe recipe;

@@ -9,14 +9,15 @@
 // - otherwise the JPEG decoded with libjpeg's reduction on load (scale_denom 1 to 8), then
 //   resampled to the exact size;
 // - a camera raw file's embedded preview (LibRaw), decoded at full size only when it has none;
-// - a video's frame (FFmpeg);
+// - a video's frame (FFmpeg), fitted the same way;
 // - every other format through the decoder registry.
 //
 // Bad input. A file that cannot be read, a corrupt or truncated one, a zero-byte file, a broken
 // EXIF thumbnail (the picture itself is decoded then), and a picture whose header claims more
 // than kMaxPixels pixels (a decompression bomb: refused before any pixel is allocated) give a null
-// image and one log line naming the file and the reason, also in `error` when it is given. Never
-// throws, except std::bad_alloc.
+// image and one log line naming the file and the reason ("makeThumbnail: no thumbnail of '%*':
+// %*", at warning level), the same text in `error` when it is given. A broken EXIF thumbnail
+// logs one warning naming the file and gives the picture. Never throws, except std::bad_alloc.
 //
 // Thread contract: re-entrant; any number of threads at once. Blocks on the file; takes the
 // file's shared path lock while it reads.

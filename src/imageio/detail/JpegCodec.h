@@ -23,8 +23,22 @@ namespace qor::imageio::detail {
 // give null; later ones log "decodeJpegCore: libjpeg failed after decompression with: %*" and give
 // the rows read so far, the rest mid-grey. Throws std::bad_alloc when the pixels cannot be
 // allocated; nothing else.
+// What went wrong in a decode, for callers that report failures themselves.
+struct JpegDecodeReport {
+    // The compressed data broke off (a truncated or damaged file): the rows from there on are
+    // filled, not decoded.
+    bool dataMissing = false;
+    // libjpeg's message when the decode failed or broke off; empty otherwise.
+    std::string failure;
+};
+
 ImagePtr decodeJpeg(RandomAccessFile& file, math::GenVec<int, 2> size, ImageQuality quality,
                     const math::Recti& roi);
+// The whole JPEG in `file` at libjpeg's reduction 1 / `denominator` (1, 2, 4 or 8): ceil(W / d)
+// x ceil(H / d), nothing reduced further. What goes wrong lands in *report instead of the log.
+// Throws std::bad_alloc; nothing else.
+ImagePtr decodeJpegReduced(RandomAccessFile& file, int denominator, ImageQuality quality,
+                           JpegDecodeReport* report);
 ImagePtr decodeJpeg(const void* data, size_t byteCount, math::GenVec<int, 2> size,
                     ImageQuality quality, const math::Recti& roi);
 

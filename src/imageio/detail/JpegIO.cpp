@@ -61,6 +61,15 @@ void outputMessage(j_common_ptr object) noexcept {
     }
 }
 
+// Level -1 is a warning; the codes below are those of data that broke off.
+void emitMessage(j_common_ptr object, int level) noexcept {
+    auto* manager = reinterpret_cast<JpegErrorManager*>(object->err);
+    const int code = object->err->msg_code;
+    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER))
+        manager->dataMissing = true;
+    manager->standardEmit(object, level);
+}
+
 // Allocates a T from the object's permanent pool; it goes with the object.
 template <class T>
 T* allocatePermanent(j_common_ptr object) {
@@ -227,6 +236,8 @@ jpeg_error_mgr* initJpegErrorManager(JpegErrorManager& manager) {
     jpeg_error_mgr* err = jpeg_std_error(&manager.pub);
     err->error_exit = errorExit;
     err->output_message = outputMessage;
+    manager.standardEmit = err->emit_message;
+    err->emit_message = emitMessage;
     return err;
 }
 

@@ -33,11 +33,15 @@ constexpr size_t JpegFileBufferSize = 4096;
 struct JpegErrorManager {
     jpeg_error_mgr pub;  // first, so that the libjpeg pointer is the manager's
     std::jmp_buf jump;
+    // Set by the warnings that say the compressed data broke off (a premature end of the data or
+    // a marker in the middle of a scan): the rows from there on are not the picture's.
+    bool dataMissing = false;
+    void (*standardEmit)(j_common_ptr, int) = nullptr;  // libjpeg's own emit_message
 };
 
 // Fills `manager` with libjpeg's standard routines, except that error_exit long-jumps to
-// manager.jump and messages (warnings, traces) go to the log at debug level. Returns the pointer
-// to store in the object's `err` field.
+// manager.jump, messages (warnings, traces) go to the log at debug level and the warnings of
+// missing data set manager.dataMissing. Returns the pointer to store in the object's `err` field.
 jpeg_error_mgr* initJpegErrorManager(JpegErrorManager& manager);
 
 // The text of the object's last message, as libjpeg formats it.
