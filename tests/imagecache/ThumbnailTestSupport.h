@@ -86,4 +86,25 @@ private:
     std::map<int32_t, int> _getsOf;
 };
 
+// Counts the gets that reach the link behind it (the decodes, in front of the source link).
+class CountingLink : public ImageCache {
+public:
+    explicit CountingLink(ImageCache* next) : _next(next) {}
+    std::atomic<int> gets{0};
+
+    Thumbnail get(ResourceID id, int side) override {
+        ++gets;
+        return _next->get(id, side);
+    }
+    bool contains(ResourceID id, int side) override { return _next->contains(id, side); }
+    void itemChanged(ResourceID id) override { _next->itemChanged(id); }
+    void itemRemoved(ResourceID id, const std::string& p) override { _next->itemRemoved(id, p); }
+    void itemMoved(ResourceID id, const std::string& p) override { _next->itemMoved(id, p); }
+    void itemCopied(ResourceID s, ResourceID d) override { _next->itemCopied(s, d); }
+    ResourceManager& resourceManager() override { return _next->resourceManager(); }
+
+private:
+    ImageCache* _next;
+};
+
 }  // namespace qor::imagecache::testing
