@@ -149,23 +149,6 @@ bool unreadableItem(MetadataCacheRDB& cache, ResourceID id) {
 
 // ---- build ----
 
-// Every picture below `folder` (image and raw extensions, or content a decoder recognises;
-// hidden entries left out), in name order.
-void collectPictures(const std::string& folder, std::vector<std::string>& out) {
-    for (filesystem::UrlIterator it(folder); it.valid(); it.next()) {
-        if (it.isHidden()) continue;
-        const std::string path = it.path();
-        if (it.isDirectory()) {
-            collectPictures(path, out);
-            continue;
-        }
-        const imageio::ItemType type = imageio::getItemType(FastString<char>(path));
-        if (type == imageio::ItemTypeImage || type == imageio::ItemTypeRaw ||
-            (type == imageio::ItemTypeUnknown && recognisedPicture(path)))
-            out.push_back(path);
-    }
-}
-
 int runBuild(const CacheOptions& o) {
     // Ctrl-C from the start: what comes before the reading is quick and ends in the same summary.
     g_cacheInterrupted = 0;

@@ -60,6 +60,7 @@ int runTilesDemo(const std::vector<std::string>& args);
 int runPipelineDemo(const std::vector<std::string>& args);
 int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
+int runThumbs(const std::vector<std::string>& args);
 int runChecksum(const std::vector<std::string>& args);
 int runExport(const std::vector<std::string>& args);
 int runGpuInfo(const std::vector<std::string>& args);
