@@ -126,10 +126,10 @@ void DecodeOnly(benchmark::State& state) {
     for (ResourceID id : f.ids) {
         const std::string path = f.manager.localPath(id);
         std::string bytes;
-        f.store->get(imagecache::ImageCacheDHD::key(
-                         f.manager.persistentString(id), kGridThumbnailSide,
-                         filesystem::lastWriteTime(path).microseconds()),
-                     bytes);
+        f.store->get(
+            imagecache::ImageCacheDHD::key(f.manager.persistentString(id), kGridThumbnailSide,
+                                           filesystem::lastWriteTime(path).microseconds()),
+            bytes);
         blobs.push_back(std::move(bytes));
     }
     size_t i = 0;
@@ -140,7 +140,8 @@ BENCHMARK(DecodeOnly)->Unit(benchmark::kMicrosecond);
 void Make(benchmark::State& state) {
     Fixture& f = fixture();
     size_t i = 0;
-    for (auto _ : state) benchmark::DoNotOptimize(f.source->get(f.ids[i++ % kFiles], kGridThumbnailSide));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(f.source->get(f.ids[i++ % kFiles], kGridThumbnailSide));
 }
 BENCHMARK(Make)->Unit(benchmark::kMillisecond);
 

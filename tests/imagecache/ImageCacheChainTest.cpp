@@ -67,8 +67,8 @@ TEST_F(ImageCacheChainTest, ARewrittenFileGetsANewThumbnailAndDropsTheOldEntry) 
     const std::string path = manager.localPath(id);
     time::Timestamp before = filesystem::lastWriteTime(path);
     files.write("a.jpg", solidJpeg(10, 200, 0));
-    filesystem::setLastWriteTime(path, time::Timestamp::fromMicroseconds(before.microseconds() +
-                                                                         5000000));
+    filesystem::setLastWriteTime(
+        path, time::Timestamp::fromMicroseconds(before.microseconds() + 5000000));
     EXPECT_FALSE(disk.contains(id, kGridThumbnailSide));
     EXPECT_NEAR(centreRed(disk.get(id, kGridThumbnailSide)), 10, 4);
     EXPECT_EQ(decodes.gets, 2);
@@ -132,8 +132,8 @@ TEST_F(ImageCacheChainTest, ABrokenFileGivesAPlaceholderThatNoLinkKeeps) {
     const std::string path = manager.localPath(id);
     time::Timestamp before = filesystem::lastWriteTime(path);
     files.write("broken.jpg", solidJpeg(0, 250, 0));
-    filesystem::setLastWriteTime(path, time::Timestamp::fromMicroseconds(before.microseconds() +
-                                                                         5000000));
+    filesystem::setLastWriteTime(
+        path, time::Timestamp::fromMicroseconds(before.microseconds() + 5000000));
     Thumbnail fixed = ram.get(id, kGridThumbnailSide);
     EXPECT_FALSE(fixed.placeholder);
     EXPECT_EQ(fixed.image->width(), kGridThumbnailSide);
@@ -149,9 +149,9 @@ TEST_F(ImageCacheChainTest, ABrokenFileGivesAPlaceholderThatNoLinkKeeps) {
 TEST_F(ImageCacheChainTest, AStoredEntryThatDoesNotDecodeIsMadeAgain) {
     ResourceID id = add("a.jpg", solidJpeg(120, 0, 0));
     disk.get(id, kGridThumbnailSide);
-    const std::string key = ImageCacheDHD::key(
-        manager.persistentString(id), kGridThumbnailSide,
-        filesystem::lastWriteTime(manager.localPath(id)).microseconds());
+    const std::string key =
+        ImageCacheDHD::key(manager.persistentString(id), kGridThumbnailSide,
+                           filesystem::lastWriteTime(manager.localPath(id)).microseconds());
     ASSERT_TRUE(store.contains(key));
     ASSERT_TRUE(store.put(key, "garbage", 7));
     LogCapture log;

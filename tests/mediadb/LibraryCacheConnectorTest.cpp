@@ -6,10 +6,10 @@
 
 #include "CacheTestSupport.h"
 #include "LibraryTestSupport.h"
-#include "imagecache/metadata/FileMetadataCache.h"
 #include "ThumbnailTestSupport.h"
 #include "base/cache/DynamicHDCache.h"
 #include "base/filesystem/Path.h"
+#include "imagecache/metadata/FileMetadataCache.h"
 #include "imagecache/metadata/MetadataCacheRDB.h"
 #include "imagecache/thumbnails/ImageCacheDHD.h"
 #include "imagecache/thumbnails/ImageCacheRAM.h"
@@ -120,8 +120,8 @@ TEST(LibraryCacheConnector, ThumbnailsFollowTheLibrarysMovesCopiesAndChanges) {
     const time::Timestamp before = filesystem::lastWriteTime(path);
     const imageio::testing::Bytes other = imageio::testing::makeJpeg(100, 100);
     writeFile(path, std::string(other.begin(), other.end()));
-    filesystem::setLastWriteTime(path,
-                                 time::Timestamp::fromMicroseconds(before.microseconds() + 5000000));
+    filesystem::setLastWriteTime(
+        path, time::Timestamp::fromMicroseconds(before.microseconds() + 5000000));
     cache.check(a);
     EXPECT_FALSE(ram.contains(a, kGridThumbnailSide));
     EXPECT_EQ(ram.get(a, kGridThumbnailSide).image->width(), 100);  // the new picture, not enlarged

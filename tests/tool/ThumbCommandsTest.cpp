@@ -40,8 +40,7 @@ TEST_F(QorThumbs, BuildTwiceAnswersTheSecondTimeFromTheCache) {
     QorRun second = runQor(folder, {"thumbs", "build", folder.path() + "/pics", "--cache", cache});
     EXPECT_EQ(second.status, 1);
     EXPECT_NE(second.out.find("3 files in"), std::string::npos) << second.out;
-    EXPECT_NE(second.out.find(": 0 made, 2 from cache, 1 failed"), std::string::npos)
-        << second.out;
+    EXPECT_NE(second.out.find(": 0 made, 2 from cache, 1 failed"), std::string::npos) << second.out;
     ASSERT_EQ(second.errLines.size(), 1u);
     EXPECT_NE(second.errLines[0].find("broken.jpg"), std::string::npos);
 

@@ -144,7 +144,8 @@ const CommandInfo kCommands[] = {
      "Writes a thumbnail of an image or video file, fitted inside the box, as JPEG (.jpg, .jpeg) "
      "or BMP (.bmp) by OUT's extension, and prints its size. A JPEG's EXIF thumbnail serves when "
      "it fills the box. With --cache the thumbnail comes from the thumbnail cache when it holds "
-     "it, and is kept there otherwise. A bad file gives one line on standard error and exit status 1.",
+     "it, and is kept there otherwise. A bad file gives one line on standard error and exit status "
+     "1.",
      kThumbOptions, "qor thumb photo.jpg --size 320x240 -o photo-small.jpg", runThumb},
     {"thumbs", "build the thumbnail cache of folders, or a contact sheet of one",
      "build DIR... --cache CACHEDIR [--size N] | contact DIR -o SHEET.jpg [--size N] [--columns N]",

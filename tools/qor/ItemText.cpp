@@ -8,8 +8,8 @@
 
 #include "base/filesystem/Path.h"
 #include "base/filesystem/RandomAccessFile.h"
-#include "imageio/ImageIO.h"
 #include "imageio/DecoderRegistry.h"
+#include "imageio/ImageIO.h"
 #include "imageio/detail/PathExtension.h"
 
 namespace qor::tool {

@@ -31,8 +31,8 @@
 #include "ItemText.h"
 #include "ThumbChain.h"
 #include "base/filesystem/Path.h"
-#include "imageio/ImageIO.h"
 #include "imagecache/thumbnails/ThumbnailMaker.h"
+#include "imageio/ImageIO.h"
 #include "imaging/Image.h"
 #include "imaging/ImageSource.h"
 #include "imaging/ImageTile.h"
@@ -213,8 +213,8 @@ protected:
 
     SharedPtr<const imaging::ImageTile> computeTileData(unsigned x, unsigned y) override {
         const Recti rect = _layout.getTileRect(int(x), int(y));
-        SharedPtr<imaging::ImageTile> tile = imaging::ImageTile::create(rect.size(),
-                                                                        imaging::PfRGBA8);
+        SharedPtr<imaging::ImageTile> tile =
+            imaging::ImageTile::create(rect.size(), imaging::PfRGBA8);
         auto data = tile->getDataTargetRGBA8();
         for (int j = 0; j < rect.height(); ++j) {
             unsigned char* row = data->row(j);

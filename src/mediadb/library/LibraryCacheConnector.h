@@ -3,8 +3,8 @@
 // (a MetadataCacheRDB in front of a FileMetadataCache, both over the library's ImageManager).
 //
 // The metadata cache follows renames and removals of the ImageManager's resources by itself, so
-// moves and removals need nothing more there; copies hand the cached values on, edits make the cache
-// check the file again, new images are read into the cache in the background.
+// moves and removals need nothing more there; copies hand the cached values on, edits make the
+// cache check the file again, new images are read into the cache in the background.
 //
 // With a thumbnail chain (its front, usually a LargeImageCache) moves, copies, removals and edits
 // go down that chain as well, a moved folder as a move of each image now below it; a check of the
@@ -53,9 +53,9 @@ public:
     void flush() override;
 
 private:
-    imageio::MetadataCache* const _cache;        // not owned
+    imageio::MetadataCache* const _cache;       // not owned
     imagecache::ImageCache* const _thumbnails;  // not owned, may be null
-    thread::TaskGroup _background;         // reads of newly added images
+    thread::TaskGroup _background;              // reads of newly added images
 };
 
 }  // namespace qor::mediadb
