@@ -130,42 +130,23 @@ int runBuild(const ThumbsOptions& o) {
     const std::vector<ResourceID> ids = chain.add(files);
     const size_t total = ids.size();
     std::vector<char> failed(total, 0);
-    std::atomic<size_t> next{0}, done{0}, made{0}, cached{0};
-    const unsigned threadCount = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+    std::atomic<size_t> made{0}, cached{0};
     const auto start = std::chrono::steady_clock::now();
-    std::mutex mutex;
-    std::condition_variable ended;   // a thread has run out of files
-    unsigned running = threadCount;  // guarded by mutex
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&] {
-            for (size_t i; !g_thumbsInterrupted && (i = next++) < total; ++done) {
-                if (chain.disk->contains(ids[i], o.side)) {
-                    ++cached;
-                } else if (chain.disk->get(ids[i], o.side).placeholder) {
-                    failed[i] = 1;  // each thread writes only its own files' flags
-                } else {
-                    ++made;
-                }
+    const size_t done = runOnThreads(
+        total,
+        [&](size_t i) {
+            if (chain.disk->contains(ids[i], o.side)) {
+                ++cached;
+            } else if (chain.disk->get(ids[i], o.side).placeholder) {
+                failed[i] = 1;  // each item's flag is written by the one thread that makes it
+            } else {
+                ++made;
             }
-            std::lock_guard<std::mutex> lock(mutex);
-            --running;
-            ended.notify_all();
-        });
-    }
-    const bool bar = progressBarWanted();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        for (size_t drawn = ~size_t(0); running > 0;) {
-            ended.wait_for(lock, std::chrono::milliseconds(100));
-            if (bar && done != drawn) drawProgressBar(drawn = done, total, "files", false);
-        }
-    }
-    for (std::thread& t : threads) t.join();
+        },
+        g_thumbsInterrupted, "files");
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::signal(SIGINT, previous);
-    if (bar) drawProgressBar(done, total, "files", true);
     size_t bad = 0;
     for (size_t i = 0; i < total; ++i) {
         if (!failed[i]) continue;
@@ -173,8 +154,8 @@ int runBuild(const ThumbsOptions& o) {
         status = reportBad("thumbs build", files[i], chain.reasonFor(files[i]));
     }
     if (g_thumbsInterrupted) {
-        std::fprintf(stderr, "qor: thumbs build: interrupted after %zu of %zu files\n",
-                     size_t(done), total);
+        std::fprintf(stderr, "qor: thumbs build: interrupted after %zu of %zu files\n", done,
+                     total);
         return 130;
     }
     std::printf("%zu files in %.2f s: %zu made, %zu from cache, %zu failed\n", total, seconds,

@@ -8,8 +8,7 @@
 
 namespace qor::imagecache {
 
-ImageCacheDHD::ImageCacheDHD(ImageCache* next, DynamicHDCache* store)
-    : _next(next), _store(store) {
+ImageCacheDHD::ImageCacheDHD(ImageCache* next, DynamicHDCache* store) : _next(next), _store(store) {
     QOR_ASSERT(next != nullptr && store != nullptr);
 }
 
@@ -70,7 +69,8 @@ void ImageCacheDHD::itemChanged(ResourceID id) {
 
 void ImageCacheDHD::itemRemoved(ResourceID id, const std::string& path) {
     try {
-        _store->removePrefix(itemPrefix(resourceManager().nameFromLocalPath(path).persistentString()));
+        _store->removePrefix(
+            itemPrefix(resourceManager().nameFromLocalPath(path).persistentString()));
     } catch (const Exception& e) {
         QOR_LOG(LogWarning, "ImageCacheDHD: cannot drop the thumbnails of '%*': %*", path,
                 e.what());

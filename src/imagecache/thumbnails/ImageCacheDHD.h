@@ -49,8 +49,8 @@ private:
     // unknown or its file cannot be seen.
     bool currentKey(ResourceID id, int side, std::string& name, std::string& key);
 
-    ImageCache* const _next;        // not owned
-    DynamicHDCache* const _store;   // not owned
+    ImageCache* const _next;       // not owned
+    DynamicHDCache* const _store;  // not owned
 };
 
 }  // namespace qor::imagecache

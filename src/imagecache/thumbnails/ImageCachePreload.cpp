@@ -64,11 +64,10 @@ void ImageCachePreload::setList(const std::vector<Item>& items) {
     // Below the pool's default priority, the first of the list highest.
     int priority = -1;
     for (auto& [item, token] : posts) {
-        thread::ThreadPool::TaskId task = _pool->post(
-            [state = _state, cache = _cache, item = item, token = token] {
-                run(state, cache, item, token);
-            },
-            priority--);
+        thread::ThreadPool::TaskId task =
+            _pool->post([state = _state, cache = _cache, item = item,
+                         token = token] { run(state, cache, item, token); },
+                        priority--);
         ScopedLock lock(_state->mutex);
         auto it = _state->queued.find(Key{item.id.id(), item.side});
         if (it != _state->queued.end() && it->second.token == token) it->second.task = task;

@@ -31,6 +31,7 @@
 #include "base/thread/Mutex.h"
 #include "base/thread/ThreadPool.h"
 #include "imagecache/thumbnails/ImageCache.h"
+#include "imagecache/thumbnails/ThumbnailKey.h"
 #include "util/Function.h"
 
 namespace qor::imagecache {
@@ -65,19 +66,13 @@ public:
     void setProgressCallback(Function1<void, Progress> callback);
 
 private:
-    struct Key {
-        int32_t id;
-        int side;
-        friend bool operator<(const Key& a, const Key& b) {
-            return a.id != b.id ? a.id < b.id : a.side < b.side;
-        }
-    };
+    using Key = ThumbnailKey;
     struct Queued {
         uint64_t token = 0;
         thread::ThreadPool::TaskId task = 0;  // 0 until post() has returned
     };
     struct State {
-        Mutex mutex;  // guards the fields marked below
+        Mutex mutex;             // guards the fields marked below
         ConditionVariable idle;  // nothing queued or running any more
         std::map<Key, Queued> queued QOR_GUARDED_BY(mutex);
         uint64_t nextToken QOR_GUARDED_BY(mutex) = 1;
@@ -95,7 +90,7 @@ private:
                                                               const std::set<Key>* wanted)
         QOR_REQUIRES(state.mutex);
 
-    ImageCache* const _cache;  // not owned
+    ImageCache* const _cache;         // not owned
     thread::ThreadPool* const _pool;  // not owned
     std::shared_ptr<State> _state;
 };

@@ -26,6 +26,7 @@
 #include "base/thread/Mutex.h"
 #include "container/LRUCache.h"
 #include "imagecache/thumbnails/ImageCache.h"
+#include "imagecache/thumbnails/ThumbnailKey.h"
 
 namespace qor::imagecache {
 
@@ -62,13 +63,7 @@ public:
     static uint64_t costOf(const imageio::Image4ub& image);
 
 private:
-    struct Key {
-        int32_t id;
-        int side;
-        friend bool operator<(const Key& a, const Key& b) {
-            return a.id != b.id ? a.id < b.id : a.side < b.side;
-        }
-    };
+    using Key = ThumbnailKey;
     // An answer of the next link on its way: the asking thread fills it, the others wait.
     struct Flight {
         bool done = false;
@@ -79,12 +74,11 @@ private:
 
     // Removes every entry of the item and marks its flights stale; the released images go to
     // *released so that they are freed after the lock is dropped (declare it before the lock).
-    void dropLocked(int32_t id, std::vector<imageio::ConstImagePtr>* released)
-        QOR_REQUIRES(_mutex);
+    void dropLocked(int32_t id, std::vector<imageio::ConstImagePtr>* released) QOR_REQUIRES(_mutex);
     Thumbnail fetch(ResourceID id, int side, const Key& key, std::shared_ptr<Flight> flight);
 
-    ImageCache* const _next;  // not owned
-    mutable Mutex _mutex;     // guards _entries, _flights
+    ImageCache* const _next;    // not owned
+    mutable Mutex _mutex;       // guards _entries, _flights
     ConditionVariable _landed;  // a flight ended
     container::LRUCache<Key, imageio::ConstImagePtr> _entries QOR_GUARDED_BY(_mutex);
     std::map<Key, std::shared_ptr<Flight>> _flights QOR_GUARDED_BY(_mutex);

@@ -22,12 +22,13 @@ namespace qor::imagecache {
 class LargeImageCache : public ImageCache {
 public:
     // The budget of screen previews in memory by default: eight of them at 2048 x 2048.
-    static constexpr uint64_t kDefaultByteLimit = uint64_t(8) * kScreenPreviewSide *
-                                                  kScreenPreviewSide * 4;
+    static constexpr uint64_t kDefaultByteLimit =
+        uint64_t(8) * kScreenPreviewSide * kScreenPreviewSide * 4;
 
     // `gridFront`: the chain the grid thumbnails come from (its memory link); `disk`: the link the
     // previews' memory link asks, usually the grid chain's disk link.
-    LargeImageCache(ImageCache* gridFront, ImageCache* disk, uint64_t byteLimit = kDefaultByteLimit);
+    LargeImageCache(ImageCache* gridFront, ImageCache* disk,
+                    uint64_t byteLimit = kDefaultByteLimit);
 
     // The screen preview of `id`.
     Thumbnail preview(ResourceID id) { return _previews.get(id, kScreenPreviewSide); }
