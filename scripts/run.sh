@@ -87,6 +87,19 @@ status=0
 # from the files), every record checked against its file; a picture changed since is reported
 # (exit status 1) and read again by the next get.
 "$QOR" cache build "$SAMPLES" --cache "$SAMPLES/cache"
+# The thumbnail cache: built twice (the second time every thumbnail comes from the cache), one
+# answered from it, and a contact sheet of the samples. A sample that cannot be read is named on
+# one line and makes the exit status 1.
+status=0
+"$QOR" thumbs build "$SAMPLES" --cache "$SAMPLES/cache" || status=$?
+[ "$status" -le 1 ] || { echo "qor thumbs build: exit status $status" >&2; exit 1; }
+status=0
+"$QOR" thumbs build "$SAMPLES" --cache "$SAMPLES/cache" || status=$?
+[ "$status" -le 1 ] || { echo "qor thumbs build: exit status $status" >&2; exit 1; }
+"$QOR" thumb "$SAMPLES/harbour.jpg" --cache "$SAMPLES/cache" -o "$SAMPLES/harbour-cached.jpg"
+status=0
+"$QOR" thumbs contact "$SAMPLES" -o "$SAMPLES/contact-sheet.jpg" --size 160 || status=$?
+[ "$status" -le 1 ] || { echo "qor thumbs contact: exit status $status" >&2; exit 1; }
 "$QOR" cache get "$SAMPLES/harbour.jpg" "$SAMPLES/tower.jpg" --cache "$SAMPLES/cache" \
     --field FNumber --field OriginalTime --field GPSCoordinates --field Orientation --field MakeString
 "$QOR" cache get --json "$SAMPLES/harbour.jpg" --cache "$SAMPLES/cache"

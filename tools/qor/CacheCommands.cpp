@@ -149,23 +149,6 @@ bool unreadableItem(MetadataCacheRDB& cache, ResourceID id) {
 
 // ---- build ----
 
-// Every picture below `folder` (image and raw extensions, or content a decoder recognises;
-// hidden entries left out), in name order.
-void collectPictures(const std::string& folder, std::vector<std::string>& out) {
-    for (filesystem::UrlIterator it(folder); it.valid(); it.next()) {
-        if (it.isHidden()) continue;
-        const std::string path = it.path();
-        if (it.isDirectory()) {
-            collectPictures(path, out);
-            continue;
-        }
-        const imageio::ItemType type = imageio::getItemType(FastString<char>(path));
-        if (type == imageio::ItemTypeImage || type == imageio::ItemTypeRaw ||
-            (type == imageio::ItemTypeUnknown && recognisedPicture(path)))
-            out.push_back(path);
-    }
-}
-
 int runBuild(const CacheOptions& o) {
     // Ctrl-C from the start: what comes before the reading is quick and ends in the same summary.
     g_cacheInterrupted = 0;
@@ -193,37 +176,13 @@ int runBuild(const CacheOptions& o) {
 
     // Several files at once: the cache reads files with its lock released.
     const size_t total = ids.size();
-    std::atomic<size_t> next{0}, done{0};
-    const unsigned threadCount = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
     const auto start = std::chrono::steady_clock::now();
-    std::mutex mutex;
-    std::condition_variable ended;   // a thread has run out of files
-    unsigned running = threadCount;  // guarded by mutex
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&] {
-            for (size_t i; !g_cacheInterrupted && (i = next++) < total; ++done)
-                chain.cache->cacheImage(ids[i]);
-            std::lock_guard<std::mutex> lock(mutex);
-            --running;
-            ended.notify_all();
-        });
-    }
-    const bool bar = progressBarWanted();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        for (size_t drawn = ~size_t(0); running > 0;) {
-            ended.wait_for(lock, std::chrono::milliseconds(100));
-            if (bar && done != drawn) drawProgressBar(drawn = done, total, "files", false);
-        }
-    }
-    for (std::thread& t : threads) t.join();
+    const size_t done = runOnThreads(
+        total, [&](size_t i) { chain.cache->cacheImage(ids[i]); }, g_cacheInterrupted, "files");
     chain.cache->shutdown();  // writes what was read, also after Ctrl-C
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::signal(SIGINT, previous);
-    if (bar) drawProgressBar(done, total, "files", true);
-
     size_t bad = 0;
     for (size_t i = 0; i < done; ++i) {
         if (!unreadableItem(*chain.cache, ids[i])) continue;
@@ -231,8 +190,7 @@ int runBuild(const CacheOptions& o) {
         status = reportBad("cache build", files[i], "cannot be read");
     }
     if (g_cacheInterrupted) {
-        std::fprintf(stderr, "qor: cache build: interrupted after %zu of %zu files\n", size_t(done),
-                     total);
+        std::fprintf(stderr, "qor: cache build: interrupted after %zu of %zu files\n", done, total);
         return 130;
     }
     std::printf("%zu files in %.2f s, %.0f files per second%s\n", total, seconds,

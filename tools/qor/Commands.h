@@ -4,7 +4,10 @@
 // interrupted. main.cpp parses the global options (-v, --log, --help) and checks every option
 // against the table before a subcommand runs, so a subcommand sees only its own arguments.
 
+#include <csignal>
+#include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,6 +25,13 @@ bool parseCount(const std::string& text, unsigned long& value);
 // ends the line. Callers draw it only when standard error is a terminal (progressBarWanted).
 void drawProgressBar(unsigned long done, unsigned long total, const char* unit, bool final);
 bool progressBarWanted();
+
+// Runs work(i) for every i below `total` on up to eight threads at once (files read in parallel),
+// drawing the progress bar on the calling thread when it is wanted, until all are done or `stop`
+// (a signal handler's flag) is set: the items under way then finish, no new one starts. Returns
+// how many items were done. `work` runs on the worker threads and must be thread-safe.
+size_t runOnThreads(size_t total, const std::function<void(size_t)>& work,
+                    const volatile std::sig_atomic_t& stop, const char* unit);
 
 using CommandFunction = int (*)(const std::vector<std::string>& args);
 
@@ -60,6 +70,7 @@ int runTilesDemo(const std::vector<std::string>& args);
 int runPipelineDemo(const std::vector<std::string>& args);
 int runInfo(const std::vector<std::string>& args);
 int runThumb(const std::vector<std::string>& args);
+int runThumbs(const std::vector<std::string>& args);
 int runChecksum(const std::vector<std::string>& args);
 int runExport(const std::vector<std::string>& args);
 int runGpuInfo(const std::vector<std::string>& args);

@@ -4,10 +4,10 @@
 //                               metadata map of image and video files, read without decoding
 //                               pixels; --verify also decodes a small picture of each file, which
 //                               proves its pixels all there (a truncated file is found out only so)
-//   qor thumb FILE [--size WxH] -o OUT
-//                               a thumbnail fitted inside W x H, written as JPEG or BMP by OUT's
-//                               extension; from a preview the file holds (a JPEG's EXIF thumbnail)
-//                               when that fills the box
+//   qor thumb FILE [--size WxH] [--cache CACHEDIR] -o OUT
+//                               a thumbnail fitted inside W x H (makeThumbnail's), written as JPEG
+//                               or BMP by OUT's extension; with --cache through the thumbnail
+//                               disk cache, which answers when it holds it
 //   qor checksum FILE...        the item checksum of each file
 //
 // Pictures are known by their content, whatever their names: ImageLoader asks the decoder registry
@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -33,6 +34,7 @@
 
 #include "Commands.h"
 #include "ItemText.h"
+#include "ThumbChain.h"
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
@@ -263,7 +265,7 @@ int runInfo(const std::vector<std::string>& args) {
 
 int runThumb(const std::vector<std::string>& args) {
     std::vector<std::string> files;
-    std::string out;
+    std::string out, cacheDir;
     Vec2i box(256, 256);
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--size") {
@@ -273,6 +275,9 @@ int runThumb(const std::vector<std::string>& args) {
         } else if (args[i] == "-o") {
             if (i + 1 >= args.size()) return usageError("thumb: -o needs an output file");
             out = args[++i];
+        } else if (args[i] == "--cache") {
+            if (i + 1 >= args.size()) return usageError("thumb: --cache needs a folder");
+            cacheDir = args[++i];
         } else {
             files.push_back(args[i]);
         }
@@ -283,32 +288,34 @@ int runThumb(const std::vector<std::string>& args) {
     if (format == ThumbFormat::None)
         return usageError("thumb: the output must end in .jpg, .jpeg or .bmp");
     imageio::initSupportedItemsList();
-    const FastString<char> in(files[0]);
-    imageio::ImagePtr image;
     if (const std::string problem = unreadable(files[0]); !problem.empty())
         return reportBad("thumb", files[0], problem);
-    const std::string problem = readQuietly(
-        [&] {
-            if (imageio::getItemType(in) == imageio::ItemTypeVideo) {
-                imageio::loadVideoThumbnail(in, box, &image, nullptr);
-            } else if (const auto loader = openPicture(files[0])) {
-                // Fitted inside the box, but never larger than the picture.
-                const Vec2i full = loader->storedSize();
-                const Vec2i target =
-                    full.x <= box.x && full.y <= box.y ? full : imageio::fitInside(full, box);
-                SharedPtr<Metadata> decoded;  // what was decoded: a preview or the picture
-                image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityThumbnail,
-                                      &decoded);
-                // A preview smaller than the target on both sides gives way to the picture.
-                const Vec2i source = decoded ? decoded->size() : Vec2i(0, 0);
-                if (image && source.x < target.x && source.y < target.y)
-                    image = decodeQuietly(*loader, files[0], target, imageio::ImageQualityFast);
-            }
-        },
-        [&] { return image != nullptr; }, "no picture in the file");
-    if (!problem.empty()) return reportBad("thumb", files[0], problem);
-    // Decoders fit what they can; the rest (a preview larger than asked, say) is reduced here.
-    image = imageio::scaleTrilinear_destructive(image, box.x, box.y, imageio::ScaleFitInside);
+    // The size class of the box's longer side, then fitted inside the box itself.
+    const int side = std::max(box.x, box.y);
+    imageio::ConstImagePtr image;
+    const char* origin = "";
+    if (!cacheDir.empty()) {
+        ThumbChain chain;
+        if (!chain.open("thumb", cacheDir)) return 1;
+        const ResourceID id = chain.add({files[0]})[0];
+        const bool cached = chain.disk->contains(id, side);
+        imagecache::Thumbnail t = chain.disk->get(id, side);
+        if (t.placeholder) return reportBad("thumb", files[0], ThumbChain::reasonFor(files[0]));
+        image = t.image;
+        origin = cached ? " (from the cache)" : " (made and cached)";
+    } else {
+        std::string error;
+        image = imagecache::makeThumbnail(files[0], side, &error);
+        if (!image) return reportBad("thumb", files[0], ThumbChain::reasonIn(error, files[0]));
+    }
+    if (image->width() > box.x || image->height() > box.y) {
+        // The scaling consumes its input: a copy, the cache's image being shared.
+        imageio::ImagePtr copy = imageio::Image4ub::create(image->width(), image->height());
+        for (int y = 0; y < image->height(); ++y)
+            std::memcpy(copy->data() + y * copy->stride(), image->data() + y * image->stride(),
+                        size_t(image->width()) * 4);
+        image = imageio::scaleTrilinear_destructive(copy, box.x, box.y, imageio::ScaleFitInside);
+    }
     const FastString<char> target(out);
     const bool saved = format == ThumbFormat::Jpeg ? imageio::saveJpeg(target, image, 90)
                                                    : imageio::saveBmp(target, image);
@@ -316,7 +323,7 @@ int runThumb(const std::vector<std::string>& args) {
         std::fprintf(stderr, "qor: thumb: cannot write '%s'\n", out.c_str());
         return 1;
     }
-    std::printf("%s: %d x %d\n", out.c_str(), image->width(), image->height());
+    std::printf("%s: %d x %d%s\n", out.c_str(), image->width(), image->height(), origin);
     return 0;
 }
 

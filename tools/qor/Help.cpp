@@ -50,6 +50,17 @@ const OptionInfo kInfoOptions[] = {
 const OptionInfo kThumbOptions[] = {
     {"--size", "WxH", "the box the thumbnail fits inside, each side 1 to 16384 (default 256x256)"},
     {"-o", "OUT", "the thumbnail file, .jpg, .jpeg or .bmp (required)"},
+    {"--cache", "CACHEDIR",
+     "answer from the thumbnail cache in CACHEDIR/thumbnails, which keeps what it made"},
+};
+
+const OptionInfo kThumbsOptions[] = {
+    {"--cache", "CACHEDIR",
+     "build: the cache folder, made when missing; the thumbnails go to CACHEDIR/thumbnails "
+     "(required)"},
+    {"--size", "N", "the longest side of each thumbnail, 1 to 2048 (default 256)"},
+    {"-o", "SHEET", "contact: the sheet, a JPEG file (required)"},
+    {"--columns", "N", "contact: thumbnails in a row, 1 to 100 (default 6)"},
 };
 
 const OptionInfo kExportOptions[] = {
@@ -128,11 +139,24 @@ const CommandInfo kCommands[] = {
      "picture) gives one line on standard error, the other files are still shown, and the exit "
      "status is 1.",
      kInfoOptions, "qor info --verify photo.jpg clip.mp4", runInfo},
-    {"thumb", "a JPEG or BMP thumbnail of an image or video file", "FILE [--size WxH] -o OUT",
+    {"thumb", "a JPEG or BMP thumbnail of an image or video file",
+     "FILE [--size WxH] [--cache CACHEDIR] -o OUT",
      "Writes a thumbnail of an image or video file, fitted inside the box, as JPEG (.jpg, .jpeg) "
      "or BMP (.bmp) by OUT's extension, and prints its size. A JPEG's EXIF thumbnail serves when "
-     "it fills the box. A bad file gives one line on standard error and exit status 1.",
+     "it fills the box. With --cache the thumbnail comes from the thumbnail cache when it holds "
+     "it, and is kept there otherwise. A bad file gives one line on standard error and exit status "
+     "1.",
      kThumbOptions, "qor thumb photo.jpg --size 320x240 -o photo-small.jpg", runThumb},
+    {"thumbs", "build the thumbnail cache of folders, or a contact sheet of one",
+     "build DIR... --cache CACHEDIR [--size N] | contact DIR -o SHEET.jpg [--size N] [--columns N]",
+     "build: makes the thumbnail of every picture below the folders into the disk cache, several "
+     "files at once, with a progress bar, and prints a summary: how many were made, how many the "
+     "cache held already, how many failed. contact: writes the thumbnails of the folder's "
+     "pictures in a grid with margins, computed through the tile pipeline, as a JPEG. A picture "
+     "that cannot be read gives one line on standard error and counts as failed, the others are "
+     "still made, and the exit status is 1; Ctrl-C stops after the files under way (exit status "
+     "130).",
+     kThumbsOptions, "qor thumbs build ~/Pictures --cache ~/.cache/qor", runThumbs},
     {"checksum",
      "the item checksum of each file",
      "FILE...",

@@ -6,8 +6,10 @@
 #include <sstream>
 #include <system_error>
 
+#include "base/filesystem/Path.h"
 #include "base/filesystem/RandomAccessFile.h"
 #include "imageio/DecoderRegistry.h"
+#include "imageio/ImageIO.h"
 #include "imageio/detail/PathExtension.h"
 
 namespace qor::tool {
@@ -35,6 +37,23 @@ bool recognisedPicture(const std::string& file) {
     }
     return imageio::findDecoder(head, length,
                                 imageio::detail::upperExtension(FastString<char>(file)));
+}
+
+// Every picture below `folder` (image and raw extensions, or content a decoder recognises;
+// hidden entries left out), in name order.
+void collectPictures(const std::string& folder, std::vector<std::string>& out) {
+    for (filesystem::UrlIterator it(folder); it.valid(); it.next()) {
+        if (it.isHidden()) continue;
+        const std::string path = it.path();
+        if (it.isDirectory()) {
+            collectPictures(path, out);
+            continue;
+        }
+        const imageio::ItemType type = imageio::getItemType(FastString<char>(path));
+        if (type == imageio::ItemTypeImage || type == imageio::ItemTypeRaw ||
+            (type == imageio::ItemTypeUnknown && recognisedPicture(path)))
+            out.push_back(path);
+    }
 }
 
 int reportBad(const char* command, const std::string& file, const std::string& reason) {

@@ -1,10 +1,12 @@
 #pragma once
-// What the file and cache commands share: the checks of a file before it is read, the one line
-// of a bad file, and metadata values as text and as JSON (the form of 'qor info --json').
+// What the file, cache and thumbnail commands share: the pictures below a folder, the checks of a
+// file before it is read, the one line of a bad file, and metadata values as text and as JSON
+// (the form of 'qor info --json').
 
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "imageio/MetadataValue.h"
 
@@ -17,6 +19,10 @@ using Json = nlohmann::ordered_json;
 std::string unreadable(const std::string& file);
 // Whether a decoder recognises the content of `file` (for a name that does not tell).
 bool recognisedPicture(const std::string& file);
+// Appends every picture below `folder` (image and raw extensions, or content a decoder
+// recognises; hidden entries left out), in name order. Throws FilesystemException when a folder
+// cannot be listed.
+void collectPictures(const std::string& folder, std::vector<std::string>& out);
 // Prints "qor: <command>: '<file>': <reason>" on standard error and returns 1.
 int reportBad(const char* command, const std::string& file, const std::string& reason);
 

@@ -1,6 +1,6 @@
 #include "SaveImage.h"
 
-#include "Commands.h"
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -11,8 +11,7 @@
 #include <future>
 #include <memory>
 
-#include <unistd.h>
-
+#include "Commands.h"
 #include "imageio/IImageSaver.h"
 #include "imageio/ImageSaver.h"
 
@@ -31,7 +30,6 @@ std::string lowerExtension(const std::string& path) {
                    [](unsigned char c) { return char(std::tolower(c)); });
     return ext;
 }
-
 
 }  // namespace
 
@@ -55,7 +53,7 @@ int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
         saver = std::move(tiff);
         // The image's own depth: 8-bit pictures stay 8-bit, deeper ones keep 16 bits.
         format = imaging::getBitsPerChannel(image->pixelFormat()) > 8 ? imaging::PfRGB16
-                                                                       : imaging::PfRGB8;
+                                                                      : imaging::PfRGB8;
     } else if (ext == "exr") {
         saver = std::make_unique<imageio::ImageSaverOpenEXR>();
         format = imaging::PfRGBA16F;
@@ -70,9 +68,8 @@ int saveImage(const SharedPtr<imaging::Image>& image, const std::string& path,
     gSaveInterrupted = 0;
     void (*previous)(int) = std::signal(SIGINT, onSaveInterrupt);
     // The saving thread runs the module; this one draws and watches for Ctrl-C.
-    auto saving = std::async(std::launch::async, [&] {
-        imageSaver.save(imageio::ImageSaver::String(path), format);
-    });
+    auto saving = std::async(std::launch::async,
+                             [&] { imageSaver.save(imageio::ImageSaver::String(path), format); });
     const bool bar = isatty(STDERR_FILENO) != 0;
     const unsigned total = unsigned(image->height());
     bool interrupted = false;

@@ -10,13 +10,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "Commands.h"
@@ -45,6 +50,35 @@ void drawProgressBar(unsigned long done, unsigned long total, const char* unit, 
                  std::string(size_t(kWidth - filled), '.').c_str(), int(fraction * 100.0), done,
                  total, unit, final ? "\n" : "");
     std::fflush(stderr);
+}
+
+size_t runOnThreads(size_t total, const std::function<void(size_t)>& work,
+                    const volatile std::sig_atomic_t& stop, const char* unit) {
+    std::atomic<size_t> next{0}, done{0};
+    const unsigned threadCount = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+    std::mutex mutex;
+    std::condition_variable ended;   // a thread has run out of items
+    unsigned running = threadCount;  // guarded by mutex
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&] {
+            for (size_t i; !stop && (i = next++) < total; ++done) work(i);
+            std::lock_guard<std::mutex> lock(mutex);
+            --running;
+            ended.notify_all();
+        });
+    }
+    const bool bar = progressBarWanted();
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (size_t drawn = ~size_t(0); running > 0;) {
+            ended.wait_for(lock, std::chrono::milliseconds(100));
+            if (bar && done != drawn) drawProgressBar(drawn = done, total, unit, false);
+        }
+    }
+    for (std::thread& t : threads) t.join();
+    if (bar) drawProgressBar(done, total, unit, true);
+    return done;
 }
 
 }  // namespace qor::tool

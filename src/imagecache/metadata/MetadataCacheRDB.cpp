@@ -613,4 +613,9 @@ void MetadataCacheRDB::setIsLibraryItemCallback(const ItemCallback& callback) {
     _isLibraryItemCallback = callback;
 }
 
+void MetadataCacheRDB::setFileChangedCallback(const ChangedCallback& callback) {
+    ScopedLock lock(_mutex);
+    _fileChangedCallback = callback;
+}
+
 }  // namespace qor::imagecache

@@ -150,6 +150,10 @@ public:
     void setPersitentItemCallback(const ItemCallback& callback);
     // Whether an item still belongs to the library, asked by check; without one every item does.
     void setIsLibraryItemCallback(const ItemCallback& callback);
+    // Told of every item whose file check found written since its values were cached (the
+    // thumbnail caches drop theirs). Runs on the checking thread with no lock held.
+    using ChangedCallback = Function1<void, ResourceID>;
+    void setFileChangedCallback(const ChangedCallback& callback);
 
     // Loads the item unless its values are here; an item whose file was written since is read
     // again (check). Blocks on the file.
@@ -265,6 +269,7 @@ private:
     std::vector<ResourceID> _renamed QOR_GUARDED_BY(_mutex);
     ItemCallback _persistentItemCallback QOR_GUARDED_BY(_mutex);
     ItemCallback _isLibraryItemCallback QOR_GUARDED_BY(_mutex);
+    ChangedCallback _fileChangedCallback QOR_GUARDED_BY(_mutex);
     bool _shutdown QOR_GUARDED_BY(_mutex) = false;
 
     std::shared_ptr<SignalGuard> _signalGuard = std::make_shared<SignalGuard>();

@@ -294,6 +294,7 @@ void MetadataCacheRDB::internalCheck(ResourceID id) {
 
     ScopedLock lock(_mutex);
     bool trigger = false;
+    ChangedCallback fileChanged;
     if (!isLoadedLocked(index)) {
         // A record that a crash left inconsistent: read again.
         internalCacheImageLazy(id, lock, true);
@@ -304,8 +305,14 @@ void MetadataCacheRDB::internalCheck(ResourceID id) {
             QOR_LOG(LogInfo,
                     "Found changed file FileLastWirteTime:'%*' CachedFileLastWriteTime:'%*'",
                     fileTime.toString(), cached.toString());
+            fileChanged = _fileChangedCallback;
             internalCacheImageLazy(id, lock, true);
         }
+    }
+    if (fileChanged) {
+        lock.unlock();
+        fileChanged(id);
+        lock.lock();
     }
     if (!isLoadedLocked(index)) return;  // the file could not be read: logged there
     if (!_columns->itemState().known(index)) internalCacheImageField(id, MetadataField::ItemState);

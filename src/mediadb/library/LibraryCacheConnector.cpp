@@ -15,29 +15,69 @@ using imageio::MetadataField;
 
 namespace {
 constexpr int kBackgroundPriority = -60;
-}
 
-LibraryCacheConnector::LibraryCacheConnector(imageio::MetadataCache* cache)
-    : _cache(cache), _background(nullptr, "LibraryCacheConnector") {
+bool isBelow(const std::string& path, const std::string& folder) {
+    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           path[folder.size()] == '/';
+}
+}  // namespace
+
+LibraryCacheConnector::LibraryCacheConnector(imageio::MetadataCache* cache,
+                                             imagecache::ImageCache* thumbnails)
+    : _cache(cache), _thumbnails(thumbnails), _background(nullptr, "LibraryCacheConnector") {
     if (!_cache) throw CacheConnectorException("LibraryCacheConnector needs a metadata cache");
+    if (auto* rdb = dynamic_cast<imagecache::MetadataCacheRDB*>(_cache); rdb && _thumbnails) {
+        rdb->setFileChangedCallback([thumbnails](ResourceID id) { thumbnails->itemChanged(id); });
+    }
 }
 
 LibraryCacheConnector::~LibraryCacheConnector() {
     _background.cancel();
     _background.wait();
+    if (auto* rdb = dynamic_cast<imagecache::MetadataCacheRDB*>(_cache); rdb && _thumbnails) {
+        rdb->setFileChangedCallback({});
+    }
 }
 
-// The metadata cache keys by ResourceID and follows the ImageManager's renames and removals.
-void LibraryCacheConnector::imageMoved(ResourceID, const std::string&) {}
-void LibraryCacheConnector::imageRemoved(ResourceID, const std::string&) {}
-void LibraryCacheConnector::folderMoved(const std::string&, const std::string&) {}
+// The metadata cache keys by ResourceID and follows the ImageManager's renames and removals; the
+// thumbnail chain keys its disk entries by name and is told.
+void LibraryCacheConnector::imageMoved(ResourceID id, const std::string& oldPath) {
+    if (_thumbnails) _thumbnails->itemMoved(id, oldPath);
+}
+
+void LibraryCacheConnector::imageRemoved(ResourceID id, const std::string& path) {
+    if (_thumbnails) _thumbnails->itemRemoved(id, path);
+}
+
+// Called after the images below the folder have their new names.
+void LibraryCacheConnector::folderMoved(const std::string& oldFolder,
+                                        const std::string& newFolder) {
+    if (!_thumbnails) return;
+    ResourceManager& images = _thumbnails->resourceManager();
+    for (const ResourceID& id : images.ids()) {
+        ResourceName name;
+        if (!images.tryGetName(id, name)) continue;
+        const std::string& path = name.localPath();
+        if (!isBelow(path, newFolder)) continue;
+        _thumbnails->itemMoved(id, oldFolder + path.substr(newFolder.size()));
+    }
+}
+
+// The images of an erased folder are never asked for again under their names: what the thumbnail
+// chain held of them ages out of its least recently used end.
 void LibraryCacheConnector::folderRemoved(const std::string&) {}
 
 void LibraryCacheConnector::imageCopied(ResourceID src, ResourceID dst) {
     _cache->copyImage(src, dst);
+    if (_thumbnails) _thumbnails->itemCopied(src, dst);
 }
 
-void LibraryCacheConnector::imageChanged(ResourceID id) { _cache->check(id); }
+// A check that finds the file written since drops the thumbnails through the callback; an edit
+// within the file time's resolution would not show, so they are dropped here all the same.
+void LibraryCacheConnector::imageChanged(ResourceID id) {
+    _cache->check(id);
+    if (_thumbnails) _thumbnails->itemChanged(id);
+}
 
 void LibraryCacheConnector::imagesAdded(const std::vector<ResourceID>& ids) {
     auto* rdb = dynamic_cast<imagecache::MetadataCacheRDB*>(_cache);

@@ -3,17 +3,21 @@
 // (a MetadataCacheRDB in front of a FileMetadataCache, both over the library's ImageManager).
 //
 // The metadata cache follows renames and removals of the ImageManager's resources by itself, so
-// moves and removals need nothing more here; copies hand the cached values on, edits make the cache
-// check the file again, new images are read into the cache in the background. This system has no
-// thumbnail cache yet: the folder notices have nothing to drop.
+// moves and removals need nothing more there; copies hand the cached values on, edits make the
+// cache check the file again, new images are read into the cache in the background.
 //
-// Ownership: the cache and the manager are not owned and must outlive the connector. Background
+// With a thumbnail chain (its front, usually a LargeImageCache) moves, copies, removals and edits
+// go down that chain as well, a moved folder as a move of each image now below it; a check of the
+// metadata cache that finds a file written since drops the item's thumbnails.
+//
+// Ownership: the caches and the manager are not owned and must outlive the connector. Background
 // reads run on the connector's own task group, which the destructor cancels and waits for.
 //
 // Thread contract: every member may be called from any thread at once (the cache is thread-safe);
 // queries block on the image file when the cache lacks the item.
 
 #include "base/thread/TaskGroup.h"
+#include "imagecache/thumbnails/ImageCache.h"
 #include "imageio/MetadataCache.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
 
@@ -23,7 +27,9 @@ class LibraryCacheConnector : public ILibraryCacheConnector {
 public:
     // `cache` is the front of the chain; its resourceManager() names the images (the library's
     // ImageManager).
-    explicit LibraryCacheConnector(imageio::MetadataCache* cache);
+    // `thumbnails`, when given, is the front of the thumbnail chain over the same manager.
+    explicit LibraryCacheConnector(imageio::MetadataCache* cache,
+                                   imagecache::ImageCache* thumbnails = nullptr);
     ~LibraryCacheConnector() override;
 
     void imageMoved(ResourceID id, const std::string& oldPath) override;
@@ -47,8 +53,9 @@ public:
     void flush() override;
 
 private:
-    imageio::MetadataCache* const _cache;  // not owned
-    thread::TaskGroup _background;         // reads of newly added images
+    imageio::MetadataCache* const _cache;       // not owned
+    imagecache::ImageCache* const _thumbnails;  // not owned, may be null
+    thread::TaskGroup _background;              // reads of newly added images
 };
 
 }  // namespace qor::mediadb
