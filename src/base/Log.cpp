@@ -53,8 +53,12 @@ std::string timestamp() {
     return buf;
 }
 
+// The innermost ThreadLogDiversion of this thread, or null.
+thread_local ThreadLogDiversion* tDiversion = nullptr;
+
 void emit(const char* file, int line, int level, const std::string& text, bool assertion,
           const char* condition) {
+    if (!assertion && tDiversion && tDiversion->hold(file, line, level, text)) return;
     LogState& s = state();
     std::string_view path = logSourcePath(file);
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -168,6 +172,32 @@ LogCapture::~LogCapture() {
     std::lock_guard<std::mutex> lock(s.mutex);
     std::erase(s.captures, this);
     s.captureCount--;
+}
+
+ThreadLogDiversion::ThreadLogDiversion() : _outer(tDiversion) { tDiversion = this; }
+
+ThreadLogDiversion::~ThreadLogDiversion() {
+    if (tDiversion == this) tDiversion = _outer;
+}
+
+bool ThreadLogDiversion::hold(const char* file, int line, int level, const std::string& text) {
+    if (!_holding) return false;
+    _held.push_back({file, line, level, text});
+    return true;
+}
+
+std::string ThreadLogDiversion::firstLine(int minimumLevel) const {
+    for (const Held& h : _held)
+        if (h.level >= minimumLevel) return h.text;
+    return {};
+}
+
+void ThreadLogDiversion::release() {
+    _holding = false;
+    if (tDiversion == this) tDiversion = _outer;
+    std::vector<Held> held;
+    held.swap(_held);
+    for (const Held& h : held) logLine(h.file, h.line, h.level, h.text);
 }
 
 void LogCapture::record(Entry entry) { _entries.push_back(std::move(entry)); }

@@ -124,6 +124,39 @@ private:
     std::vector<Entry> _entries;  // guarded by the log's sink mutex
 };
 
+// Holds back the lines the calling thread logs (assertions excepted) while it lives, from the
+// sinks and from LogCapture alike, for a caller that reports the outcome of a piece of work in one
+// line of its own: on failure it names the first held line as the cause (firstLine) and drops the
+// rest; on success it lets them through (release). Lines of other threads are untouched. Nests:
+// the innermost one holds. Not to be shared between threads.
+class ThreadLogDiversion {
+public:
+    ThreadLogDiversion();
+    // Drops what is held (release() first to keep it).
+    ~ThreadLogDiversion();
+    ThreadLogDiversion(const ThreadLogDiversion&) = delete;
+    ThreadLogDiversion& operator=(const ThreadLogDiversion&) = delete;
+
+    // The text of the first held line at `minimumLevel` or above; "" when none.
+    std::string firstLine(int minimumLevel = LogWarning) const;
+    // Logs the held lines as they would have been logged, and holds nothing further.
+    void release();
+
+    // Called by the log for each line of the owning thread; false once released.
+    bool hold(const char* file, int line, int level, const std::string& text);
+
+private:
+    struct Held {
+        const char* file;
+        int line;
+        int level;
+        std::string text;
+    };
+    ThreadLogDiversion* _outer;
+    bool _holding = true;
+    std::vector<Held> _held;
+};
+
 }  // namespace qor
 
 #define QOR_LOG(level, ...) ::qor::logf(__FILE__, __LINE__, (level), __VA_ARGS__)

@@ -47,5 +47,35 @@ TEST(Log, CaptureSeesLinesBelowThresholdFromAllThreads) {
     EXPECT_EQ(capture.count("thread 3 line 49"), 1u);
 }
 
+TEST(Log, DiversionHoldsThisThreadsLinesUntilReleasedOrDropped) {
+    LogCapture capture;
+    {
+        ThreadLogDiversion dropped;
+        QOR_LOG(LogWarning, "held one");
+        QOR_LOG(LogError, "held two");
+        std::thread([] { QOR_LOG(LogWarning, "other thread"); }).join();
+        QOR_ASSERT_MSG(false, "assertions pass");
+        EXPECT_EQ(dropped.firstLine(LogError), "held two");
+        {
+            ThreadLogDiversion inner;
+            QOR_LOG(LogWarning, "inner");
+            inner.release();
+            QOR_LOG(LogWarning, "after the inner release");
+        }
+        EXPECT_EQ(dropped.firstLine(), "held one");
+    }
+    ThreadLogDiversion released;
+    QOR_LOG(LogWarning, "kept");
+    released.release();
+    QOR_LOG(LogWarning, "after release");
+    EXPECT_EQ(capture.count("held"), 0u);
+    EXPECT_EQ(capture.count("inner"), 0u) << "released into the outer diversion, which dropped it";
+    EXPECT_EQ(capture.count("after the inner release"), 0u);
+    EXPECT_EQ(capture.count("other thread"), 1u);
+    EXPECT_EQ(capture.assertions(), 1u);
+    EXPECT_EQ(capture.count("kept"), 1u);
+    EXPECT_EQ(capture.count("after release"), 1u);
+}
+
 }  // namespace
 }  // namespace qor

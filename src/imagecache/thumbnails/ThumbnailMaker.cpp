@@ -225,14 +225,25 @@ ImagePtr makeOrThrow(const std::string& path, int maxSide) {
 
 imageio::ImagePtr makeThumbnail(const std::string& path, int maxSide, std::string* error) {
     std::string reason;
-    try {
-        ImagePtr image = makeOrThrow(path, maxSide);
-        if (image) return image;
-        reason = "no picture in the file";
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception& e) {
-        reason = e.what();
+    {
+        // The decoders' own lines (a reader's "Premature end of file", say) do not name the
+        // file; on failure the first of them goes into this function's one line instead.
+        ThreadLogDiversion decoderLines;
+        try {
+            ImagePtr image = makeOrThrow(path, maxSide);
+            if (image) {
+                decoderLines.release();
+                return image;
+            }
+            reason = "no picture in the file";
+        } catch (const std::bad_alloc&) {
+            decoderLines.release();
+            throw;
+        } catch (const std::exception& e) {
+            reason = e.what();
+        }
+        const std::string cause = decoderLines.firstLine();
+        if (!cause.empty() && reason.find(cause) == std::string::npos) reason += " (" + cause + ")";
     }
     const std::string line = formatLog("makeThumbnail: no thumbnail of '%*': %*", path, reason);
     QOR_LOG(LogWarning, "%*", line);
