@@ -51,18 +51,63 @@ TEST_F(QorThumbs, BuildTwiceAnswersTheSecondTimeFromTheCache) {
     EXPECT_NE(one.out.find("256 x 192 (from the cache)"), std::string::npos) << one.out;
 }
 
-TEST_F(QorThumbs, ContactSheetHoldsAGridOfTheFolder) {
-    const std::string sheet = folder.path() + "/sheet.jpg";
-    QorRun run = runQor(folder, {"thumbs", "contact", folder.path() + "/pics", "-o", sheet,
-                                 "--size", "100", "--columns", "1"});
-    EXPECT_EQ(run.status, 0) << run.out;
-    // One column of two cells of 100 with margins of 16.
-    EXPECT_NE(run.out.find("132 x 248, 2 of 2 pictures"), std::string::npos) << run.out;
-    ImagePtr image;
-    loadImage(FastString<char>(sheet), {0, 0}, ImageQualityBest, &image, nullptr);
-    ASSERT_NE(image, nullptr);
-    EXPECT_EQ(image->width(), 132);
-    EXPECT_EQ(image->height(), 248);
+// The sheet against the layout it must have: cells of 100 with margins of 16 on grey 232, each
+// thumbnail centred in its cell and upright. The pictures are solid halves, so every pixel of the
+// sheet has a known colour: a 200 x 100 picture stored with its left half red and its right half
+// green under EXIF orientation 6 (turn right to view) must show red on top, green below; a 60 x
+// 120 blue one stays smaller than its cell. Taken twice through a disk cache, the second time from
+// it, the sheet is the same.
+TEST_F(QorThumbs, ContactSheetShowsEachPictureUprightInItsCell) {
+    const std::string pics = folder.path() + "/sheet-pics";
+    std::filesystem::create_directories(pics);
+    const auto halves = [](int y, unsigned char* row, int width) {
+        for (int x = 0; x < width; ++x) {
+            unsigned char* p = row + 3 * x;
+            p[0] = x < width / 2 ? 255 : 0, p[1] = x < width / 2 ? 0 : 255, p[2] = 0;
+        }
+        (void)y;
+    };
+    folder.write("sheet-pics/a-turned.jpg",
+                 withMetadata(encodeJpeg(200, 100, 3, JCS_RGB, 95,
+                                         [&](int y, unsigned char* row) { halves(y, row, 200); }),
+                              [](Exiv2::Image& image) {
+                                  image.exifData()["Exif.Image.Orientation"] = uint16_t(6);
+                              }));
+    folder.write("sheet-pics/b-blue.jpg", encodeJpeg(60, 120, 3, JCS_RGB, 95, [](int, unsigned char* row) {
+                     for (int x = 0; x < 60; ++x) row[3 * x] = 0, row[3 * x + 1] = 0, row[3 * x + 2] = 255;
+                 }));
+    struct Expect {
+        int x, y;
+        int r, g, b;
+    };
+    // Cell 1 spans x 16..115, cell 2 x 132..231, both y 16..115. The turned picture is 50 x 100
+    // upright, at x 41..90; the blue one 60 x 120 fits as 50 x 100, at x 157..206.
+    const std::vector<Expect> expected = {
+        {66, 30, 255, 0, 0},     {66, 100, 0, 255, 0},  // red on top, green below
+        {30, 60, 232, 232, 232}, {100, 60, 232, 232, 232},  // ground left and right of it
+        {181, 60, 0, 0, 255},    {145, 60, 232, 232, 232},  // blue, and the ground beside it
+        {8, 8, 232, 232, 232},   {123, 60, 232, 232, 232},  // margins
+    };
+    const std::string cache = folder.path() + "/sheet-cache";
+    for (int round = 0; round < 2; ++round) {
+        const std::string sheet = folder.path() + "/sheet" + std::to_string(round) + ".jpg";
+        QorRun run = runQor(folder, {"thumbs", "contact", pics, "-o", sheet, "--size", "100",
+                                     "--columns", "2", "--cache", cache});
+        ASSERT_EQ(run.status, 0) << run.out << (run.errLines.empty() ? "" : run.errLines[0]);
+        EXPECT_NE(run.out.find("248 x 132, 2 of 2 pictures"), std::string::npos) << run.out;
+        ImagePtr image;
+        loadImage(FastString<char>(sheet), {0, 0}, ImageQualityBest, &image, nullptr);
+        ASSERT_NE(image, nullptr);
+        ASSERT_EQ(image->width(), 248);
+        ASSERT_EQ(image->height(), 132);
+        for (const Expect& e : expected) {
+            const unsigned char* p = image->row(e.y) + 4 * e.x;
+            EXPECT_NEAR(p[0], e.r, 24) << "round " << round << " at " << e.x << "," << e.y;
+            EXPECT_NEAR(p[1], e.g, 24) << "round " << round << " at " << e.x << "," << e.y;
+            EXPECT_NEAR(p[2], e.b, 24) << "round " << round << " at " << e.x << "," << e.y;
+        }
+    }
+    EXPECT_TRUE(std::filesystem::exists(cache + "/thumbnails"));
 }
 
 TEST_F(QorThumbs, BadArgumentsExitWithTwo) {

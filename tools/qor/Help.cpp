@@ -56,8 +56,8 @@ const OptionInfo kThumbOptions[] = {
 
 const OptionInfo kThumbsOptions[] = {
     {"--cache", "CACHEDIR",
-     "build: the cache folder, made when missing; the thumbnails go to CACHEDIR/thumbnails "
-     "(required)"},
+     "the cache folder, made when missing; the thumbnails go to CACHEDIR/thumbnails "
+     "(build: required; contact: taken from and added to it)"},
     {"--size", "N", "the longest side of each thumbnail, 1 to 2048 (default 256)"},
     {"-o", "SHEET", "contact: the sheet, a JPEG file (required)"},
     {"--columns", "N", "contact: thumbnails in a row, 1 to 100 (default 6)"},
@@ -148,11 +148,12 @@ const CommandInfo kCommands[] = {
      "1.",
      kThumbOptions, "qor thumb photo.jpg --size 320x240 -o photo-small.jpg", runThumb},
     {"thumbs", "build the thumbnail cache of folders, or a contact sheet of one",
-     "build DIR... --cache CACHEDIR [--size N] | contact DIR -o SHEET.jpg [--size N] [--columns N]",
+     "build DIR... --cache CACHEDIR [--size N] | contact DIR -o SHEET.jpg [--size N] [--columns N] "
+     "[--cache CACHEDIR]",
      "build: makes the thumbnail of every picture below the folders into the disk cache, several "
      "files at once, with a progress bar, and prints a summary: how many were made, how many the "
-     "cache held already, how many failed. contact: writes the thumbnails of the folder's "
-     "pictures in a grid with margins, computed through the tile pipeline, as a JPEG. A picture "
+     "cache held already, how many failed. contact: makes the thumbnails of the folder's "
+     "pictures ahead on several threads (from the disk cache with --cache) and writes them in a grid with margins, computed through the tile pipeline, as a JPEG. A picture "
      "that cannot be read gives one line on standard error and counts as failed, the others are "
      "still made, and the exit status is 1; Ctrl-C stops after the files under way (exit status "
      "130).",

@@ -1,7 +1,8 @@
 #pragma once
-// The thumbnail chain of the tool's commands: the disk cache in CACHEDIR/thumbnails in front of
-// the picture files, over a ResourceManager of the files' paths. The disk link is thread-safe;
-// the commands ask it from several threads at once.
+// The thumbnail chain of the tool's commands: the disk cache in CACHEDIR/thumbnails (when opened)
+// in front of the picture files, over a ResourceManager of the files' paths, and optionally a
+// memory link in front of both. Every link is thread-safe; the commands ask them from several
+// threads at once.
 
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include "base/filesystem/Path.h"
 #include "base/resource/ResourceManager.h"
 #include "imagecache/thumbnails/ImageCacheDHD.h"
+#include "imagecache/thumbnails/ImageCacheRAM.h"
 #include "imagecache/thumbnails/ImageCacheSource.h"
 #include "imagecache/thumbnails/ThumbnailMaker.h"
 
@@ -26,6 +28,7 @@ struct ThumbChain {
     imagecache::ImageCacheSource source{&manager};
     std::unique_ptr<DynamicHDCache> store;
     std::unique_ptr<imagecache::ImageCacheDHD> disk;
+    std::unique_ptr<imagecache::ImageCacheRAM> memory;
 
     // Opens the disk cache; false after one line on standard error.
     bool open(const std::string& command, const std::string& dir) {
@@ -39,6 +42,16 @@ struct ThumbChain {
                          dir.c_str(), e.what());
         }
         return false;
+    }
+    // Puts a memory link of `byteLimit` bytes in front (of the disk link when open).
+    void addMemory(uint64_t byteLimit) {
+        memory = std::make_unique<imagecache::ImageCacheRAM>(front(), byteLimit);
+    }
+    // The first link: memory, disk or the files themselves.
+    imagecache::ImageCache* front() {
+        if (memory) return memory.get();
+        if (disk) return disk.get();
+        return &source;
     }
     std::vector<ResourceID> add(const std::vector<std::string>& paths) {
         std::vector<ResourceName> names;

@@ -4,7 +4,7 @@
 //                               a thumbnail of every picture below the folders, several files at
 //                               once, with a progress bar and a summary (made, from the cache,
 //                               failed); Ctrl-C stops after the files under way
-//   qor thumbs contact DIR -o SHEET.jpg [--size N] [--columns N]
+//   qor thumbs contact DIR -o SHEET.jpg [--size N] [--columns N] [--cache CACHEDIR]
 //                               a contact sheet of the folder's pictures: their thumbnails in a
 //                               grid with margins, computed tile by tile through the tile
 //                               pipeline and written as JPEG
@@ -31,6 +31,7 @@
 #include "ItemText.h"
 #include "ThumbChain.h"
 #include "base/filesystem/Path.h"
+#include "imagecache/thumbnails/ImageCachePreload.h"
 #include "imagecache/thumbnails/ThumbnailMaker.h"
 #include "imageio/ImageIO.h"
 #include "imaging/Image.h"
@@ -231,6 +232,8 @@ private:
     imaging::TileLayout _layout;
 };
 
+// The thumbnails come through a chain (the disk cache with --cache), made ahead on the thread
+// pool by a preloader and then taken from its memory link in order.
 int runContact(const ThumbsOptions& o) {
     int status = 0;
     const std::vector<std::string> files = picturesBelow("thumbs contact", o.folders, status);
@@ -238,17 +241,41 @@ int runContact(const ThumbsOptions& o) {
         std::fprintf(stderr, "qor: thumbs contact: no pictures in '%s'\n", o.folders[0].c_str());
         return 1;
     }
-    std::vector<imageio::ConstImagePtr> thumbs;
-    const bool bar = progressBarWanted();
-    for (size_t i = 0; i < files.size(); ++i) {
-        std::string error;
-        imageio::ConstImagePtr thumb = imagecache::makeThumbnail(files[i], o.side, &error);
-        if (thumb) {
-            thumbs.push_back(std::move(thumb));
-        } else {
-            status = reportBad("thumbs contact", files[i], ThumbChain::reasonIn(error, files[i]));
+    ThumbChain chain;
+    if (!o.cacheDir.empty() && !chain.open("thumbs contact", o.cacheDir)) return 1;
+    // Room for every thumbnail of the sheet, which holds them all anyway.
+    chain.addMemory(uint64_t(files.size()) * uint64_t(o.side) * uint64_t(o.side) * 4 +
+                    (uint64_t(1) << 20));
+    const std::vector<ResourceID> ids = chain.add(files);
+    g_thumbsInterrupted = 0;
+    void (*previous)(int) = std::signal(SIGINT, onThumbsInterrupt);
+    {
+        imagecache::ImageCachePreload preload(chain.front());
+        std::vector<imagecache::ImageCachePreload::Item> items;
+        for (ResourceID id : ids) items.push_back({id, o.side});
+        preload.setList(items);
+        const bool bar = progressBarWanted();
+        for (size_t drawn = ~size_t(0);;) {
+            const imagecache::ImageCachePreload::Progress p = preload.progress();
+            if (bar && p.done != drawn) drawProgressBar(drawn = p.done, p.total, "files", false);
+            if (p.done >= p.total || g_thumbsInterrupted) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
-        if (bar) drawProgressBar(i + 1, files.size(), "files", i + 1 == files.size());
+        preload.cancel();
+        if (bar) drawProgressBar(preload.progress().done, files.size(), "files", true);
+    }
+    std::signal(SIGINT, previous);
+    if (g_thumbsInterrupted) {
+        std::fprintf(stderr, "qor: thumbs contact: interrupted\n");
+        return 130;
+    }
+    std::vector<imageio::ConstImagePtr> thumbs;
+    for (size_t i = 0; i < files.size(); ++i) {
+        imagecache::Thumbnail thumb = chain.front()->get(ids[i], o.side);
+        if (!thumb.placeholder)
+            thumbs.push_back(std::move(thumb.image));
+        else
+            status = reportBad("thumbs contact", files[i], chain.reasonFor(files[i]));
     }
     if (thumbs.empty()) return 1;
     const size_t placed = thumbs.size();
