@@ -14,8 +14,10 @@
 // rectangle of the full-size image; the metadata output, when wanted and empty, gets Imagesize
 // (the size of what was decoded, the preview's for a preview) and, where the file has it,
 // OriginalTime. The JPEG and TIFF decoders give the file's whole metadata (EXIF, IPTC, XMP) as
-// well. Pixels come as stored: an EXIF orientation is not applied (libheif applies a HEIF's own
-// rotation, which is part of its picture).
+// well. Pixels come as stored: an EXIF orientation is not applied (ImageLoader applies it), with two
+// exceptions that come upright: libheif applies a HEIF's own rotation, which is part of its
+// picture, and the raw decoder turns both the developed picture and the preview as the camera was
+// held.
 //
 // Ownership: the registry owns its decoders, which live to the end of the process. Thread
 // contract: decoders are registered at start-up (the built-in ones on first use); finding and

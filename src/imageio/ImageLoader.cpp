@@ -133,8 +133,9 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
     }
     _metadata->set(MetadataField::Imagesize, _storedSize);
 
-    // Registry decoders give their pictures as they should be shown (libheif applies the
-    // container's rotation); the orientation is applied only to the roads read here.
+    // Registry decoders give their pictures as stored, and the orientation is applied here,
+    // except those that turn their pictures themselves: libheif applies the container's
+    // rotation, LibRaw turns what it develops (and the raw decoder the preview to match).
     // The file read keeps the EXIF orientation as its "tiff:Orientation" key; the typed field
     // (which also writes that key) is set only by code that changed the metadata afterwards.
     int orientation = 0;
@@ -144,7 +145,10 @@ ImageLoader::ImageLoader(const String& path, bool asStored) : _path(path) {
         orientation = detail::metaInt(text.view());
     if (orientation >= 1 && orientation <= 8) _fileOrientation = orientation;
     if (_fileOrientation < 1 || _fileOrientation > 8) _fileOrientation = 1;
-    _orientation = asStored || _format == FormatRegistry || _format == FormatExr ? 1 : _fileOrientation;
+    const bool turnedByDecoder =
+        _format == FormatRegistry &&
+        (_decoder->format() == FileFormatHeif || _decoder->format() == FileFormatRaw);
+    _orientation = asStored || turnedByDecoder || _format == FormatExr ? 1 : _fileOrientation;
     _size = orientedSize(_storedSize, _orientation);
 }
 

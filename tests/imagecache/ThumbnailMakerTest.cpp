@@ -12,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "FormatSamples.h"
 #include "TestJpeg.h"
+#include "TestRaw.h"
 #include "base/Log.h"
 #include "base/filesystem/RandomAccessFile.h"
 #include "imagecache/thumbnails/ThumbnailMaker.h"
@@ -179,6 +181,35 @@ TEST(ThumbnailMaker, EveryOrientationGivesTheUprightPicture) {
         for (int i = 0; i < 4; ++i)
             EXPECT_TRUE(near(corners[i], upright[orientation][i], 24))
                 << "orientation " << orientation << " corner " << i;
+    }
+}
+
+// A camera raw file's preview and a WebP come upright too: each stored turned (left half red,
+// right half green, orientation 6), each thumbnail tall with red on top.
+TEST(ThumbnailMaker, RawPreviewsAndWebPComeUpright) {
+    TempFolder folder;
+    const auto redLeft = [](int x) { return x < 80 ? Rgb{255, 0, 0} : Rgb{0, 255, 0}; };
+    const std::string dng = folder.path() + "/turned.dng";
+    ASSERT_TRUE(imageio::testing::writeDng(dng, 160, 80, 6, [&](int x, int, unsigned char* rgb) {
+        const Rgb c = redLeft(x);
+        std::copy(c.begin(), c.end(), rgb);
+    }));
+    const std::string webp = folder.write(
+        "turned.webp",
+        imageio::testing::withMetadata(
+            imageio::testing::makeWebp(160, 80, true,
+                                       [&](int x, int) {
+                                           const Rgb c = redLeft(x);
+                                           return imageio::testing::Pixel{c[0], c[1], c[2], 255};
+                                       }),
+            [](Exiv2::Image& image) { image.exifData()["Exif.Image.Orientation"] = uint16_t(6); }));
+    for (const std::string& path : {dng, webp}) {
+        const ImagePtr image = makeThumbnail(path, 64);
+        ASSERT_TRUE(image) << path;
+        EXPECT_EQ(image->width(), 32) << path;
+        EXPECT_EQ(image->height(), 64) << path;
+        EXPECT_TRUE(near(pixel(*image, 16, 8), {255, 0, 0}, 24)) << path;
+        EXPECT_TRUE(near(pixel(*image, 16, 56), {0, 255, 0}, 24)) << path;
     }
 }
 

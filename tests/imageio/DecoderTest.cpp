@@ -1,6 +1,7 @@
 // The registry decoders on files made here with each format's own encoder (giflib, libwebp,
-// libheif) or written byte by byte (BMP). Camera raw files cannot be made in code: the raw decoder
-// is tested for its dispatch by extension and for LibRaw's refusal of files that are not raw.
+// libheif) or written byte by byte (BMP). Camera raw files are DNGs written with libtiff: the raw
+// decoder is tested on them and for its dispatch by extension and LibRaw's refusal of files that
+// are not raw.
 
 #include <gif_lib.h>
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 #include <thread>
 
 #include "FormatSamples.h"
+#include "TestRaw.h"
 #include "base/Log.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageIO.h"
@@ -431,7 +433,30 @@ TEST(BmpDecoder, RefusesDamagedAndUnsupportedFiles) {
     EXPECT_FALSE(decode(folder.write("rle.bmp", rle)).ok);
 }
 
-// --- Camera raw: dispatch and refusal ---
+// --- Camera raw ---
+
+// A camera held upright: the preview is stored turned (left half red, right half green, marked
+// with orientation 6, turn right to view). Preview and developed picture both come upright: red
+// on top, the sizes exchanged, and a fitted preview fills the box as the upright picture does.
+TEST(RawDecoder, PreviewAndDevelopedPictureComeUpright) {
+    TempFolder folder;
+    const std::string path = folder.path() + "/upright.dng";
+    ASSERT_TRUE(testing::writeDng(path, 32, 16, 6, [](int x, int, unsigned char* rgb) {
+        rgb[0] = x < 16 ? 255 : 0, rgb[1] = x < 16 ? 0 : 255, rgb[2] = 0;
+    }));
+    const Decoded preview = decode(path, kFullSize, ImageQualityThumbnail);
+    ASSERT_TRUE(preview.ok);
+    ASSERT_EQ(Vec(preview.image->width(), preview.image->height()), Vec(16, 32));
+    EXPECT_EQ(preview.metadata->size(), Vec(16, 32));
+    EXPECT_GT(preview.image->row(4)[8 * 4], 200);       // red on top
+    EXPECT_GT(preview.image->row(28)[8 * 4 + 1], 200);  // green below
+    const Decoded fitted = decode(path, Vec(8, 16), ImageQualityThumbnail);
+    ASSERT_TRUE(fitted.ok);
+    EXPECT_EQ(Vec(fitted.image->width(), fitted.image->height()), Vec(8, 16));
+    const Decoded developed = decode(path);
+    ASSERT_TRUE(developed.ok);
+    EXPECT_EQ(Vec(developed.image->width(), developed.image->height()), Vec(32, 64));
+}
 
 TEST(RawDecoder, TakesRawExtensionsButLeavesSignedFormatsToTheirDecoders) {
     TempFolder folder;

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "CodecTestSupport.h"
+#include "FormatSamples.h"
+#include "TestRaw.h"
 #include "base/Log.h"
 #include "base/resource/ResourceManager.h"
 #include "imageio/ExportData.h"
@@ -25,10 +27,14 @@ using imaging::ColorProfile;
 using imaging::ImageTile;
 using math::GenVec;
 using math::Recti;
+using testing::Pixel;
 using testing::TempFolder;
 using testing::crop;
 using testing::gradientImage;
+using testing::makeWebp;
 using testing::maxDifference;
+using testing::withMetadata;
+using testing::writeDng;
 using String = FastString<char>;
 
 SharedPtr<Metadata> cameraMetadata(const char* orientation = nullptr) {
@@ -173,6 +179,37 @@ TEST(ImageIOImageSource, OrientationSixSwapsTheLayoutAndTurnsThePixels) {
         for (auto [u, v] : {std::pair{0, 0}, std::pair{39, 0}, std::pair{10, 60}})
             for (int c = 0; c < 3; ++c)
                 EXPECT_EQ(data->at(u, v, c), reference->at(v, 39 - u, c)) << u << "," << v;
+    }
+}
+
+// Formats the registry decodes: a WebP comes as stored, so its EXIF orientation is applied here;
+// a camera raw file's decoder turns its pictures itself, so the loader must not turn them again.
+TEST(ImageLoader, RegistryPicturesAreTurnedUprightOnce) {
+    TempFolder folder;
+    // Left half red, right half green, to be turned right: red on top when upright.
+    const auto halves = [](int x, int) {
+        return x < 20 ? Pixel{255, 0, 0, 255} : Pixel{0, 255, 0, 255};
+    };
+    const std::string webp = folder.write(
+        "turned.webp", withMetadata(makeWebp(40, 20, true, halves), [](Exiv2::Image& image) {
+            image.exifData()["Exif.Image.Orientation"] = uint16_t(6);
+        }));
+    const std::string dng = folder.path() + "/turned.dng";
+    ASSERT_TRUE(writeDng(dng, 40, 20, 6, [&](int x, int y, unsigned char* rgb) {
+        const Pixel p = halves(x, y);
+        rgb[0] = uint8_t(p[0]), rgb[1] = uint8_t(p[1]), rgb[2] = uint8_t(p[2]);
+    }));
+    for (const std::string& path : {webp, dng}) {
+        ImageLoader loader(String(path), false);
+        const ImagePtr image = loader.getImage4ub(2, Recti());
+        ASSERT_TRUE(image) << path;
+        EXPECT_EQ(loader.size().x * 2, loader.size().y) << path << ": upright is tall";
+        EXPECT_EQ(image->width() * 2, image->height()) << path;
+        if (path == webp) {
+            EXPECT_EQ(loader.orientation(), 6);
+            EXPECT_GT(image->at(10, 5, 0), 200) << "red on top";
+            EXPECT_GT(image->at(10, 35, 1), 200) << "green below";
+        }
     }
 }
 

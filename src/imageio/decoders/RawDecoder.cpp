@@ -11,6 +11,7 @@
 #include "base/Log.h"
 #include "imageio/ImageIO.h"
 #include "imageio/decoders/detail/DecodeSupport.h"
+#include "imageio/detail/LoaderPixels.h"
 #include "imageio/detail/PathExtension.h"
 
 namespace qor::imageio {
@@ -43,6 +44,32 @@ Timestamp captureTime(const libraw_data_t* raw) {
 math::GenVec<int, 2> developedSize(const libraw_data_t* raw) {
     const math::GenVec<int, 2> size(raw->sizes.width, raw->sizes.height);
     return raw->sizes.flip & 4 ? math::GenVec<int, 2>(size.y, size.x) : size;
+}
+
+// How the camera was held, as an EXIF orientation (LibRaw keeps it as its own flip code). LibRaw
+// turns the developed image itself; the embedded preview comes as stored and is turned here, so
+// that both show the picture the same way up.
+int previewOrientation(const libraw_data_t* raw) {
+    switch (raw->sizes.flip) {
+        case 1: return 2;
+        case 3: return 3;
+        case 2: return 4;
+        case 4: return 5;
+        case 6: return 6;
+        case 7: return 7;
+        case 5: return 8;
+        default: return 1;
+    }
+}
+
+// The preview turned upright.
+SharedPtr<Rgba8Image> uprightPreview(SharedPtr<Rgba8Image> preview, int orientation) {
+    if (!preview || orientation == 1) return preview;
+    const math::GenVec<int, 2> stored(preview->width(), preview->height());
+    const math::Recti whole(math::GenVec<int, 2>(0, 0), stored);
+    return detail::orientRegion(*preview, whole, orientation, stored,
+                                math::Recti(math::GenVec<int, 2>(0, 0),
+                                            detail::uprightSize(stored, orientation)));
 }
 
 // A LibRaw bitmap (8 or 16 bits, 1 or 3 colours) as RGBA. Null when it has another layout.
@@ -136,26 +163,34 @@ bool RawDecoder::decode(RandomAccessFile&, const FastString<char>& path, math::G
         return false;
     }
     const Timestamp time = captureTime(raw.get());
+    const int orientation = previewOrientation(raw.get());
     const bool previewWanted = quality == ImageQualityThumbnail;
     if (!detail::wanted(image)) {
         // Without decoding: the preview's recorded size, when it has one.
         const libraw_thumbnail_t& thumb = raw->thumbnail;
         const bool preview = previewWanted && thumb.twidth > 0 && thumb.theight > 0;
         detail::provideMetadata(
-            metadata, preview ? math::GenVec<int, 2>(thumb.twidth, thumb.theight) : fullSize, time);
+            metadata,
+            preview ? detail::uprightSize(math::GenVec<int, 2>(thumb.twidth, thumb.theight),
+                                          orientation)
+                    : fullSize,
+            time);
         return true;
     }
 
     SharedPtr<Rgba8Image> decoded;
     math::GenVec<int, 2> sourceSize = fullSize;
     if (previewWanted) {
-        const math::GenVec<int, 2> fit = roi.empty() ? size : math::GenVec<int, 2>();
-        decoded = decodePreview(raw.get(), fit, path);
+        // The box the upright picture must fit in, as the stored preview sees it.
+        const math::GenVec<int, 2> fit =
+            roi.empty() ? detail::uprightSize(size, orientation) : math::GenVec<int, 2>();
+        decoded = uprightPreview(decodePreview(raw.get(), fit, path), orientation);
         // A preview reduced by the JPEG decoder reports its own full size.
         if (decoded) {
             const libraw_thumbnail_t& thumb = raw->thumbnail;
             sourceSize = thumb.twidth > 0 && thumb.theight > 0
-                             ? math::GenVec<int, 2>(thumb.twidth, thumb.theight)
+                             ? detail::uprightSize(
+                                   math::GenVec<int, 2>(thumb.twidth, thumb.theight), orientation)
                              : math::GenVec<int, 2>(decoded->width(), decoded->height());
         }
     }
