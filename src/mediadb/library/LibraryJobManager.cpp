@@ -122,7 +122,15 @@ void LibraryJobManager::shutdown() {
 }
 
 void LibraryJobManager::notifyJobUpdated(const SharedPtr<LibraryJob>& job) {
-    if (job) OnJobUpdated.emit(job);
+    if (!job) return;
+    {
+        // A job may start before addJob has emitted OnJobAdded; its updates until then are
+        // dropped (OnJobAdded's slots read the state as it is).
+        ScopedLock lock(_mutex);
+        Entry* e = find(job.get());
+        if (e && !e->announced) return;
+    }
+    OnJobUpdated.emit(job);
 }
 
 void LibraryJobManager::notifyJobDone(const SharedPtr<LibraryJob>& job) {

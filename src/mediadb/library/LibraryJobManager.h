@@ -11,7 +11,8 @@
 // queued job dropped). Signals are emitted with no lock held.
 //
 // Order of the signals: OnJobAdded before OnJobDone for one job, even when the job ends before
-// addJob has emitted OnJobAdded (its OnJobDone is then emitted by addJob, after OnJobAdded). A job
+// addJob has emitted OnJobAdded (its OnJobDone is then emitted by addJob, after OnJobAdded; its
+// updates until then are dropped, OnJobAdded's slots read the state as it is). A job
 // counts as left the set only after its OnJobDone slots returned, so cancelJob(wait), cancelAll(
 // wait) and shutdown return after them; isInProcess and getScheduledJobs already leave out a job
 // whose OnJobDone is being emitted.
