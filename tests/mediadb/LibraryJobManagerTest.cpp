@@ -127,9 +127,11 @@ using Events = std::vector<std::string>;
 TEST(LibraryJobManagerThreads, DoneOnceForNormalThrownAndDroppedJobs) {
     LibraryJobManager manager;
     Signals signals(manager);
+    // Its first update may come before addJob has emitted OnJobAdded, its second surely after.
     auto running = std::make_shared<TestJob>([](TestJob& j) {
         j.notifyUpdated();
         j.spinUntilCancelled();
+        j.notifyUpdated();
     });
     auto normal = std::make_shared<TestJob>();
     auto thrower = std::make_shared<TestJob>([](TestJob&) { throw std::runtime_error("bad"); });
@@ -154,7 +156,12 @@ TEST(LibraryJobManagerThreads, DoneOnceForNormalThrownAndDroppedJobs) {
     EXPECT_TRUE(manager.isInProcess());
     running->cancel(false);
     ASSERT_TRUE(eventually([&] { return !manager.isInProcess(); }));
-    EXPECT_EQ(signals.of(running), (Events{"added", "updated", "done"}));
+    const Events events = signals.of(running);
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events.front(), "added");
+    EXPECT_EQ(events.back(), "done");
+    EXPECT_LE(events.size(), 4u);
+    for (size_t i = 1; i + 1 < events.size(); ++i) EXPECT_EQ(events[i], "updated");
     EXPECT_EQ(signals.of(normal), (Events{"added", "done"}));
     EXPECT_EQ(signals.of(thrower), (Events{"added", "done"}));
     EXPECT_EQ(thrower->failure(), "bad");
@@ -220,6 +227,23 @@ TEST(LibraryJobManagerThreads, CancelWithWaitReturnsAfterOnJobDoneWhileCallerHol
     // A second cancel with wait returns at once: the job has gone from the set.
     running->cancel(true);
     EXPECT_EQ(running->canceledCalls, 1);
+}
+
+// A job whose OnJobDone slots still run has not left the set: cancelAll(wait) waits for them.
+TEST(LibraryJobManagerThreads, CancelAllWaitsForOnJobDoneInProgress) {
+    LibraryJobManager manager;
+    std::atomic<bool> entered{false}, finished{false};
+    manager.OnJobDone.connect([&](SharedPtr<LibraryJob>) {
+        entered = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        finished = true;
+    });
+    auto job = std::make_shared<TestJob>();
+    manager.addJob(job);
+    ASSERT_TRUE(eventually([&] { return entered.load(); }));
+    EXPECT_FALSE(manager.isInProcess());  // done, as the slots see it
+    manager.cancelAll(true);
+    EXPECT_TRUE(finished);
 }
 
 TEST(LibraryJobManagerThreads, ShutdownEndsQueuedRunningAndDetachedJobsOnce) {

@@ -31,7 +31,7 @@ void LibraryJob::cancel(bool wait) {
             setCancelled();
     }
     if (!wait) return;
-    if (LibraryJobManager* manager = this->manager()) manager->waitUntilGone(this);
+    if (LibraryJobManager* manager = this->manager()) manager->waitUntilGone(_thisRef);
 }
 
 void LibraryJob::notifyUpdated() {

@@ -83,10 +83,16 @@ void LibraryJobManager::cancelJob(const WeakSharedPtr<LibraryJob>& job, bool wai
 
 void LibraryJobManager::cancelAll(bool wait) {
     std::vector<SharedPtr<LibraryJob>> jobs;
+    std::vector<WeakSharedPtr<LibraryJob>> all;  // also those whose OnJobDone is being emitted
+    {
+        ScopedLock lock(_mutex);
+        for (const Entry& e : _jobs) all.push_back(e.ref);
+    }
     getScheduledJobs(jobs);
     for (const auto& job : jobs) job->cancel(false);
+    jobs.clear();  // no reference kept while waiting: a job may also leave by going away
     if (!wait) return;
-    for (const auto& job : jobs) waitUntilGone(job.get());
+    for (const auto& job : all) waitUntilGone(job);
 }
 
 void LibraryJobManager::getScheduledJobs(std::vector<SharedPtr<LibraryJob>>& jobs) const {
@@ -105,19 +111,17 @@ bool LibraryJobManager::isInProcess() const {
 }
 
 void LibraryJobManager::shutdown() {
-    std::vector<const LibraryJob*> outstanding;
     {
         ScopedLock lock(_mutex);
         _shuttingDown = true;
-        for (const Entry& e : _jobs) outstanding.push_back(e.job);
     }
-    cancelAll(false);
     if (_dispatcher.isDispatcherThread()) {
         QOR_ASSERT_TEXT(false, "shutdown is not called on the dispatcher's thread");
+        cancelAll(false);
         return;
     }
-    // No job enters the set any more: waiting for these is waiting for all.
-    for (const LibraryJob* job : outstanding) waitUntilGone(job);
+    // No job enters the set any more: waiting for those in it now is waiting for all.
+    cancelAll(true);
     _dispatcher.shutdown();
 }
 
@@ -175,16 +179,21 @@ void LibraryJobManager::cancelScheduled(const SharedPtr<LibraryJob>& job) {
     _dispatcher.cancelJob(job);
 }
 
-void LibraryJobManager::waitUntilGone(const LibraryJob* job) {
+void LibraryJobManager::waitUntilGone(const WeakSharedPtr<LibraryJob>& job) {
     if (_dispatcher.isDispatcherThread()) {
-        QOR_ASSERT_TEXT(false, "cancelJob(wait) is not called on the dispatcher's thread");
+        QOR_ASSERT_TEXT(false, "no wait for a library job on the dispatcher's thread");
         return;
     }
     const std::thread::id me = std::this_thread::get_id();
+    auto sameJob = [&](const Entry& e) {
+        return !e.ref.owner_before(job) && !job.owner_before(e.ref);
+    };
     ScopedLock lock(_mutex);
     for (;;) {
-        Entry* e = find(job);
-        if (!e) return;
+        // By owner, not address: a job gone and another made at its place is not waited for.
+        auto it = std::find_if(_jobs.begin(), _jobs.end(), sameJob);
+        if (it == _jobs.end()) return;
+        Entry* e = &*it;
         if (!e->announced && e->adder == me) {
             // Asked from an OnJobAdded slot: the end is emitted by this thread after the slot.
             lock.unlock();

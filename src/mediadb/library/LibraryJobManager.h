@@ -89,8 +89,8 @@ private:
     void emitDoneAndRemove(const SharedPtr<LibraryJob>& job);
     // Called by LibraryJob::cancel on its first call.
     void cancelScheduled(const SharedPtr<LibraryJob>& job);
-    // Blocks until the job has left the set.
-    void waitUntilGone(const LibraryJob* job);
+    // Blocks until the job has left the set. Refused on the dispatcher's thread (logged).
+    void waitUntilGone(const WeakSharedPtr<LibraryJob>& job);
     Entry* find(const LibraryJob* job) QOR_REQUIRES(_mutex);
     // Erases the job's entry and clears the job's manager; true when it was there.
     bool remove(const LibraryJob* job) QOR_REQUIRES(_mutex);
