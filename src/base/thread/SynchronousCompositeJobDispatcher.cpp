@@ -175,34 +175,33 @@ void SynchronousCompositeJobDispatcher::finish(const SharedPtr<CompositeJob>& jo
 }
 
 void SynchronousCompositeJobDispatcher::loop() {
-    ScopedLock lock(_mutex);
     for (;;) {
-        if (_queue.empty()) {
-            if (_stopping) break;
-            _wakeCondition.wait(lock);
-            continue;
-        }
-        SharedPtr<CompositeJob> job = std::move(_queue.front());
-        _queue.pop_front();
-        const bool cancelled = job->isCancelled();
-        if (cancelled) {
-            job->setStatus(CompositeJob::CjCancelled);
-            ++_finishing;
-        } else {
-            _running = job;
-        }
+        SharedPtr<CompositeJob> job;
+        bool dropped = false;  // cancelled before its turn: not run
         {
-            ScopedUnlock unlocked(lock);
-            if (!cancelled) {
-                runJob(*job);
-                // From here an equal job may be queued again; the callback runs after.
-                ScopedLock runningLock(_mutex);
-                _running.reset();
+            ScopedLock lock(_mutex);
+            while (_queue.empty() && !_stopping) _wakeCondition.wait(lock);
+            if (_queue.empty()) return;  // stopping, and nothing left to end
+            job = std::move(_queue.front());
+            _queue.pop_front();
+            dropped = job->isCancelled();
+            if (dropped) {
+                job->setStatus(CompositeJob::CjCancelled);
                 ++_finishing;
+            } else {
+                _running = job;
             }
-            finish(job);
-            job.reset();  // may destroy the job: no lock held
         }
+        if (!dropped) {
+            runJob(*job);
+            // From here an equal job may be queued again; the callback runs after.
+            ScopedLock lock(_mutex);
+            _running.reset();
+            ++_finishing;
+        }
+        finish(job);
+        job.reset();  // may destroy the job: no lock held
+        ScopedLock lock(_mutex);
         --_finishing;
         _idleCondition.notifyAll();
     }
