@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/KillChild.h"
 #include "../support/TempDir.h"
 #include "base/Log.h"
 #include "base/resource/ResourceDB.h"
@@ -552,14 +553,10 @@ TEST(ResourceDB, AWriterKilledAtAnyMomentLeavesOneWholeBatch) {
     while (runs < 40 || std::chrono::steady_clock::now() - start < std::chrono::seconds(12)) {
         if (runs >= 400) break;
         ++runs;
-        pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) writeGenerationsForever(path);
-        std::this_thread::sleep_for(
+        const int status = test::runAndKill(
+            [&] { writeGenerationsForever(path); },
             std::chrono::microseconds(std::uniform_int_distribution<int>(0, 150000)(random)));
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_NE(status, -1);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself, status " << status;
 
         ResourceDB db(path);
