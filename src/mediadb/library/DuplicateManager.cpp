@@ -34,7 +34,7 @@ LibraryDuplicateManager::LibraryDuplicateManager(Library* library) : _library(li
     // on the next question.
     _adopted = _library->OnImageAdopted.connect([this](ResourceID id) {
         ScopedLock lock(_mutex);
-        if (_built) _pending.insert(id);
+        if (_built && !_byId.count(id)) _pending.insert(id);
     });
 }
 
@@ -170,6 +170,10 @@ std::vector<ResourceID> ExternalDuplicateManager::duplicatesOf(ResourceID id) co
 void ExternalDuplicateManager::forget(ResourceID id) {
     ScopedLock lock(_mutex);
     _found.erase(id);
+}
+
+void ExternalDuplicateManager::imageImported(ResourceID id, const Digest& digest) {
+    _index->add(id, digest);
 }
 
 }  // namespace qor::mediadb

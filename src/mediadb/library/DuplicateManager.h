@@ -85,6 +85,9 @@ public:
     std::vector<ResourceID> duplicatesOf(ResourceID id) const;
     // Forgets what was remembered for `id`.
     void forget(ResourceID id);
+    // An image that an import has just brought in, with the checksum its copy computed: entered
+    // into the index without reading the file again.
+    void imageImported(ResourceID id, const Digest& digest);
 
 private:
     Library* const _library;                 // not owned
