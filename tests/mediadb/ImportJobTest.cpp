@@ -211,6 +211,39 @@ TEST_F(ImportJobTest, WithoutADestinationEachCaptureDayGetsItsEvent) {
     EXPECT_EQ(bagFiles(july), (std::vector<std::string>{"a.jpg", "b.jpg", "e.jpg"}));
 }
 
+// Files put into an event's folder behind the library's back are adopted where they lie: those
+// the bag holds already are left alone, and a raw file in "originals" pairs with the JPEG beside
+// that folder.
+TEST_F(ImportJobTest, AdoptingABagsFolderTakesInItsNewFilesAndPairs) {
+    const SharedPtr<const ContainerBag> trip = event("Trip");
+    const ResourceID old = library->copyImage(write("old.jpg", cameraJpeg("", 1)), trip->id(), "",
+                                              "", false);
+    writeFile(trip->localPath() + "/IMG_7.jpg", cameraJpeg("", 2));
+    writeFile(trip->localPath() + "/originals/IMG_7.NEF", std::string(2000, 'n'));
+    writeFile(trip->localPath() + "/notes.txt", "notes");
+
+    auto job = std::make_shared<ImportJob>(settings(), trip, ImportJob::AdoptAfterScan,
+                                           ImportJob::SkipDuplicates);
+    std::vector<std::string> states;
+    ScopedConnection updates = jobs.OnJobUpdated.connect([&](SharedPtr<LibraryJob> j) {
+        if (states.empty() || states.back() != j->state()) states.push_back(j->state());
+    });
+    LogCapture log;
+    ASSERT_TRUE(runToEnd(job));
+    EXPECT_EQ(job->status(), thread::CompositeJob::CjFinished) << job->failure();
+    EXPECT_EQ(bagFiles(trip->id()),
+              (std::vector<std::string>{"IMG_7.jpg", "old.jpg", "originals/IMG_7.NEF"}));
+    EXPECT_EQ(job->total(), 2u);
+    EXPECT_EQ(job->getImportedImages().size(), 2u);
+    EXPECT_TRUE(library->bag(trip->id())->containsImage(old));
+    EXPECT_EQ(states, std::vector<std::string>{"ReadingMetadata"});
+    EXPECT_TRUE(log.contains("Adopting finished after '"));
+    auto bag = dynamic_ptr_cast<const ContainerBag>(library->bag(trip->id()));
+    const ResourceID raw = library->getImageId(trip->localPath() + "/originals/IMG_7.NEF");
+    EXPECT_TRUE(bag->isOriginalItem(raw));
+    EXPECT_EQ(bag->getFamilyInfo(raw).members.size(), 2u);
+}
+
 // The index is built from the checksums the metadata cache holds: with the picture files gone
 // from the disk it still answers, and it follows images that come and go.
 TEST_F(ImportJobTest, TheDuplicateIndexAnswersFromTheCacheWithoutTheFiles) {

@@ -244,10 +244,12 @@ bool ImportJob::acceptFile(const std::string& path, std::vector<ImageLocation>& 
     location.url = path;
     if (_bag) {
         location.bagId = _bag->id();
-        // A file that the bag holds already is not adopted again.
+        // A file that the bag holds already is not adopted again (asked of the bag as it is now:
+        // _bag is the snapshot the job was made with).
         if (_taskType == AdoptAfterScan) {
             const ResourceID known = _settings.library->getImageId(path);
-            if (known.isValid() && _bag->containsImage(known)) return false;
+            if (known.isValid() && _settings.library->containerId(known) == _bag->id())
+                return false;
         }
     }
     locations.push_back(std::move(location));
