@@ -31,11 +31,9 @@ Digest checksumOf(Library* library, ResourceID id) {
 
 LibraryDuplicateManager::LibraryDuplicateManager(Library* library) : _library(library) {
     // Runs on the adopting thread, after the bag's commit: only noted here, the checksum is asked
-    // on the next question.
-    _adopted = _library->OnImageAdopted.connect([this](ResourceID id) {
-        ScopedLock lock(_mutex);
-        if (_built && !_byId.count(id)) _pending.insert(id);
-    });
+    // on the next question. Noted also before the index is built: a build that runs now may have
+    // read the bag before this image came.
+    _adopted = _library->OnImageAdopted.connect([this](ResourceID id) { add(id); });
 }
 
 LibraryDuplicateManager::~LibraryDuplicateManager() { _adopted.disconnect(); }
@@ -58,8 +56,7 @@ std::vector<ResourceID> LibraryDuplicateManager::images(const Digest& digest) {
 void LibraryDuplicateManager::add(ResourceID id) {
     if (!id.isValid()) return;
     ScopedLock lock(_mutex);
-    // Before the first question the build finds the image in its bag.
-    if (_built) _pending.insert(id);
+    if (!_byId.count(id)) _pending.insert(id);
 }
 
 void LibraryDuplicateManager::add(ResourceID id, const Digest& digest) {
@@ -104,6 +101,8 @@ void LibraryDuplicateManager::resolvePending() {
     {
         ScopedLock lock(_mutex);
         pending.swap(_pending);
+        // Those the build entered need no second question.
+        std::erase_if(pending, [this](ResourceID id) { return _byId.count(id) != 0; });
     }
     if (pending.empty()) return;
     std::vector<std::pair<ResourceID, Digest>> entries;

@@ -60,7 +60,7 @@ private:
     std::unordered_map<Digest, std::vector<ResourceID>> _byDigest QOR_GUARDED_BY(_mutex);
     std::unordered_map<ResourceID, Digest> _byId QOR_GUARDED_BY(_mutex);
     // Images that came in whose checksum has not been asked yet (asked on the next question,
-    // never on the thread that adopted them).
+    // after the build, never on the thread that adopted them).
     std::set<ResourceID> _pending QOR_GUARDED_BY(_mutex);
     ScopedConnection _adopted;  // Library::OnImageAdopted
 };
