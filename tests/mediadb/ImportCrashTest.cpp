@@ -62,8 +62,8 @@ TEST(ImportCrash, AFullDiskListsThePictureAndLeavesNoPartOfIt) {
     EXPECT_EQ(leaves, (std::set<std::string>{"a.jpg", "c.jpg"}));
     for (const std::string& file : filesBelow(dir / "lib")) {
         const std::string leaf = filesystem::leaf(file);
-        EXPECT_TRUE(leaf == "a.jpg" || leaf == "c.jpg" || leaf == ".bag" ||
-                    leaf == "library.xml" || leaf == Library::MovesFileName)
+        EXPECT_TRUE(leaf == "a.jpg" || leaf == "c.jpg" || leaf == ".bag" || leaf == "library.xml" ||
+                    leaf == Library::MovesFileName)
             << "left in the library: " << file;
     }
     EXPECT_EQ(readFile(dir / "lib/Trip/c.jpg"), readFile(dir / "in/c.jpg"));

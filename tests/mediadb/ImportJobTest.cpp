@@ -22,8 +22,8 @@ TEST_F(ImportJobTest, AnEmptyFolderFailsWithNoImagesAndStillEndsTheJob) {
     write("empty/.hidden.jpg", cameraJpeg("", 1));
     write("empty/notes.txt", "notes");
     const SharedPtr<const ContainerBag> trip = event("Trip");
-    auto job = std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("empty")},
-                                           trip);
+    auto job =
+        std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("empty")}, trip);
     LogCapture log;
     ASSERT_TRUE(runToEnd(job));
     EXPECT_EQ(job->status(), Status::CjFailed);
@@ -47,8 +47,8 @@ TEST_F(ImportJobTest, CopiesACardWithItsRawAndJpegPairAsAFamily) {
     ASSERT_EQ(::symlink("..", source("card/DCIM/loop").c_str()), 0);
 
     const SharedPtr<const ContainerBag> trip = event("Trip");
-    auto job = std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("card")},
-                                           trip);
+    auto job =
+        std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("card")}, trip);
     std::vector<std::string> states;
     std::mutex statesMutex;
     ScopedConnection updates = jobs.OnJobUpdated.connect([&](SharedPtr<LibraryJob> j) {
@@ -118,8 +118,8 @@ TEST_F(ImportJobTest, DuplicatePoliciesSkipAskOrImport) {
         return false;
     };
     write("one/a copy.jpg", original);
-    auto ask = std::make_shared<ImportJob>(settings(no),
-                                           std::vector<std::string>{source("one")}, other);
+    auto ask =
+        std::make_shared<ImportJob>(settings(no), std::vector<std::string>{source("one")}, other);
     ASSERT_TRUE(runToEnd(ask));
     EXPECT_EQ(asked, std::vector<std::vector<ResourceID>>{{inLibrary}});
     EXPECT_TRUE(library->bag(other->id())->images().empty());
@@ -128,13 +128,13 @@ TEST_F(ImportJobTest, DuplicatePoliciesSkipAskOrImport) {
     // A yes brings it in; with no question to ask, ImportAll brings it in without one.
     int questions = 0;
     auto yes = [&](ResourceID, const std::vector<ResourceID>&) { return ++questions > 0; };
-    auto askYes = std::make_shared<ImportJob>(settings(yes),
-                                              std::vector<std::string>{source("one")}, other);
+    auto askYes =
+        std::make_shared<ImportJob>(settings(yes), std::vector<std::string>{source("one")}, other);
     ASSERT_TRUE(runToEnd(askYes));
     EXPECT_EQ(questions, 1);
     EXPECT_EQ(bagFiles(other->id()), std::vector<std::string>{"a copy.jpg"});
-    auto all = std::make_shared<ImportJob>(settings(yes),
-                                           std::vector<std::string>{source("one")}, other);
+    auto all =
+        std::make_shared<ImportJob>(settings(yes), std::vector<std::string>{source("one")}, other);
     all->setDuplicateHandling(ImportJob::ImportAll);
     ASSERT_TRUE(runToEnd(all));
     EXPECT_EQ(questions, 1);
@@ -144,8 +144,8 @@ TEST_F(ImportJobTest, DuplicatePoliciesSkipAskOrImport) {
 TEST_F(ImportJobTest, AFileThatVanishesBeforeItsCopyIsListedAndTheRestComeIn) {
     for (int i = 0; i < 4; ++i) write("in/" + std::string(1, 'a' + i) + ".jpg", cameraJpeg("", i));
     const SharedPtr<const ContainerBag> trip = event("Trip");
-    auto job = std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("in")},
-                                           trip);
+    auto job =
+        std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("in")}, trip);
     // After the first copy (on the worker's thread), before the third.
     std::atomic<bool> removed{false};
     ScopedConnection updates = jobs.OnJobUpdated.connect([&](SharedPtr<LibraryJob> j) {
@@ -175,11 +175,13 @@ TEST_F(ImportJobTest, WithoutADestinationEachCaptureDayGetsItsEvent) {
     fields.tm_mday = 6;
     fields.tm_hour = 12;
     fields.tm_isdst = -1;
-    filesystem::setLastWriteTime(source("in/d.jpg"), time::Timestamp::fromTime_t(::mktime(&fields)));
+    filesystem::setLastWriteTime(source("in/d.jpg"),
+                                 time::Timestamp::fromTime_t(::mktime(&fields)));
     fields.tm_year = 2020 - 1900;
     fields.tm_mon = 0;
     fields.tm_mday = 2;
-    filesystem::setLastWriteTime(source("in/c.CR2"), time::Timestamp::fromTime_t(::mktime(&fields)));
+    filesystem::setLastWriteTime(source("in/c.CR2"),
+                                 time::Timestamp::fromTime_t(::mktime(&fields)));
 
     auto job = std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("in")});
     ASSERT_TRUE(runToEnd(job));
@@ -188,15 +190,15 @@ TEST_F(ImportJobTest, WithoutADestinationEachCaptureDayGetsItsEvent) {
     for (const ResourceID& id : library->bags(EventBag::bagTypeStatic())) {
         SharedPtr<const Bag> bag = library->bag(id);
         days[bag->name()] = bagFiles(id);
-        EXPECT_EQ(bag->localPath(), library->path() + "Pictures/" + bag->name().substr(0, 4) +
-                                        "/" + bag->name());
+        EXPECT_EQ(bag->localPath(),
+                  library->path() + "Pictures/" + bag->name().substr(0, 4) + "/" + bag->name());
     }
     EXPECT_EQ(days, (std::map<std::string, std::vector<std::string>>{
                         {"2018-05-06", {"d.jpg"}},
                         {"2019-07-14", {"a.jpg", "b.jpg"}},
                         {"2020-01-02", {"c.jpg", "originals/c.CR2"}}}));
-    const ResourceID raw = library->getImageId(
-        library->path() + "Pictures/2020/2020-01-02/originals/c.CR2");
+    const ResourceID raw =
+        library->getImageId(library->path() + "Pictures/2020/2020-01-02/originals/c.CR2");
     auto pair = dynamic_ptr_cast<const ContainerBag>(library->bag(library->containerId(raw)));
     ASSERT_TRUE(pair);
     EXPECT_TRUE(pair->isOriginalItem(raw));
@@ -207,7 +209,8 @@ TEST_F(ImportJobTest, WithoutADestinationEachCaptureDayGetsItsEvent) {
     auto later = std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("later")});
     ASSERT_TRUE(runToEnd(later));
     EXPECT_EQ(library->bags(EventBag::bagTypeStatic()).size(), 3u);
-    const ResourceID july = library->bagIdFromLocalPath(library->path() + "Pictures/2019/2019-07-14");
+    const ResourceID july =
+        library->bagIdFromLocalPath(library->path() + "Pictures/2019/2019-07-14");
     EXPECT_EQ(bagFiles(july), (std::vector<std::string>{"a.jpg", "b.jpg", "e.jpg"}));
 }
 
@@ -216,8 +219,8 @@ TEST_F(ImportJobTest, WithoutADestinationEachCaptureDayGetsItsEvent) {
 // that folder.
 TEST_F(ImportJobTest, AdoptingABagsFolderTakesInItsNewFilesAndPairs) {
     const SharedPtr<const ContainerBag> trip = event("Trip");
-    const ResourceID old = library->copyImage(write("old.jpg", cameraJpeg("", 1)), trip->id(), "",
-                                              "", false);
+    const ResourceID old =
+        library->copyImage(write("old.jpg", cameraJpeg("", 1)), trip->id(), "", "", false);
     writeFile(trip->localPath() + "/IMG_7.jpg", cameraJpeg("", 2));
     writeFile(trip->localPath() + "/originals/IMG_7.NEF", std::string(2000, 'n'));
     writeFile(trip->localPath() + "/notes.txt", "notes");

@@ -23,8 +23,8 @@ TEST_F(ImportJobThreads, ACancelWhileCopyingOrReadingStillEndsInJobDone) {
     for (const char* when : {"Copying", "ReadingMetadata"}) {
         SCOPED_TRACE(when);
         const SharedPtr<const ContainerBag> trip = event(std::string("Trip ") + when);
-        auto job = std::make_shared<ImportJob>(settings(),
-                                               std::vector<std::string>{source("in")}, trip);
+        auto job =
+            std::make_shared<ImportJob>(settings(), std::vector<std::string>{source("in")}, trip);
         std::atomic<bool> cancelled{false};
         const bool fromWorker = std::string(when) == "Copying";
         ScopedConnection updates = jobs.OnJobUpdated.connect([&](SharedPtr<LibraryJob> j) {

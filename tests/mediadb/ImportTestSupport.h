@@ -72,8 +72,8 @@ protected:
         writeFile(dir / "first", "x");
         imageio::imageChecksum(FastString<char>(dir / "first"));
         files = std::make_unique<imagecache::FileMetadataCache>(&images);
-        cache = std::make_unique<imagecache::MetadataCacheRDB>(files.get(), dir / "cache", nullptr,
-                                                               0);
+        cache =
+            std::make_unique<imagecache::MetadataCacheRDB>(files.get(), dir / "cache", nullptr, 0);
         connector = std::make_unique<LibraryCacheConnector>(cache.get());
         library = std::make_unique<Library>(&images, connector.get(), dir / "lib/");
         registerStandardBagTypes(*library);

@@ -30,17 +30,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <condition_variable>
-#include <fstream>
-#include <memory>
-#include <mutex>
 
 #include "../mediadb/LibraryTestBags.h"
 #include "base/Log.h"

@@ -86,7 +86,8 @@ void LibraryDuplicateManager::build() {
     for (const ResourceID& bagId : _library->bags()) {
         SharedPtr<const Bag> bag = _library->bag(bagId);
         if (!bag || !Library::isContainer(*bag)) continue;
-        for (const ResourceID& id : bag->images()) entries.emplace_back(id, checksumOf(_library, id));
+        for (const ResourceID& id : bag->images())
+            entries.emplace_back(id, checksumOf(_library, id));
     }
     ScopedLock lock(_mutex);
     // An image that add(id, digest) entered meanwhile keeps that digest.
@@ -131,8 +132,7 @@ void LibraryDuplicateManager::drop(ResourceID id) {
 
 // ---- ExternalDuplicateManager ----
 
-ExternalDuplicateManager::ExternalDuplicateManager(Library* library,
-                                                   LibraryDuplicateManager* index)
+ExternalDuplicateManager::ExternalDuplicateManager(Library* library, LibraryDuplicateManager* index)
     : _library(library), _index(index) {}
 
 ExternalDuplicateManager::~ExternalDuplicateManager() = default;

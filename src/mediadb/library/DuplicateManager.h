@@ -90,9 +90,9 @@ public:
     void imageImported(ResourceID id, const Digest& digest);
 
 private:
-    Library* const _library;                 // not owned
+    Library* const _library;                // not owned
     LibraryDuplicateManager* const _index;  // not owned
-    mutable thread::Mutex _mutex;            // guards _found; a leaf
+    mutable thread::Mutex _mutex;           // guards _found; a leaf
     std::map<ResourceID, std::vector<ResourceID>> _found QOR_GUARDED_BY(_mutex);
 };
 

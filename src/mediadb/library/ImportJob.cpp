@@ -545,8 +545,7 @@ void ImportJob::updateGrouping(ResourceID id, ResourceID bagId, const std::strin
         return;
     }
     const ResourceID partner = it->second;
-    const std::string partnerPath =
-        _settings.library->getImageResourceName(partner).localPath();
+    const std::string partnerPath = _settings.library->getImageResourceName(partner).localPath();
     ResourceID raw, jpeg;
     if (isJpeg(path) && itemType(partnerPath) == imageio::ItemTypeRaw) {
         raw = partner;

@@ -53,23 +53,22 @@ public:
     // Asked for each duplicate under AskForDuplicates, on the worker's thread: the picture about
     // to be imported (a temporary resource when it came from outside the library) and the library
     // images it duplicates. True imports it anyway.
-    using DuplicateQuestion =
-        Function2<bool, ResourceID, const std::vector<ResourceID>&>;
+    using DuplicateQuestion = Function2<bool, ResourceID, const std::vector<ResourceID>&>;
 
     struct BaseSettings {
-        Library* library = nullptr;                       // not owned
-        ExternalDuplicateManager* duplicates = nullptr;   // not owned; null: no duplicate checks
-        ResourceSequenceWorker* worker = nullptr;         // not owned
-        DuplicateQuestion askDuplicate;                   // null: a duplicate is skipped
-        uint64_t callerWord = 0;                          // the caller's, kept as given
+        Library* library = nullptr;                      // not owned
+        ExternalDuplicateManager* duplicates = nullptr;  // not owned; null: no duplicate checks
+        ResourceSequenceWorker* worker = nullptr;        // not owned
+        DuplicateQuestion askDuplicate;                  // null: a duplicate is skipped
+        uint64_t callerWord = 0;                         // the caller's, kept as given
     };
 
     // A source: a url, or a library image, or a path relative to a bag's folder.
     struct ImageLocation {
-        std::string url;      // empty when the source is a resource
-        ResourceID imageId;   // invalid when the source is a url
+        std::string url;     // empty when the source is a resource
+        ResourceID imageId;  // invalid when the source is a url
         ResourceID bagId;
-        std::string path;     // relative to the bag's folder
+        std::string path;  // relative to the bag's folder
     };
 
     // Sources scanned from `bag`'s own folder (AdoptAfterScan: the files there that the bag lacks);
@@ -172,11 +171,11 @@ private:
     bool _cancelRequested QOR_GUARDED_BY(_mutex) = false;  // onCanceled ran
 
     // Used by one thread at a time: run() builds them, then only the worker's thread uses them.
-    std::vector<WorkItem> _work;               // by sequence position
+    std::vector<WorkItem> _work;                   // by sequence position
     std::map<std::string, ResourceID> _baseNames;  // grouping key -> image imported with it
     bool _touchStarted = false;
     bool _copyStarted = false;
-    std::set<std::string> _cleanedFolders;     // destination folders rid of stale temporaries
+    std::set<std::string> _cleanedFolders;         // destination folders rid of stale temporaries
     std::unique_ptr<LibraryOrganizer> _organizer;  // made when there is no destination bag
 };
 

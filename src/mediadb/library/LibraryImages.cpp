@@ -133,7 +133,8 @@ Digest copyImageFile(const std::string& source, const std::string& dst) {
         return failure(reason);
     };
     // Writes through its own descriptor into the same file, which stays locked through ours.
-    const Digest digest = imageio::imageChecksumCopy(FastString<char>(source), FastString<char>(tmp));
+    const Digest digest =
+        imageio::imageChecksumCopy(FastString<char>(source), FastString<char>(tmp));
     if (digest.isNull()) throw abandon("the data could not be copied");
     const struct timespec times[2] = {st.st_atim, st.st_mtim};
     if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0)
@@ -141,8 +142,7 @@ Digest copyImageFile(const std::string& source, const std::string& dst) {
     if (::link(tmp.c_str(), dst.c_str()) != 0) {
         const int error = errno;
         // A file system without hard links: a check and a rename, under the bag's path lock.
-        if (error == EEXIST || filesystem::exists(dst) ||
-            ::rename(tmp.c_str(), dst.c_str()) != 0)
+        if (error == EEXIST || filesystem::exists(dst) || ::rename(tmp.c_str(), dst.c_str()) != 0)
             throw abandon(error == EEXIST ? "the destination exists" : std::strerror(error));
     }
     ::unlink(tmp.c_str());

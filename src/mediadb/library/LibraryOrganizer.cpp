@@ -42,7 +42,8 @@ ResourceID LibraryOrganizer::eventBagFor(ResourceID image, const std::string& pa
 
 ResourceID LibraryOrganizer::eventBagForDay(int year, int month, int day) {
     const std::string name = dayName(year, month, day);
-    if (auto it = _days.find(name); it != _days.end() && _library->bag(it->second)) return it->second;
+    if (auto it = _days.find(name); it != _days.end() && _library->bag(it->second))
+        return it->second;
 
     const std::string folder = filesystem::normalizePathUnix(filesystem::pathJoin(
         filesystem::pathJoin(filesystem::pathJoin(_library->path(), _library->initialBagPath()),

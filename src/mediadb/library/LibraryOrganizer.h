@@ -35,7 +35,7 @@ public:
     static std::string dayName(int year, int month, int day);
 
 private:
-    Library* const _library;                 // not owned
+    Library* const _library;                  // not owned
     std::map<std::string, ResourceID> _days;  // day name -> its bag, as found or made
 };
 
