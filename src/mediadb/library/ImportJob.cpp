@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -214,8 +216,11 @@ void ImportJob::scanUrl(const std::string& url, std::vector<ImageLocation>& loca
         const std::string folder = std::move(folders.back());
         folders.pop_back();
         struct stat st {};
-        if (::stat(folder.c_str(), &st) != 0 || !visited.insert({st.st_dev, st.st_ino}).second)
+        if (::stat(folder.c_str(), &st) != 0) {
+            QOR_LOG(LogWarning, "Couldn't scan url %* %*", folder, std::strerror(errno));
             continue;
+        }
+        if (!visited.insert({st.st_dev, st.st_ino}).second) continue;
         try {
             std::vector<std::string> subfolders;
             for (filesystem::UrlIterator it(folder); it.valid() && !isCancelled(); it.next()) {
