@@ -10,8 +10,10 @@
 #include <exception>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "base/Log.h"
+#include "base/Md5Stream.h"
 #include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
@@ -110,43 +112,107 @@ std::string destinationPath(const ImageManager& images, const std::string& bagPa
     return dst;
 }
 
+// Writes all of `size` bytes at `offset`; false with errno set on failure.
+bool writeAll(int fd, const unsigned char* data, size_t size, off_t offset) {
+    while (size > 0) {
+        const ssize_t n = ::pwrite(fd, data, size, offset);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+        offset += n;
+    }
+    return true;
+}
+
+// Copies the file `in` into the empty file `out` and gives the item checksum of `in`: its head
+// (the bytes the checksum covers) is read once and both hashed and written, the rest goes from
+// file to file in the kernel (copy_file_range), or through a buffer where that is not supported.
+// Returns the null digest with errno set on failure.
+Digest copyData(int in, int out) {
+    std::vector<unsigned char> buffer(imageio::ImageChecksumLength);
+    size_t head = 0;
+    while (head < buffer.size()) {
+        const ssize_t n = ::pread(in, buffer.data() + head, buffer.size() - head, off_t(head));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return {};
+        if (n == 0) break;
+        head += static_cast<size_t>(n);
+    }
+    const Digest digest = Md5Stream::of(buffer.data(), head);
+    if (!writeAll(out, buffer.data(), head, 0)) return {};
+    if (head < buffer.size()) return digest;  // the whole file was in the head
+    off_t inOffset = off_t(head), outOffset = off_t(head);
+    for (;;) {
+        const ssize_t n = ::copy_file_range(in, &inOffset, out, &outOffset, size_t(1) << 30, 0);
+        if (n > 0) continue;
+        if (n == 0) return digest;
+        if (errno == EINTR) continue;
+        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return {};
+        break;
+    }
+    buffer.resize(size_t(1) << 20);
+    for (;;) {
+        const ssize_t n = ::pread(in, buffer.data(), buffer.size(), inOffset);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return {};
+        if (n == 0) return digest;
+        if (!writeAll(out, buffer.data(), size_t(n), outOffset)) return {};
+        inOffset += n;
+        outOffset += n;
+    }
+}
+
 // Copies `source` to the new file `dst` through a hidden temporary beside it and gives the
-// source's item checksum. The temporary holds an exclusive flock while the copy runs (see
-// Library::removeStaleCopies) and becomes `dst` by link(2), which refuses a file that appeared at
-// `dst` meanwhile. Throws LibraryException; nothing is left at `dst` or in the temporary then.
+// source's item checksum (as imageio::imageChecksum gives it), computed on the way. The temporary
+// holds an exclusive flock while the copy runs (see Library::removeStaleCopies) and becomes `dst`
+// by link(2), which refuses a file that appeared at `dst` meanwhile. Throws LibraryException;
+// nothing is left at `dst` or in the temporary then.
 Digest copyImageFile(const std::string& source, const std::string& dst) {
     auto failure = [&](const std::string& reason) {
         return LibraryException("Cannot copy '" + source + "' to '" + dst + "': " + reason);
     };
+    const int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) throw failure(std::strerror(errno));
     struct stat st {};
-    if (::stat(source.c_str(), &st) != 0) throw failure(std::strerror(errno));
-    if (!S_ISREG(st.st_mode)) throw failure("not a file");
+    if (::fstat(in, &st) != 0) {
+        const int error = errno;
+        ::close(in);
+        throw failure(std::strerror(error));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(in);
+        throw failure("not a file");
+    }
     std::string tmp =
         filesystem::pathJoin(filesystem::parentPath(dst), Library::CopyTemporaryPrefix) + "XXXXXX";
     const int fd = ::mkostemp(tmp.data(), O_CLOEXEC);
-    if (fd < 0) throw failure(std::strerror(errno));
-    // Taken at once on our own new file: it cannot be held by anyone else.
+    if (fd < 0) {
+        const int error = errno;
+        ::close(in);
+        throw failure(std::strerror(error));
+    }
+    // Taken at once on our own new file: nobody else holds it.
     ::flock(fd, LOCK_EX | LOCK_NB);
-    auto abandon = [&](const std::string& reason) {
+    auto abandon = [&](int error) {
         ::unlink(tmp.c_str());
         ::close(fd);
-        return failure(reason);
+        ::close(in);
+        return failure(std::strerror(error));
     };
-    // Writes through its own descriptor into the same file, which stays locked through ours.
-    const Digest digest =
-        imageio::imageChecksumCopy(FastString<char>(source), FastString<char>(tmp));
-    if (digest.isNull()) throw abandon("the data could not be copied");
+    const Digest digest = copyData(in, fd);
+    if (digest.isNull()) throw abandon(errno);
     const struct timespec times[2] = {st.st_atim, st.st_mtim};
-    if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0)
-        throw abandon(std::strerror(errno));
+    if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0) throw abandon(errno);
     if (::link(tmp.c_str(), dst.c_str()) != 0) {
         const int error = errno;
         // A file system without hard links: a check and a rename, under the bag's path lock.
-        if (error == EEXIST || filesystem::exists(dst) || ::rename(tmp.c_str(), dst.c_str()) != 0)
-            throw abandon(error == EEXIST ? "the destination exists" : std::strerror(error));
+        if (error == EEXIST || filesystem::exists(dst)) throw abandon(EEXIST);
+        if (::rename(tmp.c_str(), dst.c_str()) != 0) throw abandon(errno);
     }
     ::unlink(tmp.c_str());
     ::close(fd);
+    ::close(in);
     return digest;
 }
 
