@@ -13,6 +13,11 @@
 //       before the debounced save has run: "create=NAME" (a test folder bag), "rename=BAG>NAME",
 //       "move=BAG>BAG" (every image of the first bag into the second). Bags are named by name.
 //       Exit code 0 when every change went through.
+//   qor_mediadb_child import LIBRARY SOURCE REPORT [fsize=N]
+//       Loads the library and imports the folder SOURCE (everything, duplicates too) by capture
+//       day, or into the event "Trip" with a file size limit of N bytes; then writes the files
+//       not imported to REPORT, one a line, and saves. Exit code 0 when the job ended in
+//       OnJobDone without failing. The kill test kills it at random moments.
 //   qor_mediadb_child save LIBRARY IMAGE [nobody | fsize=N]
 //       Runs as the user nobody, or with a file size limit of N bytes; loads the library, changes
 //       the bag "Trip" (a setting and a new image IMAGE) and tries to create a bag, saves, and
@@ -25,19 +30,28 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "../mediadb/LibraryTestBags.h"
 #include "base/Log.h"
+#include "base/resource/ResourceSequenceWorker.h"
+#include "imagecache/metadata/FileMetadataCache.h"
 #include "mediadb/bags/CollectionBag.h"
 #include "mediadb/bags/EventBag.h"
 #include "mediadb/bags/StandardBagTypes.h"
+#include "mediadb/library/ImportJob.h"
+#include "mediadb/library/LibraryCacheConnector.h"
 #include "mediadb/library/LibraryExceptions.h"
+#include "mediadb/library/LibraryJobManager.h"
 
 using namespace qor;
 using namespace qor::mediadb;
@@ -177,6 +191,65 @@ int crash(const std::string& libraryPath, const std::string& source, const std::
     }
 }
 
+// A file size limit of N bytes from "fsize=N"; writes beyond it fail with EFBIG.
+void limitFileSize(const std::string& how) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit {};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::strtoul(how.c_str() + 6, nullptr, 10);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+int import(const std::string& libraryPath, const std::string& source, const std::string& report,
+           const std::string& how) {
+    setLogLevel(LogError);
+    ImageManager images;
+    imagecache::FileMetadataCache files(&images);
+    LibraryCacheConnector connector(&files);
+    Library library(&images, &connector, libraryPath);
+    registerStandardBagTypes(library);
+    library.load();
+    SharedPtr<const ContainerBag> bag;
+    if (!how.empty()) {
+        ResourceID trip;
+        for (const ResourceID& id : library.bags())
+            if (library.bag(id)->name() == "Trip") trip = id;
+        if (!trip.isValid()) trip = library.createBag(EventBag::bagTypeStatic(), "Trip");
+        bag = dynamic_ptr_cast<const ContainerBag>(library.bag(trip));
+        library.save({}, true);
+        limitFileSize(how);
+    }
+    int code = 0;
+    {
+        ResourceSequenceWorker worker;
+        LibraryJobManager jobs;
+        ImportJob::BaseSettings settings;
+        settings.library = &library;
+        settings.worker = &worker;
+        auto job = std::make_shared<ImportJob>(settings, std::vector<std::string>{source}, bag);
+        job->setDuplicateHandling(ImportJob::ImportAll);
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool done = false;
+        jobs.OnJobDone.connect([&](SharedPtr<LibraryJob>) {
+            std::lock_guard<std::mutex> lock(mutex);
+            done = true;
+            condition.notify_all();
+        });
+        jobs.addJob(job);
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (!condition.wait_for(lock, std::chrono::seconds(120), [&] { return done; }))
+                return 6;
+        }
+        if (job->status() == thread::CompositeJob::CjFailed) code = 5;
+        std::ofstream out(report);
+        for (const std::string& file : job->getNotImportedImages()) out << file << "\n";
+    }
+    library.save({}, true);
+    return code;
+}
+
 // Exit codes of the save child, as the tests read them.
 enum ChildResult {
     ChildOk = 0,
@@ -190,11 +263,7 @@ int save(const std::string& libraryPath, const std::string& image, const std::st
     if (how == "nobody") {
         if (::setgid(65534) != 0 || ::setuid(65534) != 0) return ChildException;
     } else if (how.rfind("fsize=", 0) == 0) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        struct rlimit limit {};
-        ::getrlimit(RLIMIT_FSIZE, &limit);
-        limit.rlim_cur = std::strtoul(how.c_str() + 6, nullptr, 10);
-        ::setrlimit(RLIMIT_FSIZE, &limit);
+        limitFileSize(how);
     }
     ImageManager images;
     RecordingConnector connector;
@@ -271,11 +340,13 @@ int main(int argc, char** argv) {
         if (mode == "change" && argc >= 4)
             return changeAndCrash(argv[2], std::vector<std::string>(argv + 3, argv + argc));
         if (mode == "save" && argc >= 4) return save(argv[2], argv[3], argc > 4 ? argv[4] : "");
+        if (mode == "import" && argc >= 5)
+            return import(argv[2], argv[3], argv[4], argc > 5 ? argv[5] : "");
     } catch (const std::exception& e) {
         std::cerr << "qor_mediadb_child: " << e.what() << "\n";
         return 1;
     }
     std::cerr << "usage: qor_mediadb_child crash LIBRARY SOURCE JOURNAL FD | change LIBRARY OP... "
-                 "| save LIBRARY IMAGE [nobody|fsize=N]\n";
+                 "| save LIBRARY IMAGE [nobody|fsize=N] | import LIBRARY SOURCE REPORT [fsize=N]\n";
     return 1;
 }

@@ -511,24 +511,29 @@ void Library::save(Function0<void> callback, bool synchronous) {
     } else {
         ScopedLock saving(_saveMutex);
         std::set<ResourceID> unsaved;
-        size_t moves = 0;
+        Moves moves;
         {
             // A move marks its bags unsaved before it lets go of the library folder, so the moves
             // taken here are written by this save.
             FilesystemScopedLock noMove(_path, FilesystemScopedLock::Shared);
             ScopedLock lock(_mutex);
             unsaved.swap(_unsaved);
-            moves = _pendingMoves.size();
+            moves = _pendingMoves;
         }
         if (!unsaved.empty()) {
             bool saved = true;
             for (const ResourceID& id : unsaved) saved &= saveBag(id);
             saved &= saveLibraryFile();
             QOR_LOG(LogInfo, "SAVING BAGS FINISHED");
-            if (saved && moves > 0) {
+            if (saved && !moves.empty()) {
                 {
+                    // The entries taken are still the front of the journal, less those that a
+                    // removed bag took out meanwhile (forgetBag): drop what is left of them.
                     ScopedLock lock(_mutex);
-                    _pendingMoves.erase(_pendingMoves.begin(), _pendingMoves.begin() + moves);
+                    auto kept = _pendingMoves.begin();
+                    for (const auto& move : moves)
+                        if (kept != _pendingMoves.end() && *kept == move) ++kept;
+                    _pendingMoves.erase(_pendingMoves.begin(), kept);
                 }
                 writeMoves();
             }

@@ -1,13 +1,23 @@
 // Library: adding, adopting, copying, moving, removing and erasing images.
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "base/Log.h"
+#include "base/Md5Stream.h"
 #include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
+#include "imageio/ImageIO.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
 #include "mediadb/library/Library.h"
 #include "mediadb/library/LibraryExceptions.h"
@@ -102,6 +112,110 @@ std::string destinationPath(const ImageManager& images, const std::string& bagPa
     return dst;
 }
 
+// Writes all of `size` bytes at `offset`; false with errno set on failure.
+bool writeAll(int fd, const unsigned char* data, size_t size, off_t offset) {
+    while (size > 0) {
+        const ssize_t n = ::pwrite(fd, data, size, offset);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+        offset += n;
+    }
+    return true;
+}
+
+// Copies the file `in` into the empty file `out` and gives the item checksum of `in`: its head
+// (the bytes the checksum covers) is read once and both hashed and written, the rest goes from
+// file to file in the kernel (copy_file_range), or through a buffer where that is not supported.
+// Returns the null digest with errno set on failure.
+Digest copyData(int in, int out) {
+    std::vector<unsigned char> buffer(imageio::ImageChecksumLength);
+    size_t head = 0;
+    while (head < buffer.size()) {
+        const ssize_t n = ::pread(in, buffer.data() + head, buffer.size() - head, off_t(head));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return {};
+        if (n == 0) break;
+        head += static_cast<size_t>(n);
+    }
+    const Digest digest = Md5Stream::of(buffer.data(), head);
+    if (!writeAll(out, buffer.data(), head, 0)) return {};
+    if (head < buffer.size()) return digest;  // the whole file was in the head
+    off_t inOffset = off_t(head), outOffset = off_t(head);
+    for (;;) {
+        const ssize_t n = ::copy_file_range(in, &inOffset, out, &outOffset, size_t(1) << 30, 0);
+        if (n > 0) continue;
+        if (n == 0) return digest;
+        if (errno == EINTR) continue;
+        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return {};
+        break;
+    }
+    buffer.resize(size_t(1) << 20);
+    for (;;) {
+        const ssize_t n = ::pread(in, buffer.data(), buffer.size(), inOffset);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return {};
+        if (n == 0) return digest;
+        if (!writeAll(out, buffer.data(), size_t(n), outOffset)) return {};
+        inOffset += n;
+        outOffset += n;
+    }
+}
+
+// Copies `source` to the new file `dst` through a hidden temporary beside it and gives the
+// source's item checksum (as imageio::imageChecksum gives it), computed on the way. The temporary
+// holds an exclusive flock while the copy runs (see Library::removeStaleCopies) and becomes `dst`
+// by link(2), which refuses a file that appeared at `dst` meanwhile. Throws LibraryException;
+// nothing is left at `dst` or in the temporary then.
+Digest copyImageFile(const std::string& source, const std::string& dst) {
+    auto failure = [&](const std::string& reason) {
+        return LibraryException("Cannot copy '" + source + "' to '" + dst + "': " + reason);
+    };
+    const int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) throw failure(std::strerror(errno));
+    struct stat st {};
+    if (::fstat(in, &st) != 0) {
+        const int error = errno;
+        ::close(in);
+        throw failure(std::strerror(error));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(in);
+        throw failure("not a file");
+    }
+    std::string tmp =
+        filesystem::pathJoin(filesystem::parentPath(dst), Library::CopyTemporaryPrefix) + "XXXXXX";
+    const int fd = ::mkostemp(tmp.data(), O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        ::close(in);
+        throw failure(std::strerror(error));
+    }
+    // Taken at once on our own new file: nobody else holds it.
+    ::flock(fd, LOCK_EX | LOCK_NB);
+    auto abandon = [&](int error) {
+        ::unlink(tmp.c_str());
+        ::close(fd);
+        ::close(in);
+        return failure(std::strerror(error));
+    };
+    const Digest digest = copyData(in, fd);
+    if (digest.isNull()) throw abandon(errno);
+    const struct timespec times[2] = {st.st_atim, st.st_mtim};
+    if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0) throw abandon(errno);
+    if (::link(tmp.c_str(), dst.c_str()) != 0) {
+        const int error = errno;
+        // A file system without hard links: a check and a rename, under the bag's path lock.
+        if (error == EEXIST || filesystem::exists(dst)) throw abandon(EEXIST);
+        if (::rename(tmp.c_str(), dst.c_str()) != 0) throw abandon(errno);
+    }
+    ::unlink(tmp.c_str());
+    ::close(fd);
+    ::close(in);
+    return digest;
+}
+
 void checkFree(const ImageManager& images, const std::string& dst, bool makeUnique) {
     if (filesystem::exists(dst) || images.findLocalPath(dst).isValid()) {
         QOR_ASSERT(makeUnique);
@@ -114,7 +228,7 @@ void checkFree(const ImageManager& images, const std::string& dst, bool makeUniq
 
 ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containerBag,
                               const std::string& relativeFolder, const std::string& name,
-                              bool makeUnique) {
+                              bool makeUnique, Digest* checksum) {
     SharedPtr<const Bag> dst = bag(containerBag);
     QOR_ASSERT_TEXT(dst != nullptr, "dstM");
     if (!dst || bagState(containerBag) != Regular) return InvalidResourceID;
@@ -133,7 +247,8 @@ ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containe
         }
         checkFree(*_imageManager, dstPath, makeUnique);
         filesystem::createDirectoryFromUrl(filesystem::parentPath(dstPath));
-        filesystem::copyUrl(source, dstPath);
+        const Digest digest = copyImageFile(source, dstPath);
+        if (checksum) *checksum = digest;
         id = _imageManager->add(_imageManager->nameFromLocalPath(dstPath),
                                 ResourceManager::AddOrFind);
         copy->insertImage(id);
@@ -158,9 +273,34 @@ ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containe
 
 ResourceID Library::copyImage(ResourceID sourceId, ResourceID containerBag,
                               const std::string& relativeFolder, const std::string& name,
-                              bool makeUnique) {
+                              bool makeUnique, Digest* checksum) {
     return copyImage(getImageResourceName(sourceId).localPath(), containerBag, relativeFolder, name,
-                     makeUnique);
+                     makeUnique, checksum);
+}
+
+size_t Library::removeStaleCopies(const std::string& folder) {
+    size_t removed = 0;
+    try {
+        const std::string prefix = CopyTemporaryPrefix;
+        for (filesystem::UrlIterator it(folder); it.valid(); it.next()) {
+            if (it.isDirectory() || it.name().compare(0, prefix.size(), prefix) != 0) continue;
+            const std::string path = it.path();
+            const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+            if (fd < 0) continue;
+            // The lock of a live copy is held; that of a killed one went with its process.
+            if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+                if (::unlink(path.c_str()) == 0)
+                    ++removed;
+                else
+                    QOR_LOG(LogWarning, "Cannot remove stale copy %*: %*", path,
+                            std::strerror(errno));
+            }
+            ::close(fd);
+        }
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "Cannot look for stale copies in %*: %*", folder, e.what());
+    }
+    return removed;
 }
 
 void Library::copyImages() { QOR_ASSERT_MSG(0, "copyImages is not supported"); }
