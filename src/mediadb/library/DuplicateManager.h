@@ -16,6 +16,8 @@
 // guards its maps (a leaf; never held while calling the connector or the library).
 
 #include <map>
+#include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "base/ResourceID.h"
@@ -41,6 +43,26 @@ public:
     void add(ResourceID id);
     void add(ResourceID id, const Digest& digest);
     void remove(ResourceID id);
+
+private:
+    // Reads the checksums of every image of the library's container bags (once).
+    void build();
+    // Reads the checksums of the images noted by add(id) and the adopt signal, and enters them.
+    void resolvePending();
+    void enter(ResourceID id, const Digest& digest) QOR_REQUIRES(_mutex);
+    void drop(ResourceID id) QOR_REQUIRES(_mutex);
+
+    Library* const _library;  // not owned
+    // Serialises build(); held while the library and the connector are read, taken before _mutex.
+    thread::Mutex _buildMutex;
+    thread::Mutex _mutex QOR_ACQUIRED_AFTER(_buildMutex);  // guards the fields below; a leaf
+    bool _built QOR_GUARDED_BY(_mutex) = false;
+    std::unordered_map<Digest, std::vector<ResourceID>> _byDigest QOR_GUARDED_BY(_mutex);
+    std::unordered_map<ResourceID, Digest> _byId QOR_GUARDED_BY(_mutex);
+    // Images that came in whose checksum has not been asked yet (asked on the next question,
+    // never on the thread that adopted them).
+    std::set<ResourceID> _pending QOR_GUARDED_BY(_mutex);
+    ScopedConnection _adopted;  // Library::OnImageAdopted
 };
 
 class ExternalDuplicateManager {
@@ -63,6 +85,15 @@ public:
     std::vector<ResourceID> duplicatesOf(ResourceID id) const;
     // Forgets what was remembered for `id`.
     void forget(ResourceID id);
+    // An image that an import has just brought in, with the checksum its copy computed: entered
+    // into the index without reading the file again.
+    void imageImported(ResourceID id, const Digest& digest);
+
+private:
+    Library* const _library;                 // not owned
+    LibraryDuplicateManager* const _index;  // not owned
+    mutable thread::Mutex _mutex;            // guards _found; a leaf
+    std::map<ResourceID, std::vector<ResourceID>> _found QOR_GUARDED_BY(_mutex);
 };
 
 }  // namespace qor::mediadb

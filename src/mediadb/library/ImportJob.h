@@ -19,9 +19,11 @@
 // on the worker's thread; the queries from any thread. LibraryJob::_mutex guards the current
 // image and number, the lists and the temporary resources.
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,6 +43,7 @@ namespace qor::mediadb {
 class ContainerBag;
 class ExternalDuplicateManager;
 class Library;
+class LibraryOrganizer;
 
 class ImportJob : public LibraryJob {
 public:
@@ -111,7 +114,70 @@ public:
     void getSourceFolders(std::set<std::string>& folders) const;
 
 private:
-    // The rest lies with the implementation; see ImportJob.cpp.
+    // One item of the sequence: its source and the resource the passes work on (the library
+    // image, or a temporary resource for a file from outside).
+    struct WorkItem {
+        ImageLocation location;
+        ResourceID resource;
+        bool broken = false;  // its metadata could not be read: not copied
+    };
+
+    void init(const BaseSettings& settings, TaskType taskType, SharedPtr<const ContainerBag> bag);
+    // Appends the pictures found at `url` (a folder: its files, below it too when `recursive`)
+    // to `locations`; files of no supported type go to the unsupported list. Sets `found` when
+    // anything was appended.
+    void scanUrl(const std::string& url, std::vector<ImageLocation>& locations, bool recursive,
+                 bool& found);
+    bool acceptFile(const std::string& path, std::vector<ImageLocation>& locations);
+    void runCopy();
+    void runAdopt();
+    // Hands the sequence over to the worker and leaves the job detached until finalize.
+    void startSequence(bool withCopy);
+    void imageTouchCallback(ResourceSequence& sequence, size_t index);
+    void imageCopyCallback(ResourceSequence& sequence, size_t index);
+    // Copies one source into `bag` (null: the bag of its capture day); the new image, invalid
+    // when it was not copied.
+    ResourceID copyImage(const WorkItem& item, SharedPtr<const ContainerBag> bag);
+    void updateGrouping(ResourceID id, ResourceID bagId, const std::string& path);
+    // The key under which raw and JPEG files of one shot meet: the path without its extension,
+    // a raw file in an "originals" folder taken as if it lay next to that folder.
+    static std::string groupingKey(const std::string& path);
+    static void finalize(const SharedPtr<LibraryJob>& job, ResourceSequence& sequence);
+    void addNotImported(const std::string& path);
+    // Whether duplicates are looked for at all.
+    bool checksDuplicates() const;
+
+    BaseSettings _settings;
+    TaskType _taskType = CopyAfterScan;
+    SharedPtr<const ContainerBag> _bag;  // null: by capture day
+    std::vector<std::string> _urls;      // to scan
+    bool _scan = true;                   // false: _sourceImages were given
+    std::atomic<bool> _recursive{true};
+    std::atomic<int> _duplicateHandling{AskForDuplicates};
+
+    // Guarded by _mutex (read from any thread):
+    std::vector<ImageLocation> _sourceImages QOR_GUARDED_BY(_mutex);
+    ResourceID _currentImage QOR_GUARDED_BY(_mutex);
+    unsigned _currentNumber = 0 QOR_GUARDED_BY(_mutex);
+    unsigned _total = 0 QOR_GUARDED_BY(_mutex);
+    std::vector<std::string> _unsupported QOR_GUARDED_BY(_mutex);
+    std::vector<std::string> _notImported QOR_GUARDED_BY(_mutex);
+    std::vector<ResourceID> _imported QOR_GUARDED_BY(_mutex);
+    // Resources made for files from outside.
+    std::vector<ResourceID> _temporary QOR_GUARDED_BY(_mutex);
+    // Copied, then found broken, and not erased yet.
+    std::vector<ResourceID> _brokenCopies QOR_GUARDED_BY(_mutex);
+    // Handed to the worker; null before and once finalized.
+    SharedPtr<ResourceSequence> _sequence QOR_GUARDED_BY(_mutex);
+    bool _cancelRequested QOR_GUARDED_BY(_mutex) = false;  // onCanceled ran
+
+    // Used by one thread at a time: run() builds them, then only the worker's thread uses them.
+    std::vector<WorkItem> _work;               // by sequence position
+    std::map<std::string, ResourceID> _baseNames;  // grouping key -> image imported with it
+    bool _touchStarted = false;
+    bool _copyStarted = false;
+    std::set<std::string> _cleanedFolders;     // destination folders rid of stale temporaries
+    std::unique_ptr<LibraryOrganizer> _organizer;  // made when there is no destination bag
 };
 
 }  // namespace qor::mediadb

@@ -53,6 +53,7 @@
 #include "mediadb/library/ImageManager.h"
 #include "mediadb/library/LibraryLock.h"
 #include "mediadb/library/ResourceProperty.h"
+#include "util/Digest.h"
 #include "util/Function.h"
 #include "util/SharedPtr.h"
 #include "util/Signal.h"
@@ -227,12 +228,22 @@ public:
                      ResourceID targetBag);
     // Copies a file into a container bag (relativeFolder and name inside it; empty name: the
     // source's). Gives the new image id, invalid when the bag is broken. Throws LibraryException.
+    // The data go to a hidden temporary in the destination folder (CopyTemporaryPrefix), which
+    // takes the final name only when complete, so a failed or killed copy never leaves a partial
+    // picture; permission bits and times follow the source. The item checksum of the source,
+    // computed in the same pass, goes to *checksum when given.
     ResourceID copyImage(const std::string& sourcePath, ResourceID containerBag,
                          const std::string& relativeFolder, const std::string& name,
-                         bool makeUnique);
+                         bool makeUnique, Digest* checksum = nullptr);
     ResourceID copyImage(ResourceID sourceId, ResourceID containerBag,
                          const std::string& relativeFolder, const std::string& name,
-                         bool makeUnique);
+                         bool makeUnique, Digest* checksum = nullptr);
+    // The name prefix of copyImage's temporaries. Each is locked (flock) by its copy while it
+    // lives, so one whose lock can be taken belongs to a copy that was killed.
+    static constexpr const char* CopyTemporaryPrefix = ".qor-import-";
+    // Removes the temporaries of killed copies in `folder` (not below it); a live copy's is never
+    // touched. Gives how many went; failures are logged and skipped.
+    static size_t removeStaleCopies(const std::string& folder);
     void copyImages();  // not supported: asserts
     // Moves an image file into a container bag (or within its own). Throws LibraryException.
     void moveImage(ResourceID id, ResourceID containerBag, const std::string& relativeFolder,

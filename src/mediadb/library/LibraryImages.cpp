@@ -1,5 +1,12 @@
 // Library: adding, adopting, copying, moving, removing and erasing images.
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <utility>
@@ -8,6 +15,7 @@
 #include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
+#include "imageio/ImageIO.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
 #include "mediadb/library/Library.h"
 #include "mediadb/library/LibraryExceptions.h"
@@ -102,6 +110,46 @@ std::string destinationPath(const ImageManager& images, const std::string& bagPa
     return dst;
 }
 
+// Copies `source` to the new file `dst` through a hidden temporary beside it and gives the
+// source's item checksum. The temporary holds an exclusive flock while the copy runs (see
+// Library::removeStaleCopies) and becomes `dst` by link(2), which refuses a file that appeared at
+// `dst` meanwhile. Throws LibraryException; nothing is left at `dst` or in the temporary then.
+Digest copyImageFile(const std::string& source, const std::string& dst) {
+    auto failure = [&](const std::string& reason) {
+        return LibraryException("Cannot copy '" + source + "' to '" + dst + "': " + reason);
+    };
+    struct stat st {};
+    if (::stat(source.c_str(), &st) != 0) throw failure(std::strerror(errno));
+    if (!S_ISREG(st.st_mode)) throw failure("not a file");
+    std::string tmp =
+        filesystem::pathJoin(filesystem::parentPath(dst), Library::CopyTemporaryPrefix) + "XXXXXX";
+    const int fd = ::mkostemp(tmp.data(), O_CLOEXEC);
+    if (fd < 0) throw failure(std::strerror(errno));
+    // Taken at once on our own new file: it cannot be held by anyone else.
+    ::flock(fd, LOCK_EX | LOCK_NB);
+    auto abandon = [&](const std::string& reason) {
+        ::unlink(tmp.c_str());
+        ::close(fd);
+        return failure(reason);
+    };
+    // Writes through its own descriptor into the same file, which stays locked through ours.
+    const Digest digest = imageio::imageChecksumCopy(FastString<char>(source), FastString<char>(tmp));
+    if (digest.isNull()) throw abandon("the data could not be copied");
+    const struct timespec times[2] = {st.st_atim, st.st_mtim};
+    if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0)
+        throw abandon(std::strerror(errno));
+    if (::link(tmp.c_str(), dst.c_str()) != 0) {
+        const int error = errno;
+        // A file system without hard links: a check and a rename, under the bag's path lock.
+        if (error == EEXIST || filesystem::exists(dst) ||
+            ::rename(tmp.c_str(), dst.c_str()) != 0)
+            throw abandon(error == EEXIST ? "the destination exists" : std::strerror(error));
+    }
+    ::unlink(tmp.c_str());
+    ::close(fd);
+    return digest;
+}
+
 void checkFree(const ImageManager& images, const std::string& dst, bool makeUnique) {
     if (filesystem::exists(dst) || images.findLocalPath(dst).isValid()) {
         QOR_ASSERT(makeUnique);
@@ -114,7 +162,7 @@ void checkFree(const ImageManager& images, const std::string& dst, bool makeUniq
 
 ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containerBag,
                               const std::string& relativeFolder, const std::string& name,
-                              bool makeUnique) {
+                              bool makeUnique, Digest* checksum) {
     SharedPtr<const Bag> dst = bag(containerBag);
     QOR_ASSERT_TEXT(dst != nullptr, "dstM");
     if (!dst || bagState(containerBag) != Regular) return InvalidResourceID;
@@ -133,7 +181,8 @@ ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containe
         }
         checkFree(*_imageManager, dstPath, makeUnique);
         filesystem::createDirectoryFromUrl(filesystem::parentPath(dstPath));
-        filesystem::copyUrl(source, dstPath);
+        const Digest digest = copyImageFile(source, dstPath);
+        if (checksum) *checksum = digest;
         id = _imageManager->add(_imageManager->nameFromLocalPath(dstPath),
                                 ResourceManager::AddOrFind);
         copy->insertImage(id);
@@ -158,9 +207,34 @@ ResourceID Library::copyImage(const std::string& sourcePath, ResourceID containe
 
 ResourceID Library::copyImage(ResourceID sourceId, ResourceID containerBag,
                               const std::string& relativeFolder, const std::string& name,
-                              bool makeUnique) {
+                              bool makeUnique, Digest* checksum) {
     return copyImage(getImageResourceName(sourceId).localPath(), containerBag, relativeFolder, name,
-                     makeUnique);
+                     makeUnique, checksum);
+}
+
+size_t Library::removeStaleCopies(const std::string& folder) {
+    size_t removed = 0;
+    try {
+        const std::string prefix = CopyTemporaryPrefix;
+        for (filesystem::UrlIterator it(folder); it.valid(); it.next()) {
+            if (it.isDirectory() || it.name().compare(0, prefix.size(), prefix) != 0) continue;
+            const std::string path = it.path();
+            const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+            if (fd < 0) continue;
+            // The lock of a live copy is held; that of a killed one went with its process.
+            if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+                if (::unlink(path.c_str()) == 0)
+                    ++removed;
+                else
+                    QOR_LOG(LogWarning, "Cannot remove stale copy %*: %*", path,
+                            std::strerror(errno));
+            }
+            ::close(fd);
+        }
+    } catch (const std::exception& e) {
+        QOR_LOG(LogWarning, "Cannot look for stale copies in %*: %*", folder, e.what());
+    }
+    return removed;
 }
 
 void Library::copyImages() { QOR_ASSERT_MSG(0, "copyImages is not supported"); }
