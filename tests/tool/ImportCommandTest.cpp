@@ -2,10 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -175,6 +179,70 @@ TEST_F(QorImport, JsonListsTheUnsupportedFileAndTheDuplicateSkippedWithoutATermi
     ASSERT_EQ(all.status, 0);
     EXPECT_EQ(Json::parse(all.out)["imported"].size(), 1u);
     EXPECT_EQ(libraryFiles().size(), 3u);
+}
+
+// On a terminal each duplicate is asked about: an answer it does not know asks again, "y" imports
+// the duplicate, "none" skips it and every later one without asking.
+TEST_F(QorImport, OnATerminalEachDuplicateIsAskedAbout) {
+    init();
+    for (int shot : {1, 2, 3}) write("card/IMG_000" + std::to_string(shot) + ".JPG",
+                                     cameraShot("2026:07:01", shot));
+    ASSERT_EQ(qor({"import", card}).status, 0);
+    std::filesystem::create_directory(folder.path() + "/card2");
+    for (int shot : {1, 2, 3}) write("card2/copy" + std::to_string(shot) + ".jpg",
+                                     cameraShot("2026:07:01", shot));
+    write("card2/IMG_0004.JPG", cameraShot("2026:07:01", 4));
+
+    const std::string out = folder.path() + "/out.txt";
+    std::string args[] = {QOR_TOOL, "import", folder.path() + "/card2", "--json", "--library",
+                          library};
+    char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(),
+                    args[4].data(), args[5].data(), nullptr};
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {  // standard input and error on the terminal, the JSON into a file
+        const int file = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(file, 1);
+        ::execv(QOR_TOOL, argv);
+        ::_exit(127);
+    }
+    const std::vector<std::string> answers = {"maybe\n", "y\n", "none\n"};
+    std::string screen;
+    size_t asked = 0;
+    for (int waited = 0; waited < 600;) {
+        pollfd in{terminal, POLLIN, 0};
+        if (::poll(&in, 1, 100) <= 0) {
+            ++waited;
+            continue;
+        }
+        char buffer[1024];
+        const ssize_t got = ::read(terminal, buffer, sizeof buffer);
+        if (got <= 0) break;  // the program has ended
+        screen.append(buffer, size_t(got));
+        const size_t questions = [&] {
+            size_t n = 0;
+            for (size_t at = 0; (at = screen.find("Import it?", at)) != std::string::npos; ++at)
+                ++n;
+            return n;
+        }();
+        while (asked < questions && asked < answers.size()) {
+            ASSERT_EQ(::write(terminal, answers[asked].data(), answers[asked].size()),
+                      ssize_t(answers[asked].size()));
+            ++asked;
+        }
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ::close(terminal);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << screen;
+    EXPECT_EQ(asked, 3u) << screen;  // the unknown answer, the "y", the "none"; the third not asked
+    const Bytes outBytes = readFile(out);
+    const Json summary = Json::parse(outBytes.begin(), outBytes.end());
+    EXPECT_EQ(summary["imported"].size(), 2u) << summary.dump();  // IMG_0004 and one duplicate
+    EXPECT_EQ(summary["not_imported"].size(), 2u) << summary.dump();
+    EXPECT_EQ(libraryFiles().size(), 5u);
 }
 
 TEST_F(QorImport, IntoAnEventAndAdoptingWhatLiesInTheLibrary) {

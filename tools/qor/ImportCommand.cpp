@@ -218,11 +218,13 @@ struct ImportSession {
     }
 };
 
-// The jobs whose OnJobDone came (on the dispatcher's, the worker's or the cancelling thread).
+// The jobs whose OnJobDone came (on the dispatcher's, the worker's or the cancelling thread), and
+// the pictures each has read: OnJobUpdated comes once per picture of the reading pass.
 struct DoneWatch {
     std::mutex mutex;
     std::condition_variable changed;
-    std::set<const LibraryJob*> done;  // guarded by mutex
+    std::set<const LibraryJob*> done;             // guarded by mutex
+    std::map<const LibraryJob*, unsigned> read;   // guarded by mutex
 };
 
 // The container bag (event) named by --into; null after one line on standard error.
@@ -291,18 +293,21 @@ bool adoptionBags(const ImportOptions& o, Session& s, const std::vector<std::str
 }
 
 // Draws the bar of the first job not done: its state, and for a state that counts files the
-// count. Holds the terminal's mutex.
-void drawProgress(Terminal& terminal, const ImportJob& job) {
+// count (pictures read for "ReadingMetadata", copied or skipped for "Copying"). Draws nothing
+// while a duplicate question holds the terminal.
+void drawProgress(Terminal& terminal, const ImportJob& job, unsigned touched) {
     const std::string state = job.state();
     if (state.empty() || state == "Waiting") return;
-    std::lock_guard<std::mutex> lock(terminal.mutex);
+    std::unique_lock<std::mutex> lock(terminal.mutex, std::try_to_lock);
+    if (!lock.owns_lock()) return;
     if (terminal.barOpen && terminal.barState != state) terminal.endBar();
     const unsigned total = job.total();
-    if (total == 0) {
+    if (total == 0 || (state != "ReadingMetadata" && state != "Copying")) {
         std::fprintf(stderr, "\r%s ...", state.c_str());
         std::fflush(stderr);
     } else {
-        drawProgressBar(std::min(job.currentNumber(), total), total, state.c_str(), false);
+        const unsigned done = state == "Copying" ? job.currentNumber() : touched;
+        drawProgressBar(std::min(done, total), total, state.c_str(), false);
     }
     terminal.barOpen = true;
     terminal.barState = state;
@@ -367,6 +372,12 @@ bool runJobs(ImportSession& is, std::vector<SharedPtr<ImportJob>>& jobs, Termina
         watch.done.insert(job.get());
         watch.changed.notify_all();
     }));
+    // On the worker's thread, right after the state it reads was set there.
+    const ScopedConnection updates(is.jobs->OnJobUpdated.connect([&](SharedPtr<LibraryJob> job) {
+        if (job->state() != "ReadingMetadata") return;
+        std::lock_guard<std::mutex> lock(watch.mutex);
+        ++watch.read[job.get()];
+    }));
     std::vector<SharedPtr<ImportJob>> scheduled;
     for (const SharedPtr<ImportJob>& job : jobs) {
         // An equal job scheduled already is given back in its place (and waited for once).
@@ -380,12 +391,14 @@ bool runJobs(ImportSession& is, std::vector<SharedPtr<ImportJob>>& jobs, Termina
     bool cancelled = false;
     for (;;) {
         const ImportJob* current = nullptr;
+        unsigned read = 0;
         {
             std::unique_lock<std::mutex> lock(watch.mutex);
             watch.changed.wait_for(lock, std::chrono::milliseconds(100));
             for (const SharedPtr<ImportJob>& job : jobs)
                 if (!watch.done.count(job.get())) {
                     current = job.get();
+                    read = watch.read[current];
                     break;
                 }
         }
@@ -394,7 +407,7 @@ bool runJobs(ImportSession& is, std::vector<SharedPtr<ImportJob>>& jobs, Termina
             cancelled = true;
             for (const SharedPtr<ImportJob>& job : jobs) job->cancel(false);
         }
-        if (bar) drawProgress(terminal, *current);
+        if (bar) drawProgress(terminal, *current, read);
     }
     std::lock_guard<std::mutex> lock(terminal.mutex);
     terminal.endBar();
