@@ -12,9 +12,17 @@
 //
 // Thread contract: every member may be called from any thread; waitIdle and shutdown not on the
 // dispatcher's thread (logged assertion, no wait). One mutex guards the queue and the running job;
-// jobs and the callback are called with it released.
+// run(), cancel() and the callback are called with it released. isSameJob is the exception: addJob
+// asks it with the mutex held, so that two equal jobs added at once are not both queued; it must
+// not call the dispatcher (lock order: the dispatcher's mutex, then a job's own mutex).
+//
+// A job whose cancel flag is set when its turn comes is not run: it ends as CjCancelled, like a job
+// dropped from the queue.
 
+#include <atomic>
 #include <cstddef>
+#include <deque>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -54,6 +62,31 @@ public:
     // Jobs queued or running.
     size_t jobCount() const;
     bool isDispatcherThread() const;
+
+private:
+    void loop();
+    // Runs one job's run() on the dispatcher's thread; catches and logs what it throws.
+    void runJob(CompositeJob& job);
+    // Calls the finished callback for a job that has ended, with no lock held.
+    void finish(const SharedPtr<CompositeJob>& job);
+    // Takes the queued jobs out of the queue as cancelled, counting them as finishing.
+    void dropQueued(std::vector<SharedPtr<CompositeJob>>& dropped) QOR_REQUIRES(_mutex);
+    // Runs the callbacks of jobs a caller dropped, on the caller's thread.
+    void finishDropped(const std::vector<SharedPtr<CompositeJob>>& dropped);
+    bool idle() const QOR_REQUIRES(_mutex);
+
+    const std::string _name;
+    mutable Mutex _mutex;              // guards everything below except _threadId and _thread
+    ConditionVariable _wakeCondition;  // a job was queued, or stopping
+    ConditionVariable _idleCondition;  // a job left the dispatcher
+    FinishedCallback _callback QOR_GUARDED_BY(_mutex);
+    std::deque<SharedPtr<CompositeJob>> _queue QOR_GUARDED_BY(_mutex);
+    SharedPtr<CompositeJob> _running QOR_GUARDED_BY(_mutex);  // whose run() runs now
+    size_t _finishing QOR_GUARDED_BY(_mutex) = 0;  // jobs whose finished callback runs now
+    bool _stopping QOR_GUARDED_BY(_mutex) = false;
+    bool _joined QOR_GUARDED_BY(_mutex) = false;
+    std::atomic<std::thread::id> _threadId{};
+    std::thread _thread;  // started in the constructor, joined by shutdown
 };
 
 }  // namespace qor::thread

@@ -56,7 +56,7 @@ private:
     friend class LibraryJobManager;
 
     std::atomic<LibraryJobManager*> _manager{nullptr};  // set by addJob
-    WeakSharedPtr<LibraryJob> _thisRef;                  // set by addJob
+    WeakSharedPtr<LibraryJob> _thisRef;                 // set by addJob
     std::atomic<bool> _detached{false};
     std::atomic<bool> _cancelRequested{false};
 };

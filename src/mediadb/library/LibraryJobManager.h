@@ -10,11 +10,22 @@
 // the dispatcher's thread, the detached work's thread (notifyDone) or the cancelling thread (a
 // queued job dropped). Signals are emitted with no lock held.
 //
-// Locks: _mutex guards the set, the scheduled list and the shutting-down flag; _doneCondition is
-// signalled whenever a job leaves the set. _mutex is a leaf: never held while calling a job, the
-// dispatcher or a signal.
+// Order of the signals: OnJobAdded before OnJobDone for one job, even when the job ends before
+// addJob has emitted OnJobAdded (its OnJobDone is then emitted by addJob, after OnJobAdded). A job
+// counts as left the set only after its OnJobDone slots returned, so cancelJob(wait), cancelAll(
+// wait) and shutdown return after them; isInProcess and getScheduledJobs already leave out a job
+// whose OnJobDone is being emitted.
+//
+// Locks: _mutex guards the set (one ordered list, which is also the scheduled list) and the
+// shutting-down flag; _doneCondition is signalled whenever a job leaves the set. _mutex is a leaf:
+// never held while calling a job, the dispatcher or a signal, nor while dropping a reference to a
+// job (its destructor calls notifyJobDestructed).
+//
+// Waiting (cancelJob and cancelAll with wait, shutdown) is refused with a logged assertion on the
+// dispatcher's thread, where it would wait for itself; a detached job's own work must not wait for
+// its job either.
 
-#include <set>
+#include <thread>
 #include <vector>
 
 #include "base/thread/Mutex.h"
@@ -56,6 +67,38 @@ public:
     void notifyJobUpdated(const SharedPtr<LibraryJob>& job);
     void notifyJobDone(const SharedPtr<LibraryJob>& job);
     void notifyJobDestructed(LibraryJob* job);
+
+private:
+    friend class LibraryJob;
+
+    struct Entry {
+        LibraryJob* job = nullptr;      // identity; the job may be in its destructor
+        WeakSharedPtr<LibraryJob> ref;  // null once the job is in its destructor
+        bool announced = false;         // OnJobAdded emitted
+        bool done = false;              // done: OnJobDone emitted now or deferred
+        bool doneDeferred = false;      // done before OnJobAdded: addJob emits OnJobDone
+        std::thread::id adder;          // the thread that emits OnJobAdded
+    };
+
+    // The dispatcher's finished callback.
+    void onJobFinished(const SharedPtr<thread::CompositeJob>& job);
+    // The job is done: emits OnJobDone once and takes the job out of the set.
+    void jobDone(const SharedPtr<LibraryJob>& job);
+    // Emits OnJobDone for a job marked done and takes it out of the set.
+    void emitDoneAndRemove(const SharedPtr<LibraryJob>& job);
+    // Called by LibraryJob::cancel on its first call.
+    void cancelScheduled(const SharedPtr<LibraryJob>& job);
+    // Blocks until the job has left the set.
+    void waitUntilGone(const LibraryJob* job);
+    Entry* find(const LibraryJob* job) QOR_REQUIRES(_mutex);
+    // Erases the job's entry and clears the job's manager; true when it was there.
+    bool remove(const LibraryJob* job) QOR_REQUIRES(_mutex);
+
+    mutable thread::Mutex _mutex;
+    thread::ConditionVariable _doneCondition;         // a job left the set
+    std::vector<Entry> _jobs QOR_GUARDED_BY(_mutex);  // the set, in the order of addJob
+    bool _shuttingDown QOR_GUARDED_BY(_mutex) = false;
+    thread::SynchronousCompositeJobDispatcher _dispatcher{"qor-libjobs"};
 };
 
 }  // namespace qor::mediadb

@@ -1,0 +1,190 @@
+#include "mediadb/library/LibraryJobManager.h"
+
+#include <algorithm>
+
+#include "base/Log.h"
+
+namespace qor::mediadb {
+
+LibraryJobManager::LibraryJobManager() {
+    _dispatcher.setFinishedCallback(
+        [this](const SharedPtr<thread::CompositeJob>& job) { onJobFinished(job); });
+}
+
+LibraryJobManager::~LibraryJobManager() { shutdown(); }
+
+LibraryJobManager::Entry* LibraryJobManager::find(const LibraryJob* job) {
+    auto it =
+        std::find_if(_jobs.begin(), _jobs.end(), [job](const Entry& e) { return e.job == job; });
+    return it == _jobs.end() ? nullptr : &*it;
+}
+
+bool LibraryJobManager::remove(const LibraryJob* job) {
+    auto it =
+        std::find_if(_jobs.begin(), _jobs.end(), [job](const Entry& e) { return e.job == job; });
+    if (it == _jobs.end()) return false;
+    it->job->_manager.store(nullptr, std::memory_order_release);
+    _jobs.erase(it);
+    return true;
+}
+
+SharedPtr<LibraryJob> LibraryJobManager::addJob(const SharedPtr<LibraryJob>& job) {
+    if (!job) {
+        QOR_ASSERT_TEXT(false, "job != nullptr");
+        return nullptr;
+    }
+    {
+        ScopedLock lock(_mutex);
+        if (_shuttingDown) {
+            lock.unlock();
+            QOR_LOG(LogWarning,
+                    "LibraryJobManager: job not scheduled, the manager is shutting down");
+            return job;
+        }
+        if (find(job.get())) return job;  // added twice: it is scheduled already
+        LibraryJobManager* owner = job->manager();
+        if (owner) {
+            lock.unlock();
+            QOR_ASSERT_TEXT(owner == this, "a job is scheduled by one manager");
+            return job;
+        }
+        job->_manager.store(this, std::memory_order_release);
+        job->_thisRef = job;
+        _jobs.push_back(Entry{job.get(), job, false, false, false, std::this_thread::get_id()});
+    }
+    // An equal job may be queued or running already; the dispatcher answers with that one.
+    SharedPtr<thread::CompositeJob> given = _dispatcher.addJob(job);
+    if (given != job) {
+        {
+            ScopedLock lock(_mutex);
+            remove(job.get());
+            _doneCondition.notifyAll();
+        }
+        // Null: the dispatcher refused it (shut down, or the job ran before); it logged why.
+        return given ? static_ptr_cast<LibraryJob>(given) : job;
+    }
+    OnJobAdded.emit(job);
+    bool doneAlready = false;
+    {
+        ScopedLock lock(_mutex);
+        if (Entry* e = find(job.get())) {
+            e->announced = true;
+            doneAlready = e->doneDeferred;
+        }
+        _doneCondition.notifyAll();  // a waiter may have waited for the announcement
+    }
+    if (doneAlready) emitDoneAndRemove(job);
+    return job;
+}
+
+void LibraryJobManager::cancelJob(const WeakSharedPtr<LibraryJob>& job, bool wait) {
+    if (SharedPtr<LibraryJob> strong = job.lock()) strong->cancel(wait);
+}
+
+void LibraryJobManager::cancelAll(bool wait) {
+    std::vector<SharedPtr<LibraryJob>> jobs;
+    getScheduledJobs(jobs);
+    for (const auto& job : jobs) job->cancel(false);
+    if (!wait) return;
+    for (const auto& job : jobs) waitUntilGone(job.get());
+}
+
+void LibraryJobManager::getScheduledJobs(std::vector<SharedPtr<LibraryJob>>& jobs) const {
+    jobs.clear();  // dropping the caller's references: before our lock
+    ScopedLock lock(_mutex);
+    jobs.reserve(_jobs.size());
+    for (const Entry& e : _jobs) {
+        if (e.done) continue;
+        if (SharedPtr<LibraryJob> job = e.ref.lock()) jobs.push_back(std::move(job));
+    }
+}
+
+bool LibraryJobManager::isInProcess() const {
+    ScopedLock lock(_mutex);
+    return std::any_of(_jobs.begin(), _jobs.end(), [](const Entry& e) { return !e.done; });
+}
+
+void LibraryJobManager::shutdown() {
+    std::vector<const LibraryJob*> outstanding;
+    {
+        ScopedLock lock(_mutex);
+        _shuttingDown = true;
+        for (const Entry& e : _jobs) outstanding.push_back(e.job);
+    }
+    cancelAll(false);
+    if (_dispatcher.isDispatcherThread()) {
+        QOR_ASSERT_TEXT(false, "shutdown is not called on the dispatcher's thread");
+        return;
+    }
+    // No job enters the set any more: waiting for these is waiting for all.
+    for (const LibraryJob* job : outstanding) waitUntilGone(job);
+    _dispatcher.shutdown();
+}
+
+void LibraryJobManager::notifyJobUpdated(const SharedPtr<LibraryJob>& job) {
+    if (job) OnJobUpdated.emit(job);
+}
+
+void LibraryJobManager::notifyJobDone(const SharedPtr<LibraryJob>& job) {
+    if (job) jobDone(job);
+}
+
+void LibraryJobManager::notifyJobDestructed(LibraryJob* job) {
+    ScopedLock lock(_mutex);
+    if (remove(job)) _doneCondition.notifyAll();
+}
+
+void LibraryJobManager::onJobFinished(const SharedPtr<thread::CompositeJob>& finished) {
+    SharedPtr<LibraryJob> job = static_ptr_cast<LibraryJob>(finished);
+    // A detached job whose run() returned goes on elsewhere and ends with notifyDone. One whose
+    // run() threw counts as done now; a later notifyDone then finds it gone.
+    if (job->detached() && job->status() == thread::CompositeJob::CjFinished) return;
+    jobDone(job);
+}
+
+void LibraryJobManager::jobDone(const SharedPtr<LibraryJob>& job) {
+    {
+        ScopedLock lock(_mutex);
+        Entry* e = find(job.get());
+        if (!e || e->done) return;  // not ours, or done once already
+        e->done = true;
+        if (!e->announced) {
+            e->doneDeferred = true;  // addJob emits OnJobDone after OnJobAdded
+            return;
+        }
+    }
+    emitDoneAndRemove(job);
+}
+
+void LibraryJobManager::emitDoneAndRemove(const SharedPtr<LibraryJob>& job) {
+    OnJobDone.emit(job);
+    ScopedLock lock(_mutex);
+    remove(job.get());
+    _doneCondition.notifyAll();
+}
+
+void LibraryJobManager::cancelScheduled(const SharedPtr<LibraryJob>& job) {
+    _dispatcher.cancelJob(job);
+}
+
+void LibraryJobManager::waitUntilGone(const LibraryJob* job) {
+    if (_dispatcher.isDispatcherThread()) {
+        QOR_ASSERT_TEXT(false, "cancelJob(wait) is not called on the dispatcher's thread");
+        return;
+    }
+    const std::thread::id me = std::this_thread::get_id();
+    ScopedLock lock(_mutex);
+    for (;;) {
+        Entry* e = find(job);
+        if (!e) return;
+        if (!e->announced && e->adder == me) {
+            // Asked from an OnJobAdded slot: the end is emitted by this thread after the slot.
+            lock.unlock();
+            QOR_ASSERT_TEXT(false, "no wait for a job from its OnJobAdded slot");
+            return;
+        }
+        _doneCondition.wait(lock);
+    }
+}
+
+}  // namespace qor::mediadb
