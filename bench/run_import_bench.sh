@@ -10,7 +10,7 @@
 #
 # The page cache cannot be dropped without root: every command runs once untimed first, so all
 # figures are warm-cache ones (the sources read from memory; the copies are written into the page
-# cache and flushed by the kernel later, as cp's are).
+# cache, `sync` before each command writes out what the last one left dirty).
 #
 # Usage: bench/run_import_bench.sh [COUNT [ROUNDS]]  (default 500 files, 2 rounds)
 # QOR_BENCH_BUILD names another build folder for the release preset (default build/release).
@@ -49,13 +49,17 @@ camera = os.path.join(work, "camera")
 files = sorted(glob.glob(os.path.join(camera, "*")))
 copy, library = os.path.join(work, "copy"), os.path.join(work, "library")
 
+# Before each command the copies of the last round go, and `sync` writes out what is dirty, so
+# that no command pays for the write-back of another's 4 GB.
 def fresh_copy():
     shutil.rmtree(copy, ignore_errors=True)
+    subprocess.run(["sync"], check=True)
 
 def fresh_library():
     shutil.rmtree(library, ignore_errors=True)
     subprocess.run([qor, "library", "init", "--library", library], check=True,
                    stdout=subprocess.DEVNULL)
+    subprocess.run(["sync"], check=True)
 
 commands = {
     "cp -r": ["cp", "-r", camera, copy],
@@ -63,7 +67,8 @@ commands = {
     "qor import": [qor, "import", camera, "--library", library, "--duplicates", "skip"],
 }
 run(commands, rounds, peer="cp -r + exiv2 -pa", checked=(qor, "cp"),
-    before={"cp -r": fresh_copy, "qor import": fresh_library},
+    before={"cp -r": fresh_copy, "exiv2 -pa": lambda: subprocess.run(["sync"], check=True),
+            "qor import": fresh_library},
     sums={"cp -r + exiv2 -pa": ["cp -r", "exiv2 -pa"]})
 
 # What the last import made: every file imported, raw files with their JPEG.

@@ -13,9 +13,11 @@ namespace qor::imageio {
 
 namespace {
 
-// A copy goes in blocks of 1024 bytes. The checksum alone reads the bytes it hashes in one go:
-// the digest is the same, and the file is asked once instead of twenty times.
-constexpr size_t CopyBlockSize = 1024;
+// A copy goes in blocks of 1 MiB: a picture of 8 MB in blocks of 1024 bytes cost 16 000 system
+// calls, which took most of an import's time. The checksum alone reads the bytes it hashes in one
+// go. The digest is the same either way: only the first ImageChecksumLength bytes of the stream
+// are hashed, whatever the blocks.
+constexpr size_t CopyBlockSize = size_t(1) << 20;
 
 // Reads `source` in blocks from offset 0 and hashes its first ImageChecksumLength bytes. Without
 // a destination it stops once those are in; with one it goes on to the end, writing every block
