@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,8 +20,6 @@
 
 #include "QorRun.h"
 #include "base/filesystem/Path.h"
-
-extern char** environ;
 
 namespace qor::imageio {
 namespace {
@@ -323,22 +320,11 @@ TEST_F(QorImport, CtrlCCancelsCleanlyAndTheLibraryStaysWhole) {
         write(std::string("card/") + name, shot);
     }
     const std::string out = folder.path() + "/out.txt", err = folder.path() + "/err.txt";
-    std::vector<std::string> args = {QOR_TOOL, "import", card, "--library", library, "--json"};
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
 
     bool interrupted = false;
     for (int attempt = 0; attempt < 3 && !interrupted; ++attempt) {
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        pid_t pid = 0;
-        ASSERT_EQ(posix_spawn(&pid, QOR_TOOL, &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
+        const pid_t pid = startQor({"import", card, "--library", library, "--json"}, out, err);
+        ASSERT_GT(pid, 0);
         // The first copy is under way once the day's event folder exists.
         for (int i = 0; i < 20000 && !filesystem::exists(library + "/2026"); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
