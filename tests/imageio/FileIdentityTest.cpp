@@ -57,7 +57,7 @@ TEST(ImageChecksum, MissingFileGivesTheNullDigestAndALogLine) {
 TEST(ImageChecksum, CopyWritesTheWholeFileAndIdentifiesItInOnePass) {
     TempFolder folder;
     // Several blocks of the copy, the last one short.
-    const Bytes content = patterned(3 * 1024 * 1024 + 70000, 5);
+    const Bytes content = patterned(3 * 128 * 1024 + 70000, 5);
     const std::string source = folder.write("source", content);
     const std::string destination = folder.path() + "/copy";
     const Digest digest = imageChecksumCopy(S(source), S(destination));
