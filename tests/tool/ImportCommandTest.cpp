@@ -115,8 +115,7 @@ TEST_F(QorImport, PicturesGoIntoTheEventsOfTheirDaysWithRawAndJpegAsOneFamily) {
     ASSERT_EQ(run.status, 0) << (run.errLines.empty() ? "" : run.errLines[0]);
     EXPECT_NE(run.out.find("imported: 3 files into 2026-07-01, 2026-07-02\n"), std::string::npos)
         << run.out;
-    EXPECT_NE(run.out.find("unsupported: 1 file\n  " + notes + "\n"), std::string::npos)
-        << run.out;
+    EXPECT_NE(run.out.find("unsupported: 1 file\n  " + notes + "\n"), std::string::npos) << run.out;
 
     const Json all = bags();
     ASSERT_TRUE(all.contains("2026-07-01") && all.contains("2026-07-02")) << all.dump();
@@ -170,8 +169,7 @@ TEST_F(QorImport, JsonListsTheUnsupportedFileAndTheDuplicateSkippedWithoutATermi
     EXPECT_EQ(strings(summary["unsupported"]), std::vector<std::string>{movie});
     EXPECT_EQ(strings(summary["not_imported"]), std::vector<std::string>{copy});
     ASSERT_EQ(run.errLines.size(), 1u);
-    EXPECT_NE(run.errLines[0].find("duplicates are skipped"), std::string::npos)
-        << run.errLines[0];
+    EXPECT_NE(run.errLines[0].find("duplicates are skipped"), std::string::npos) << run.errLines[0];
 
     // All: the duplicate comes in as a second picture.
     const QorRun all = qor({"import", copy, "--duplicates", "all", "--json"});
@@ -184,17 +182,17 @@ TEST_F(QorImport, JsonListsTheUnsupportedFileAndTheDuplicateSkippedWithoutATermi
 // the duplicate, "none" skips it and every later one without asking.
 TEST_F(QorImport, OnATerminalEachDuplicateIsAskedAbout) {
     init();
-    for (int shot : {1, 2, 3}) write("card/IMG_000" + std::to_string(shot) + ".JPG",
-                                     cameraShot("2026:07:01", shot));
+    for (int shot : {1, 2, 3})
+        write("card/IMG_000" + std::to_string(shot) + ".JPG", cameraShot("2026:07:01", shot));
     ASSERT_EQ(qor({"import", card}).status, 0);
     std::filesystem::create_directory(folder.path() + "/card2");
-    for (int shot : {1, 2, 3}) write("card2/copy" + std::to_string(shot) + ".jpg",
-                                     cameraShot("2026:07:01", shot));
+    for (int shot : {1, 2, 3})
+        write("card2/copy" + std::to_string(shot) + ".jpg", cameraShot("2026:07:01", shot));
     write("card2/IMG_0004.JPG", cameraShot("2026:07:01", 4));
 
     const std::string out = folder.path() + "/out.txt";
-    std::string args[] = {QOR_TOOL, "import", folder.path() + "/card2", "--json", "--library",
-                          library};
+    std::string args[] = {QOR_TOOL, "import",    folder.path() + "/card2",
+                          "--json", "--library", library};
     char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(),
                     args[4].data(), args[5].data(), nullptr};
     int terminal = -1;
@@ -271,8 +269,7 @@ TEST_F(QorImport, IntoAnEventAndAdoptingWhatLiesInTheLibrary) {
     EXPECT_EQ(libraryFiles().size(), 2u);  // adopted, not copied
 
     // Failures: one line each, exit status 1.
-    for (const auto& [args, text] :
-         std::vector<std::pair<std::vector<std::string>, std::string>>{
+    for (const auto& [args, text] : std::vector<std::pair<std::vector<std::string>, std::string>>{
              {{"import", card, "--into", "Nowhere"}, "no bag named 'Nowhere'"},
              {{"import", card, "--into", "Best"}, "holds no files"},
              {{"import", card + "/missing"}, "no such file or folder"},

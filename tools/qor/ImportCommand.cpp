@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -58,10 +59,10 @@ extern "C" void onImportInterrupt(int) { g_importInterrupted = 1; }
 constexpr size_t kFewFiles = 10;
 
 struct ImportOptions {
-    LibraryOptions library;            // the folder, --json; the sources in args
-    std::string into;                  // --into: a bag's name or place
-    bool adopt = false;                // --adopt
-    bool recursive = true;             // --no-recurse clears it
+    LibraryOptions library;  // the folder, --json; the sources in args
+    std::string into;        // --into: a bag's name or place
+    bool adopt = false;      // --adopt
+    bool recursive = true;   // --no-recurse clears it
     ImportJob::DuplicateHandling duplicates = ImportJob::AskForDuplicates;
 };
 
@@ -103,8 +104,8 @@ int parseImportOptions(const std::vector<std::string>& args, ImportOptions& o) {
 // Standard error, shared by the progress bar and the duplicate question.
 struct Terminal {
     std::mutex mutex;
-    bool barOpen = false;      // a bar line is drawn and not ended; guarded by mutex
-    std::string barState;      // the state the open bar shows; guarded by mutex
+    bool barOpen = false;  // a bar line is drawn and not ended; guarded by mutex
+    std::string barState;  // the state the open bar shows; guarded by mutex
 
     // Ends an open bar line; the caller holds mutex.
     void endBar() {
@@ -223,8 +224,8 @@ struct ImportSession {
 struct DoneWatch {
     std::mutex mutex;
     std::condition_variable changed;
-    std::set<const LibraryJob*> done;             // guarded by mutex
-    std::map<const LibraryJob*, unsigned> read;   // guarded by mutex
+    std::set<const LibraryJob*> done;            // guarded by mutex
+    std::map<const LibraryJob*, unsigned> read;  // guarded by mutex
 };
 
 // The container bag (event) named by --into; null after one line on standard error.
@@ -244,28 +245,29 @@ bool within(const std::string& path, const std::string& folder) {
 
 // --adopt: the event each source lies in (with --into, that one, which must hold them all;
 // without, the nearest event folder at or above the source, or a new event made of a source
-// folder that is none yet). Fills `byBag` with the sources of each; false after one line.
-bool adoptionBags(const ImportOptions& o, Session& s, const std::vector<std::string>& sources,
-                  const SharedPtr<const mediadb::ContainerBag>& into,
-                  std::map<ResourceID, std::vector<std::string>>& byBag) {
+// folder that is none yet). Fills `byBag` with the sources of each; returns 0, or 1 after one
+// line on standard error.
+int adoptionBags(const ImportOptions& o, Session& s, const std::vector<std::string>& sources,
+                 const SharedPtr<const mediadb::ContainerBag>& into,
+                 std::map<ResourceID, std::vector<std::string>>& byBag) {
     const mediadb::Library& library = *s.library;
     const std::string root = library.path().substr(0, library.path().size() - 1);
     for (const std::string& source : sources) {
         if (!within(source, root) || source == root)
             return failure(o.library, "'" + source +
                                           "' lies outside the library's bags (--adopt takes files "
-                                          "that lie in the library folder already)") == 0;
+                                          "that lie in the library folder already)");
         if (into) {
             const std::string folder = library.getBagResourceName(into->id()).localPath();
             if (!within(source, folder))
-                return failure(o.library, "'" + source + "' lies outside '" + into->name() +
-                                              "' (" + folder + ")") == 0;
+                return failure(o.library, "'" + source + "' lies outside '" + into->name() + "' (" +
+                                              folder + ")");
             byBag[into->id()].push_back(source);
             continue;
         }
         ResourceID found;
         for (std::string folder = filesystem::isDirectory(source) ? source
-                                                                   : filesystem::parentPath(source);
+                                                                  : filesystem::parentPath(source);
              within(folder, root) && folder != root; folder = filesystem::parentPath(folder)) {
             const ResourceID id = library.bagIdFromLocalPath(folder);
             const SharedPtr<const mediadb::Bag> bag = id.isValid() ? library.bag(id) : nullptr;
@@ -279,17 +281,16 @@ bool adoptionBags(const ImportOptions& o, Session& s, const std::vector<std::str
             if (!filesystem::isDirectory(source))
                 return failure(o.library, "'" + source +
                                               "' lies in no event of the library (adopt its "
-                                              "folder, or give --into)") == 0;
+                                              "folder, or give --into)");
             try {
                 found = s.library->createBag("event", filesystem::leaf(source), source);
             } catch (const std::exception& e) {
-                return failure(o.library, "cannot make an event of '" + source + "': " +
-                                              e.what()) == 0;
+                return failure(o.library, "cannot make an event of '" + source + "': " + e.what());
             }
         }
         byBag[found].push_back(source);
     }
-    return true;
+    return 0;
 }
 
 // Draws the bar of the first job not done: its state, and for a state that counts files the
@@ -338,8 +339,7 @@ Outcome collect(const Session& s, const std::vector<SharedPtr<ImportJob>>& jobs)
                 out.bags.insert(bag->name());
         }
         for (const std::string& file : job->getUnsupportedFiles()) out.unsupported.push_back(file);
-        for (const std::string& file : job->getNotImportedImages())
-            out.notImported.push_back(file);
+        for (const std::string& file : job->getNotImportedImages()) out.notImported.push_back(file);
     }
     return out;
 }
@@ -422,7 +422,8 @@ int runImport(const std::vector<std::string>& args) {
     const LibraryOptions& l = o.library;
     std::vector<std::string> sources;
     for (const std::string& source : l.args) {
-        if (!filesystem::exists(source)) return failure(l, "'" + source + "': no such file or folder");
+        if (!filesystem::exists(source))
+            return failure(l, "'" + source + "': no such file or folder");
         sources.push_back(absolute(source));
     }
     imageio::initSupportedItemsList();
@@ -447,7 +448,7 @@ int runImport(const std::vector<std::string>& args) {
     std::vector<SharedPtr<ImportJob>> jobs;
     if (o.adopt) {
         std::map<ResourceID, std::vector<std::string>> byBag;
-        if (!adoptionBags(o, s, sources, into, byBag)) return 1;
+        if (adoptionBags(o, s, sources, into, byBag)) return 1;
         for (const auto& [bagId, urls] : byBag) {
             auto bag = dynamic_ptr_cast<const mediadb::ContainerBag>(s.library->bag(bagId));
             jobs.push_back(

@@ -71,8 +71,8 @@ SharedPtr<const mediadb::Bag> Session::findBag(const LibraryOptions& o,
         std::string folders;
         for (const auto& bag : named)
             folders += (folders.empty() ? "" : ", ") + bag->getResourceName().persistentString();
-        failure(o, "several bags are named '" + name + "': name one by its place (" + folders +
-                       ")");
+        failure(o,
+                "several bags are named '" + name + "': name one by its place (" + folders + ")");
         return nullptr;
     }
     if (!placed) failure(o, "no bag named '" + name + "'");
