@@ -132,3 +132,30 @@ exiv2 -M"set Xmp.xmp.Rating 4" "$SAMPLES/tower.jpg"
 status=0
 "$QOR" bag create collection FAVOURITES --library "$LIB" || status=$?
 [ "$status" -eq 1 ] || { echo "qor bag create of a taken collection name: exit status $status, not 1" >&2; exit 1; }
+# An import of a camera card: JPEGs of three days, raw files beside two of them (one name, the raw
+# extension), a duplicate of a picture that the library holds already, and a file of no picture
+# type. The pictures go into one event per capture day, each raw file into the event's "originals"
+# as the original of its JPEG; the duplicate is skipped (no terminal to ask on) and listed.
+CARD="$SAMPLES/card/DCIM/100CANON"
+mkdir -p "$CARD"
+for i in 1 2 3 4 5 6; do
+    day=$(( (i + 1) / 2 ))
+    cp "$SAMPLES/harbour.jpg" "$CARD/IMG_000$i.JPG"
+    exiv2 -M"set Exif.Photo.DateTimeOriginal 2024:06:0$day 1$i:00:00" \
+        -M"set Exif.Photo.ImageUniqueID card-shot-$i" "$CARD/IMG_000$i.JPG"
+done
+for i in 2 5; do
+    cp "$CARD/IMG_000$i.JPG" "$CARD/IMG_000$i.CR2"
+    exiv2 -M"set Exif.Photo.ImageUniqueID card-raw-$i" "$CARD/IMG_000$i.CR2"
+done
+cp "$LIB/Towers/tower.jpg" "$CARD/IMG_0007.JPG"  # in the library already
+echo "shot list" >"$SAMPLES/card/DCIM/notes.txt"
+"$QOR" import "$SAMPLES/card" --library "$LIB"
+"$QOR" ls --library "$LIB"
+"$QOR" ls 2024-06-01 --library "$LIB"
+# The same card again, duplicates skipped: nothing more comes in.
+"$QOR" import "$SAMPLES/card" --duplicates skip --json --library "$LIB"
+status=0
+mkdir -p "$SAMPLES/empty-card"
+"$QOR" import "$SAMPLES/empty-card" --library "$LIB" || status=$?
+[ "$status" -eq 1 ] || { echo "qor import of an empty folder: exit status $status, not 1" >&2; exit 1; }

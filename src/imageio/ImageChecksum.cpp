@@ -13,9 +13,13 @@ namespace qor::imageio {
 
 namespace {
 
-// A copy goes in blocks of 1024 bytes. The checksum alone reads the bytes it hashes in one go:
-// the digest is the same, and the file is asked once instead of twenty times.
-constexpr size_t CopyBlockSize = 1024;
+// A copy goes in blocks of 128 KiB. In blocks of 1024 bytes a camera picture of 8 MB cost 16 000
+// system calls, which took most of an import's time; blocks of 1 MiB, larger than the core's
+// cache, made the kernel's copies into the page cache three times as dear as 128 KiB did (500
+// pictures of 5-10 MB: 5.5 to 8.5 s of system time against 1.8 to 2.1 s; `cp` 1.4 to 1.7 s). The
+// checksum alone reads the bytes it hashes in one go. The digest is the same either way: only the
+// first ImageChecksumLength bytes of the stream are hashed, whatever the blocks.
+constexpr size_t CopyBlockSize = size_t(128) << 10;
 
 // Reads `source` in blocks from offset 0 and hashes its first ImageChecksumLength bytes. Without
 // a destination it stops once those are in; with one it goes on to the end, writing every block

@@ -56,7 +56,8 @@ TEST(ImageChecksum, MissingFileGivesTheNullDigestAndALogLine) {
 
 TEST(ImageChecksum, CopyWritesTheWholeFileAndIdentifiesItInOnePass) {
     TempFolder folder;
-    const Bytes content = patterned(70000, 5);  // not a multiple of the block size
+    // Several blocks of the copy, the last one short.
+    const Bytes content = patterned(3 * 128 * 1024 + 70000, 5);
     const std::string source = folder.write("source", content);
     const std::string destination = folder.path() + "/copy";
     const Digest digest = imageChecksumCopy(S(source), S(destination));

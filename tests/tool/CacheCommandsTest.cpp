@@ -1,9 +1,7 @@
 // qor cache build, get and check, run as the program itself on pictures made here.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -14,8 +12,6 @@
 
 #include "QorRun.h"
 #include "base/filesystem/Path.h"
-
-extern char** environ;
 
 namespace qor::imageio {
 namespace {
@@ -146,25 +142,14 @@ TEST_F(QorCache, CtrlCStopsTheBuildAndKeepsWhatWasRead) {
     const Bytes bytes = photo(2.8);
     for (int i = 0; i < 3000; ++i) folder.write("many/p" + std::to_string(i) + ".jpg", bytes);
     const std::string out = folder.path() + "/out.txt", err = folder.path() + "/err.txt";
-    std::vector<std::string> args = {QOR_TOOL, "cache", "build", many, "--cache", cache};
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
     // Interrupted as soon as the cache is open, when the reading begins. An optimised build reads
     // the 3000 files in a twentieth of a second, so on a loaded machine the build may end before
     // the signal comes (exit 0, or 130 after all files): then it is run again.
     size_t done = 3000;
     for (int attempt = 0; attempt < 5 && done == 3000; ++attempt) {
         std::filesystem::remove_all(cache);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        pid_t pid = 0;
-        ASSERT_EQ(posix_spawn(&pid, QOR_TOOL, &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
+        const pid_t pid = startQor({"cache", "build", many, "--cache", cache}, out, err);
+        ASSERT_GT(pid, 0);
         for (int i = 0; i < 10000 && !filesystem::exists(cache + "/metadata"); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ::kill(pid, SIGINT);

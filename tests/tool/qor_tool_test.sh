@@ -24,7 +24,7 @@ lines() { wc -l <"$1"; }
 LOG_LINE='^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:.]+ \[[0-9]\] T[0-9]+ [^ ]+:[0-9]+: '
 log_lines() { grep -cE "$LOG_LINE" "$1"; }
 
-SUBCOMMANDS="help version jobs tiles pipeline info thumb checksum export gpuinfo"
+SUBCOMMANDS="help version jobs tiles pipeline info thumb checksum export gpuinfo import"
 
 run help
 [ "$status" -eq 0 ] || fail "qor help: exit status $status"

@@ -79,5 +79,6 @@ int runLibrary(const std::vector<std::string>& args);
 int runLs(const std::vector<std::string>& args);
 int runBag(const std::vector<std::string>& args);
 int runStars(const std::vector<std::string>& args);
+int runImport(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

@@ -94,6 +94,24 @@ const OptionInfo kStarsOptions[] = {
     {"--json", nullptr, "print one JSON array of the files"},
 };
 
+const OptionInfo kImportOptions[] = {
+    {"--library", "DIR", kLibraryText},
+    {"--into", "BAG",
+     "the event the pictures go into (default: the event of each picture's capture day, made "
+     "when missing)"},
+    {"--adopt", nullptr,
+     "the sources lie in the library folder already: take them in where they are, uncopied (a "
+     "folder that is no event yet becomes one)"},
+    {"--duplicates", "MODE",
+     "ask, skip or all: a picture whose checksum a library picture has is asked about on a "
+     "terminal (y, n, all, none), skipped, or imported all the same (default ask; without a "
+     "terminal ask skips, and says so)"},
+    {"--no-recurse", nullptr, "take only the files of a source folder, not its subfolders"},
+    {"--json", nullptr,
+     "print one JSON object with the lists \"imported\", \"unsupported\" and "
+     "\"not_imported\" (paths)"},
+};
+
 const CommandInfo kCommands[] = {
     {"help",
      "list the subcommands, or show the help of one",
@@ -222,6 +240,20 @@ const CommandInfo kCommands[] = {
      "original) whose rating is N, 0 to 5, from the metadata cache in the library's .cache "
      "folder.",
      kStarsOptions, "qor stars 4 --library ~/Photos", runStars},
+    {"import", "copy pictures of files and folders into the library",
+     "SRC... [--into BAG] [--adopt] [--duplicates ask|skip|all] [--no-recurse] [--json]",
+     "Imports the pictures of the files and folders (subfolders too, hidden ones left out): "
+     "scans them, reads each picture's metadata, checks it against the library's pictures by "
+     "item checksum, and copies it into the event of its capture day (an event named by the date, "
+     "made when missing) or into --into BAG. A raw file and a JPEG of one shot (one name, two "
+     "extensions) become one family, the raw file in the event's 'originals' folder as the "
+     "original. A progress bar per stage (Scanning, ReadingMetadata, Copying) shows on a "
+     "terminal. Prints how many files were imported and into which events, and the files of no "
+     "picture type (unsupported) and those not imported (duplicates skipped, unreadable, failed "
+     "copies), each file when they are few or with -v. Exit status 0 when the import ran, even "
+     "when some files were not imported; 1 when it could not (\"No images to import.\"); "
+     "Ctrl-C cancels, keeps what was imported and saves the library (exit status 130).",
+     kImportOptions, "qor import /media/card/DCIM --library ~/Photos", runImport},
     {"gpuinfo",
      "the GL renderer, its version, capability bits and uniqueId",
      "",

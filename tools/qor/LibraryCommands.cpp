@@ -12,27 +12,20 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
-#include <filesystem>
 #include <list>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
 #include "ItemText.h"
+#include "LibrarySession.h"
 #include "base/Log.h"
 #include "base/filesystem/Path.h"
-#include "imagecache/metadata/FileMetadataCache.h"
-#include "imagecache/metadata/MetadataCacheRDB.h"
 #include "mediadb/bags/AssociativeBag.h"
 #include "mediadb/bags/ContainerBag.h"
-#include "mediadb/bags/StandardBagTypes.h"
 #include "mediadb/bags/StarCollectionBag.h"
-#include "mediadb/library/ImageManager.h"
 #include "mediadb/library/Library.h"
-#include "mediadb/library/LibraryCacheConnector.h"
 #include "mediadb/library/LibraryExceptions.h"
 
 namespace qor::tool {
@@ -41,21 +34,6 @@ namespace {
 
 using mediadb::Bag;
 using mediadb::Library;
-
-constexpr const char* kIndexName = "library.xml";
-constexpr const char* kCacheFolder = ".cache";
-
-// `path` made absolute against the working folder and normalised.
-std::string absolute(const std::string& path) {
-    return filesystem::normalizePathUnix(std::filesystem::absolute(path).string());
-}
-
-struct LibraryOptions {
-    std::string command;  // "ls", "bag create" ... for messages
-    std::string dir;
-    std::vector<std::string> args;  // positional
-    bool json = false;
-};
 
 // Fills `o` from the arguments; returns the exit status of a usage error, or 0.
 int parseLibraryOptions(const std::string& command, const std::vector<std::string>& args,
@@ -72,93 +50,7 @@ int parseLibraryOptions(const std::string& command, const std::vector<std::strin
             o.args.push_back(arg);
         }
     }
-    if (o.dir.empty()) {
-        const char* env = std::getenv("QOR_LIBRARY");
-        if (env && *env) o.dir = env;
-    }
-    if (o.dir.empty()) return usageError(command + ": give --library DIR or set QOR_LIBRARY");
-    return 0;
-}
-
-int failure(const LibraryOptions& o, const std::string& message) {
-    std::fprintf(stderr, "qor: %s: %s\n", o.command.c_str(), message.c_str());
-    return 1;
-}
-
-// The library with its image manager and the metadata cache its star ratings come from. The
-// members go in reverse order: the library shuts down (and saves) before the caches close.
-struct Session {
-    mediadb::ImageManager images;
-    imagecache::FileMetadataCache files{&images};
-    std::unique_ptr<imagecache::MetadataCacheRDB> cache;
-    std::unique_ptr<mediadb::LibraryCacheConnector> connector;
-    std::unique_ptr<Library> library;
-
-    // Opens and loads the library in o.dir; false after one line on standard error. `create`
-    // makes the folder (init); otherwise it must hold a library.
-    bool open(const LibraryOptions& o, bool create) {
-        const std::string dir = absolute(o.dir);
-        const std::string index = dir + "/" + kIndexName;
-        if (!create && !filesystem::exists(index)) {
-            failure(o, "no library in '" + o.dir + "' (make one with 'qor library init')");
-            return false;
-        }
-        try {
-            cache = std::make_unique<imagecache::MetadataCacheRDB>(
-                &files, FastString<char>(dir + "/" + kCacheFolder), nullptr, 0);
-            connector = std::make_unique<mediadb::LibraryCacheConnector>(cache.get());
-            library = std::make_unique<Library>(&images, connector.get(), dir + "/");
-            mediadb::registerStandardBagTypes(*library);
-            library->load();
-            return true;
-        } catch (const std::exception& e) {
-            failure(o, "cannot open the library in '" + o.dir + "': " + e.what());
-        }
-        return false;
-    }
-
-    // The bag named `name`, or else the bag whose folder or file is `name` (relative to the
-    // library: events of one name get the folders Trip, Trip_1 ...). Null after one line on
-    // standard error when there is none, or when several bags have the name.
-    SharedPtr<const Bag> findBag(const LibraryOptions& o, const std::string& name) const {
-        std::vector<SharedPtr<const Bag>> named;
-        SharedPtr<const Bag> placed;
-        for (ResourceID id : library->bags()) {
-            SharedPtr<const Bag> bag = library->bag(id);
-            if (!bag || !bag->persistent()) continue;
-            if (bag->name() == name) named.push_back(bag);
-            if (bag->getResourceName().persistentString() == name) placed = bag;
-        }
-        if (named.size() == 1) return named[0];
-        if (named.size() > 1) {
-            std::string folders;
-            for (const auto& bag : named)
-                folders +=
-                    (folders.empty() ? "" : ", ") + bag->getResourceName().persistentString();
-            failure(o, "several bags are named '" + name + "': name one by its place (" + folders +
-                           ")");
-            return nullptr;
-        }
-        if (!placed) failure(o, "no bag named '" + name + "'");
-        return placed;
-    }
-
-    ~Session() {
-        if (library) library->shutdown();
-        library.reset();
-        connector.reset();
-        if (cache) cache->shutdown();
-    }
-};
-
-// The last warning or error logged while `log` recorded (assertions left out), or `fallback`: the
-// reason of a failure that the library only logs. A capture records every line, so it is made
-// around the one call whose failure it explains, not for a whole command.
-std::string lastProblem(const LogCapture& log, const std::string& fallback) {
-    const auto entries = log.entries();
-    for (auto it = entries.rbegin(); it != entries.rend(); ++it)
-        if (!it->assertion && it->level >= LogWarning) return it->text;
-    return fallback;
+    return resolveLibraryDir(o);
 }
 
 // ---- ls ----
