@@ -23,10 +23,10 @@
 #include "mediadb/bags/ContainerBag.h"
 #include "mediadb/bags/EventBag.h"
 #include "mediadb/bags/StandardBagTypes.h"
-#include "mediadb/library/DuplicateManager.h"
-#include "mediadb/library/ImportJob.h"
+#include "mediadb/import/DuplicateManager.h"
+#include "mediadb/import/ImportJob.h"
 #include "mediadb/library/LibraryCacheConnector.h"
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/LibraryJobManager.h"
 
 namespace qor::mediadb::testing {
 

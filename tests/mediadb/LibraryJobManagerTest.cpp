@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "base/Log.h"
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/LibraryJobManager.h"
 
 namespace qor::mediadb {
 namespace {

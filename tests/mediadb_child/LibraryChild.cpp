@@ -48,10 +48,10 @@
 #include "mediadb/bags/CollectionBag.h"
 #include "mediadb/bags/EventBag.h"
 #include "mediadb/bags/StandardBagTypes.h"
-#include "mediadb/library/ImportJob.h"
+#include "mediadb/import/ImportJob.h"
 #include "mediadb/library/LibraryCacheConnector.h"
 #include "mediadb/library/LibraryExceptions.h"
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/LibraryJobManager.h"
 
 using namespace qor;
 using namespace qor::mediadb;

@@ -40,9 +40,9 @@
 #include "base/resource/ResourceSequenceWorker.h"
 #include "imageio/ImageIO.h"
 #include "mediadb/bags/ContainerBag.h"
-#include "mediadb/library/DuplicateManager.h"
-#include "mediadb/library/ImportJob.h"
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/DuplicateManager.h"
+#include "mediadb/import/ImportJob.h"
+#include "mediadb/import/LibraryJobManager.h"
 #include "util/Signal.h"
 
 namespace qor::tool {

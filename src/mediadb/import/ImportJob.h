@@ -30,7 +30,7 @@
 
 #include "base/ResourceID.h"
 #include "base/resource/ResourceSequence.h"
-#include "mediadb/library/LibraryJob.h"
+#include "mediadb/import/LibraryJob.h"
 #include "util/Function.h"
 #include "util/SharedPtr.h"
 

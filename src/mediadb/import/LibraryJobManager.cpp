@@ -1,4 +1,4 @@
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/LibraryJobManager.h"
 
 #include <algorithm>
 

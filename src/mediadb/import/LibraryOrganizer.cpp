@@ -1,4 +1,4 @@
-#include "mediadb/library/LibraryOrganizer.h"
+#include "mediadb/import/LibraryOrganizer.h"
 
 #include <cstdio>
 #include <ctime>

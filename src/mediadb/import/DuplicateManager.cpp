@@ -1,4 +1,4 @@
-#include "mediadb/library/DuplicateManager.h"
+#include "mediadb/import/DuplicateManager.h"
 
 #include <algorithm>
 #include <exception>

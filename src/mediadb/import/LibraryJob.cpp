@@ -1,9 +1,9 @@
-#include "mediadb/library/LibraryJob.h"
+#include "mediadb/import/LibraryJob.h"
 
 #include <exception>
 
 #include "base/Log.h"
-#include "mediadb/library/LibraryJobManager.h"
+#include "mediadb/import/LibraryJobManager.h"
 
 namespace qor::mediadb {
 

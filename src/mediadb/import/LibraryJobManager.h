@@ -31,7 +31,7 @@
 
 #include "base/thread/Mutex.h"
 #include "base/thread/SynchronousCompositeJobDispatcher.h"
-#include "mediadb/library/LibraryJob.h"
+#include "mediadb/import/LibraryJob.h"
 #include "util/SharedPtr.h"
 #include "util/Signal.h"
 

@@ -1,4 +1,4 @@
-#include "mediadb/library/ImportJob.h"
+#include "mediadb/import/ImportJob.h"
 
 #include <sys/stat.h>
 
@@ -16,11 +16,11 @@
 #include "base/resource/ResourceSequenceWorker.h"
 #include "imageio/ImageIO.h"
 #include "mediadb/bags/ContainerBag.h"
-#include "mediadb/library/DuplicateManager.h"
+#include "mediadb/import/DuplicateManager.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
 #include "mediadb/library/Library.h"
 #include "mediadb/library/LibraryExceptions.h"
-#include "mediadb/library/LibraryOrganizer.h"
+#include "mediadb/import/LibraryOrganizer.h"
 #include "text/TextUtils.h"
 
 namespace qor::mediadb {
