@@ -505,3 +505,22 @@ void Book::toXML(NodeIterator& node, const BookIdToString& idToString) const {
 }
 
 }  // namespace qor::mediadb
+
+namespace qor::mediadb {
+
+bool loadLayoutFile(std::string_view path, Book& book, const BookStringToId& stringToId) {
+    book = Book();
+    XmlDocumentRapid doc;
+    if (!doc.load(path)) return false;
+    NodeIterator root = doc.root();
+    if (root.name() != "layout") {
+        QOR_LOG(LogWarning, "The file '%*' is no book layout: its root is '%*', not 'layout'", path,
+                root.name());
+        return false;
+    }
+    book.fromXML(root, stringToId ? stringToId
+                                  : BookStringToId([](std::string_view) { return InvalidResourceID; }));
+    return true;
+}
+
+}  // namespace qor::mediadb

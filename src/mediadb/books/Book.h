@@ -248,6 +248,12 @@ SubPage subPageFromXML(const NodeIterator& node, const BookStringToId& stringToI
 // BookException when a side is missing.
 Page pageFromXML(const NodeIterator& node, const BookStringToId& stringToId);
 
+// Reads a ".layout" template file (root element `layout`) into `book`, which it replaces. A
+// template's frames normally show no pictures; an `imageurl` goes through `stringToId` when one is
+// given and gives InvalidResourceID otherwise. Never throws: false, with one log line, when the
+// file cannot be read or is no layout; the book is then empty. Blocks on the file.
+bool loadLayoutFile(std::string_view path, Book& book, const BookStringToId& stringToId = {});
+
 // Vector text "x,y". Text that is not two numbers logs "The value '%*' is not a valid vector;
 // please check the XML files." and gives zero. The int form rounds.
 BookVec2d bookVectorFromString(std::string_view text);
