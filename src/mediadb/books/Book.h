@@ -125,6 +125,9 @@ enum PageType : int {
 
 // One side of a double page.
 struct SubPage {
+    SubPage() = default;
+    explicit SubPage(PageType pageType) : type(pageType) {}
+
     std::vector<PictureFrame> pictures;
     std::vector<TextFrame> texts;
     std::vector<Decoration> decorations;
@@ -136,10 +139,11 @@ struct SubPage {
     double offset = 0.0;
 };
 
-// A double page.
+// A double page. Its sides are typed from the start: a side without its type is not read back,
+// and a book's covers are often never set.
 struct Page {
-    SubPage left_page;
-    SubPage right_page;
+    SubPage left_page{LeftPage};
+    SubPage right_page{RightPage};
 };
 
 // Where a frame lies in a book.
