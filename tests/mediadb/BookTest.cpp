@@ -315,18 +315,20 @@ TEST(BookBagLibrary, ImagesAndPagesSurviveARestart) {
     ResourceID event = f.createBag("event", "Holiday");
     ResourceID shown = f.addPicture(event, "shown.jpg");
     ResourceID spare = f.addPicture(event, "spare.jpg");
-    f.addPicture(event, "other.jpg");
+    ResourceID edited = f.addPicture(event, "edited.jpg");
     ResourceID bookId = f.createBag("picturebook", "Album");
     f.modify<BookBag>(bookId, [&](BookBag& book) {
         Page page;
-        page.left_page.type = LeftPage;
-        page.right_page.type = RightPage;
         page.right_page.pictures.emplace_back().image = shown;
         page.right_page.pictures.emplace_back();  // an empty frame
         book.appendPage(page);
         book.setTheme("classic");
         book.add({shown, spare});
     });
+    // A picture replaced in the library (by its edited version, say) is replaced in the frames.
+    f.lib().replaceImageInAssociativeBags(shown, edited);
+    EXPECT_TRUE(f.bag<BookBag>(bookId)->imageUsed(edited));
+
     const std::string file = f.savedBagFile(bookId);
     EXPECT_EQ(file.substr(file.size() - 12), ".picturebook");
     XmlDocumentRapid doc;
@@ -345,16 +347,18 @@ TEST(BookBagLibrary, ImagesAndPagesSurviveARestart) {
     bookId = f.lib().bags("picturebook").front();
     shown = f.imageId(event, "shown.jpg");
     spare = f.imageId(event, "spare.jpg");
+    edited = f.imageId(event, "edited.jpg");
     SharedPtr<const BookBag> book = f.bag<BookBag>(bookId);
     ASSERT_TRUE(book);
     EXPECT_EQ(book->name(), "Album");
     EXPECT_EQ(book->theme(), "classic");
-    EXPECT_EQ(book->images(), (HashSet{shown, spare}));
+    EXPECT_EQ(book->images(), (HashSet{edited, spare}));
     ASSERT_EQ(book->pages().size(), 1u);
-    EXPECT_EQ(book->page(0).right_page.pictures.at(0).image, shown);
+    EXPECT_EQ(book->page(0).right_page.pictures.at(0).image, edited);
     EXPECT_FALSE(book->page(0).right_page.pictures.at(1).image.isValid());
     EXPECT_EQ(f.lib().associativeBags(spare), (HashSet{bookId}));
-    EXPECT_EQ(f.lib().associativeBags(shown), (HashSet{bookId}));
+    EXPECT_EQ(f.lib().associativeBags(edited), (HashSet{bookId}));
+    EXPECT_TRUE(f.lib().associativeBags(shown).empty());
 }
 
 }  // namespace

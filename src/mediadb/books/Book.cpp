@@ -118,6 +118,16 @@ std::vector<ErrorListEntry> Book::getErrorList() const {
     return errors;
 }
 
+void Book::replaceImage(ResourceID oldId, ResourceID newId) {
+    auto replaceIn = [&](Page& page) {
+        for (SubPage* side : {&page.left_page, &page.right_page})
+            for (PictureFrame& frame : side->pictures)
+                if (frame.image.isValid() && frame.image == oldId) frame.image = newId;
+    };
+    for (Page* page : {&_cover, &_insideFront, &_insideBack, &_dustJacket}) replaceIn(*page);
+    for (Page& page : _pages) replaceIn(page);
+}
+
 // ---- Attribute texts ----
 
 namespace {

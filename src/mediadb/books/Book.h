@@ -217,6 +217,9 @@ public:
     // The frames with `error` set, in the order of getPictures, all three kinds.
     std::vector<ErrorListEntry> getErrorList() const;
 
+    // Every picture frame showing `oldId` shows `newId` instead.
+    void replaceImage(ResourceID oldId, ResourceID newId);
+
     // Takes over the whole book of `other`.
     void copy(const Book& other) { *this = other; }
 

@@ -26,6 +26,12 @@ ResourceID BookBag::getIDcb(std::string_view text) const {
     return id;
 }
 
+void BookBag::replace(ResourceID oldId, ResourceID newId) {
+    const bool possible = containsImage(oldId) && !containsImage(newId);
+    AssociativeBag::replace(oldId, newId);
+    if (possible) replaceImage(oldId, newId);
+}
+
 void BookBag::saveRemainingImages(NodeIterator& node) const {
     for (const Node* item : itemNodes()) {
         if (imageUsed(item->item())) continue;

@@ -28,6 +28,9 @@ public:
     std::string bagType() const override { return bagTypeStatic(); }
     Bag* mutableCopy() const override { return new BookBag(*this); }
 
+    // As AssociativeBag::replace; the frames showing `oldId` show `newId` afterwards.
+    void replace(ResourceID oldId, ResourceID newId) override;
+
     // Writes `images` (saveRemainingImages) and `layout` (Book::toXML with getPStrcb).
     void toXml(NodeIterator& node) const override;
     // Reads the book (Book::fromXML with getIDcb) and the remaining images; every picture of the
