@@ -93,8 +93,8 @@ std::vector<PictureFrame> Book::getPictures() const {
     forEachPage([&](BookPageKind kind, unsigned, const Page& page) {
         // An old check that can never hold (it reads the left side twice). A build with
         // assertions on logged it for every page; it stays a debug line only.
-        if (kind == BpkPage && !(page.left_page.type == LeftPage &&
-                                 page.left_page.type == RightPage))
+        if (kind == BpkPage &&
+            !(page.left_page.type == LeftPage && page.left_page.type == RightPage))
             QOR_LOG(LogDebug, "it->left_page.type == LeftPage && it->left_page.type == RightPage");
         for (const SubPage* side : {&page.left_page, &page.right_page})
             pictures.insert(pictures.end(), side->pictures.begin(), side->pictures.end());
@@ -207,17 +207,11 @@ int alignmentFromString(std::string_view value) {
 }
 
 std::string alignmentToString(int alignment) {
-    std::string text;
-    switch (alignment & AlignHorizontalMask) {
-        case AlignRight: text = "Right"; break;
-        case AlignHCenter: text = "Center"; break;
-        default: text = "Left"; break;
-    }
-    switch (alignment & AlignVerticalMask) {
-        case AlignBottom: return text + ",Bottom";
-        case AlignVCenter: return text + ",Center";
-        default: return text + ",Top";
-    }
+    // Indexed by the two bits of each direction; 0 (no word) writes as the default.
+    static constexpr const char* horizontal[] = {"Left", "Left", "Right", "Center"};
+    static constexpr const char* vertical[] = {"Top", "Top", "Bottom", "Center"};
+    return std::string(horizontal[alignment & AlignHorizontalMask]) + "," +
+           vertical[(alignment & AlignVerticalMask) >> 2];
 }
 
 // ---- Reading ----
@@ -514,10 +508,6 @@ void Book::toXML(NodeIterator& node, const BookIdToString& idToString) const {
     for (const Page& page : _pages) writePage("page", page);
 }
 
-}  // namespace qor::mediadb
-
-namespace qor::mediadb {
-
 bool loadLayoutFile(std::string_view path, Book& book, const BookStringToId& stringToId) {
     book = Book();
     XmlDocumentRapid doc;
@@ -528,8 +518,8 @@ bool loadLayoutFile(std::string_view path, Book& book, const BookStringToId& str
                 root.name());
         return false;
     }
-    book.fromXML(root, stringToId ? stringToId
-                                  : BookStringToId([](std::string_view) { return InvalidResourceID; }));
+    const BookStringToId noPictures = [](std::string_view) { return InvalidResourceID; };
+    book.fromXML(root, stringToId ? stringToId : noPictures);
     return true;
 }
 
