@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "BagTestSupport.h"
@@ -210,20 +211,21 @@ TEST(BookXml, BadValuesAreLoggedAndReadingGoesOn) {
 }
 
 TEST(BookXml, PagesWithoutASideAreLeftOut) {
-    XmlDocumentRapid doc;
-    ASSERT_TRUE(doc.loadFromString("<page><subpage type='1' bgcolor='#fff'/></page>"));
-    try {
-        pageFromXML(doc.root(), textId);
-        ADD_FAILURE() << "a page without a left side was read";
-    } catch (const BookException& e) {
-        EXPECT_STREQ(e.what(), "no left page found. please check layout files.");
-    }
-    ASSERT_TRUE(doc.loadFromString("<page><subpage type='0' bgcolor='#fff'/></page>"));
-    try {
-        pageFromXML(doc.root(), textId);
-        ADD_FAILURE() << "a page without a right side was read";
-    } catch (const BookException& e) {
-        EXPECT_STREQ(e.what(), "no right page found. please check .layout files");
+    const std::pair<const char*, const char*> cases[] = {
+        {"<page><subpage type='1' bgcolor='#fff'/></page>",
+         "no left page found. please check layout files."},
+        {"<page><subpage type='0' bgcolor='#fff'/></page>",
+         "no right page found. please check .layout files"},
+    };
+    for (const auto& [xml, message] : cases) {
+        XmlDocumentRapid doc;
+        ASSERT_TRUE(doc.loadFromString(xml));
+        try {
+            pageFromXML(doc.root(), textId);
+            ADD_FAILURE() << "a page without a side was read: " << xml;
+        } catch (const BookException& e) {
+            EXPECT_STREQ(e.what(), message);
+        }
     }
 
     // In a book, such a page is logged and left out; the sides without type or background are
