@@ -5,6 +5,7 @@
 #include "mediadb/bags/EventBag.h"
 #include "mediadb/bags/ImportBag.h"
 #include "mediadb/bags/StarCollectionBag.h"
+#include "mediadb/books/BookBag.h"
 #include "mediadb/library/Library.h"
 
 namespace qor::mediadb {
@@ -25,6 +26,7 @@ void registerStandardBagTypes(Library& library) {
     registerType<CollectionBag>(library, true);
     registerType<AllImagesBag>(library, true);
     registerType<StarCollectionBag>(library, true);
+    registerType<BookBag>(library, true);
 }
 
 }  // namespace qor::mediadb

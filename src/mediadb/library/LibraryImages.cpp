@@ -18,6 +18,7 @@
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
 #include "imageio/ImageIO.h"
+#include "mediadb/bags/AssociativeBag.h"
 #include "mediadb/library/ILibraryCacheConnector.h"
 #include "mediadb/library/Library.h"
 #include "mediadb/library/LibraryExceptions.h"
@@ -548,7 +549,12 @@ void Library::replaceImageInAssociativeBags(ResourceID oldId, ResourceID newId) 
             copy->removeImage(oldId);  // holds both: one place is enough
             continue;
         }
-        // In place, so that the order of the bag is kept.
+        // In place, so that the order of the bag is kept. An AssociativeBag replaces it itself,
+        // so that a subclass that shows the image elsewhere too (a book's frames) follows.
+        if (auto* associative = dynamic_cast<AssociativeBag*>(copy.get())) {
+            associative->replace(oldId, newId);
+            continue;
+        }
         copy->replaceItem(oldId, newId);
         removeAssociativeBagOfImage(oldId, bagId);
         addAssociativeBagOfImage(newId, bagId);
