@@ -345,6 +345,17 @@ TEST(BookBagLibrary, ImagesAndPagesSurviveARestart) {
     EXPECT_EQ(f.lib().associativeBags(spare), (HashSet{bookId}));
     EXPECT_EQ(f.lib().associativeBags(edited), (HashSet{bookId}));
     EXPECT_TRUE(f.lib().associativeBags(shown).empty());
+
+    // A picture taken out of the book leaves its frame empty and stays out after a restart.
+    f.lib().removeImagesFromAssociativeBags({edited});
+    EXPECT_FALSE(f.bag<BookBag>(bookId)->imageUsed(edited));
+    f.savedBagFile(bookId);
+    f.reopen();
+    book = f.bag<BookBag>(f.lib().bags("picturebook").front());
+    ASSERT_TRUE(book);
+    EXPECT_EQ(book->images().size(), 1u) << "only the spare picture";
+    ASSERT_EQ(book->pages().size(), 1u);
+    EXPECT_FALSE(book->page(0).right_page.pictures.at(0).image.isValid());
 }
 
 }  // namespace

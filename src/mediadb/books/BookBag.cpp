@@ -32,6 +32,11 @@ void BookBag::replace(ResourceID oldId, ResourceID newId) {
     if (possible) replaceImage(oldId, newId);
 }
 
+void BookBag::removeImage(ResourceID id) {
+    AssociativeBag::removeImage(id);
+    if (id.isValid()) replaceImage(id, InvalidResourceID);
+}
+
 void BookBag::saveRemainingImages(NodeIterator& node) const {
     for (const Node* item : itemNodes()) {
         if (imageUsed(item->item())) continue;

@@ -30,6 +30,9 @@ public:
 
     // As AssociativeBag::replace; the frames showing `oldId` show `newId` afterwards.
     void replace(ResourceID oldId, ResourceID newId) override;
+    // As AssociativeBag::removeImage; the frames that showed the image are left empty, so that it
+    // does not come back into the bag when the book is read again.
+    void removeImage(ResourceID id) override;
 
     // Writes `images` (saveRemainingImages) and `layout` (Book::toXML with getPStrcb).
     void toXml(NodeIterator& node) const override;
