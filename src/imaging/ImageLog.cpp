@@ -108,7 +108,9 @@ std::string sourceTypeName(const ImageSource& source) {
     return colon == std::string::npos ? name : name.substr(colon + 2);
 }
 
-std::string formatName(RawPixelFormat format) { return std::string(pixelFormatString(format).view()); }
+std::string formatName(RawPixelFormat format) {
+    return std::string(pixelFormatString(format).view());
+}
 
 // Converts width x height pixels of `format`, `stride` components a row apart, to RGBA of 8 bits
 // (8-bit unsigned formats) or 16 bits (the others).
@@ -134,14 +136,15 @@ bool convertTile(const ImageTile& tile, Converted& out) {
     if (!raw) return false;
     switch (raw->getCurrentPixelFormat()) {
 #define QOR_IMAGE_LOG_CONVERT(S, T, N)                                                   \
-    case Pf##S: {                                                                       \
-        SharedPtr<const RawImageDataOf<Pf##S>> view = raw->getData<Pf##S>();            \
+    case Pf##S: {                                                                        \
+        SharedPtr<const RawImageDataOf<Pf##S>> view = raw->getData<Pf##S>();             \
         return view && convertPixels(Pf##S, view->width(), view->height(), view->row(0), \
-                                     view->stride(), out);                              \
+                                     view->stride(), out);                               \
     }
         QOR_RAW_STORAGE_FORMATS(QOR_IMAGE_LOG_CONVERT)
 #undef QOR_IMAGE_LOG_CONVERT
-        default: return false;
+        default:
+            return false;
     }
 }
 
@@ -321,12 +324,11 @@ unsigned sourceNumber(State& s, const ImageSource& source) QOR_REQUIRES(s.mutex)
     if (it != s.sources.end() && it->second.layout == layout) return it->second.number;
     const unsigned number = unsigned(s.sources.size()) + 1;
     s.sources[&source] = SourceRecord{number, layout};
-    const std::string caption = sourceTypeName(source) + " #" + std::to_string(number) + ": " +
-                                std::to_string(layout.imageSize.x) + " x " +
-                                std::to_string(layout.imageSize.y) + " " +
-                                formatName(source.pixelFormat()) + ", tiles of " +
-                                std::to_string(layout.tileSize.x) + " x " +
-                                std::to_string(layout.tileSize.y);
+    const std::string caption =
+        sourceTypeName(source) + " #" + std::to_string(number) + ": " +
+        std::to_string(layout.imageSize.x) + " x " + std::to_string(layout.imageSize.y) + " " +
+        formatName(source.pixelFormat()) + ", tiles of " + std::to_string(layout.tileSize.x) +
+        " x " + std::to_string(layout.tileSize.y);
     GenVec<int, 2> size;
     const std::string svg = layoutSvg(layout, caption, {}, &size);
     if (!addSvg(s, "source" + std::to_string(number) + "-layout", svg, "tile layout", caption,
@@ -364,10 +366,9 @@ void writeIndex(State& s) QOR_REQUIRES(s.mutex) {
         "repeating-conic-gradient(#ddd 0 25%,#fff 0 50%) 0 0/12px 12px}");
     NodeIterator body = html.appendChild("body");
     body.appendChild("h1").setText("Image log");
-    body.appendChild("p").setText("Started " + s.startedText + "; " +
-                                  std::to_string(s.entries.size()) + " entries, " +
-                                  std::to_string(s.files + 1) + " files of at most " +
-                                  std::to_string(s.fileLimit) + ".");
+    body.appendChild("p").setText(
+        "Started " + s.startedText + "; " + std::to_string(s.entries.size()) + " entries, " +
+        std::to_string(s.files + 1) + " files of at most " + std::to_string(s.fileLimit) + ".");
     NodeIterator table = body.appendChild("table");
     NodeIterator header = table.appendChild("tr");
     for (const char* title : {"#", "time", "kind", "what", "size", "format", "file", "picture"})
@@ -549,11 +550,10 @@ void ImageLog::requestEnded(const void* request, const ImageSource& source,
     for (const GenVec<int, 2>& pos : tiles)
         marks[pos] = record.delivered.count(pos) ? SvgColor::rgb(0x40c040, 0.6)
                                                  : SvgColor::rgb(0xe04040, 0.6);
-    const std::string caption = "request #" + std::to_string(record.number) + " of " +
-                                sourceLabel(s, source, number) + ": " +
-                                std::to_string(tiles.size()) + " tiles asked, " +
-                                std::to_string(record.delivered.size()) + " handed out (green), " +
-                                std::string(outcome);
+    const std::string caption =
+        "request #" + std::to_string(record.number) + " of " + sourceLabel(s, source, number) +
+        ": " + std::to_string(tiles.size()) + " tiles asked, " +
+        std::to_string(record.delivered.size()) + " handed out (green), " + std::string(outcome);
     GenVec<int, 2> size;
     const std::string svg = layoutSvg(source.tileLayout(), caption, marks, &size);
     if (addSvg(s, "request" + std::to_string(record.number), svg, "request", caption, size))
@@ -570,11 +570,10 @@ void ImageLog::saverRows(std::string_view target, int firstRow, RawPixelFormat f
     State& s = state();
     ScopedLock<Mutex> lock(s.mutex);
     if (!(s.kinds & ImageLogSaverRows) || !havePixels) return;
-    const std::string rows =
-        std::to_string(firstRow) + "-" + std::to_string(firstRow + height - 1);
+    const std::string rows = std::to_string(firstRow) + "-" + std::to_string(firstRow + height - 1);
     addPicture(s, "saver-rows-" + rows, &converted, "saver rows",
-               "rows " + rows + " of '" + std::string(target) + "'",
-               GenVec<int, 2>(width, height), format);
+               "rows " + rows + " of '" + std::string(target) + "'", GenVec<int, 2>(width, height),
+               format);
 }
 
 }  // namespace qor::imaging

@@ -357,8 +357,8 @@ void TileRequestTaskMerger::Task::endDelivery() {
 void TileRequestTaskMerger::Task::deliver(const std::vector<ComputedTileInfo>& records,
                                           double progress, bool withProgress) {
     for (const ComputedTileInfo& record : records) {
-        if (ImageLog::enabled(ImageLogRequestResults) && record.type == ComputedTileInfo::TileReady &&
-            record.source && record.tile)
+        if (ImageLog::enabled(ImageLogRequestResults) &&
+            record.type == ComputedTileInfo::TileReady && record.source && record.tile)
             ImageLog::requestTile(this, *record.source, record.pos, record.tile);
         HandleSet handles;
         {

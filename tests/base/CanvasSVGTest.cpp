@@ -1,7 +1,5 @@
 // CanvasSVG: every drawing is rendered by rsvg-convert and checked by its pixels.
 
-#include "base/diagnostics/CanvasSVG.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,6 +11,7 @@
 #include "../support/TempDir.h"
 #include "FileTestHelpers.h"
 #include "base/Log.h"
+#include "base/diagnostics/CanvasSVG.h"
 #include "base/xml/XmlDocument.h"
 
 using namespace qor;
@@ -60,8 +59,7 @@ TEST(CanvasSVG, ShapesAppearWhereTheyAreDrawn) {
     canvas.circle({90, 20}, 10, SvgPaint::filled(SvgColor::rgb(kBlue)));
     canvas.line({0, 50}, {120, 50}, SvgPaint::outlined(SvgColor::rgb(kGreen), 4));
     // A dashed line: 10 drawn, 10 left out.
-    canvas.line({0, 70}, {120, 70},
-                SvgPaint::outlined(SvgColor::rgb(kBlue), 4).withDash({10, 10}));
+    canvas.line({0, 70}, {120, 70}, SvgPaint::outlined(SvgColor::rgb(kBlue), 4).withDash({10, 10}));
     const std::vector<math::Vec2d> triangle{{60, 30}, {80, 30}, {70, 45}};
     canvas.polygon(triangle, SvgPaint::filled(SvgColor::rgb(kGreen)));
     // Half-transparent red fill over white.
@@ -135,8 +133,8 @@ TEST(CanvasSVG, ImagesEmbeddedAndLinked) {
     canvas.image({50, 0, 40, 40}, "quad.png");
     {
         // A picture wider than its frame, offset inside it and faded, as a book frame draws it.
-        CanvasSVG::Group frame = canvas.group(SvgTransform().translate(0, 40), 0.5,
-                                              SvgBox{0, 0, 10, 10});
+        CanvasSVG::Group frame =
+            canvas.group(SvgTransform().translate(0, 40), 0.5, SvgBox{0, 0, 10, 10});
         canvas.embedImage({-10, 0, 40, 20}, pngBytes);
     }
     {
@@ -167,9 +165,9 @@ TEST(CanvasSVG, TextIsEscapedAndDrawn) {
     CanvasSVG canvas(400, 40);
     whiteBackground(canvas, 400, 40);
     canvas.setTitle("title <&>");
-    canvas.text({200, 30}, tricky,
-                SvgFont{.size = 20, .anchor = SvgAnchor::Middle, .fill = SvgColor::rgb(0),
-                        .bold = true});
+    canvas.text(
+        {200, 30}, tricky,
+        SvgFont{.size = 20, .anchor = SvgAnchor::Middle, .fill = SvgColor::rgb(0), .bold = true});
 
     // The text reads back as it was given, less the control character XML cannot hold.
     XmlDocumentRapid doc;

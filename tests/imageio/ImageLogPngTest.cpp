@@ -2,8 +2,6 @@
 // log on leaves PNGs that decode to the tiles' and rows' pixels, SVGs that rsvg-convert renders,
 // and an index.html that links them all; the saved file is the same as without the log.
 
-#include "imageio/ImageLogPng.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +18,7 @@
 #include "base/filesystem/Path.h"
 #include "base/xml/XmlDocument.h"
 #include "imageio/IImageSaver.h"
+#include "imageio/ImageLogPng.h"
 #include "imageio/ImageSaver.h"
 #include "imaging/Image.h"
 #include "imaging/ImageLog.h"
@@ -38,10 +37,14 @@ using test::TempDir;
 
 unsigned char pixel(int x, int y, int c) {
     switch (c) {
-        case 0: return (unsigned char)(x * 3);
-        case 1: return (unsigned char)(y * 5);
-        case 2: return (unsigned char)((x ^ y) * 7);
-        default: return (unsigned char)(200 + (x + y) % 50);
+        case 0:
+            return (unsigned char)(x * 3);
+        case 1:
+            return (unsigned char)(y * 5);
+        case 2:
+            return (unsigned char)((x ^ y) * 7);
+        default:
+            return (unsigned char)(200 + (x + y) % 50);
     }
 }
 
@@ -88,8 +91,7 @@ int mismatches(const test::RgbaPicture& picture, const Recti& rect) {
         for (int x = 0; x < rect.width(); ++x) {
             const auto p = picture.at(x, y);
             const int got[4] = {p.r, p.g, p.b, p.a};
-            for (int c = 0; c < 4; ++c)
-                bad += got[c] != pixel(rect.xmin() + x, rect.ymin() + y, c);
+            for (int c = 0; c < 4; ++c) bad += got[c] != pixel(rect.xmin() + x, rect.ymin() + y, c);
         }
     return bad;
 }
@@ -168,8 +170,7 @@ TEST(ImageLogPng, ASaveLeavesPicturesOfItsTilesRowsAndRequestsLinkedFromTheIndex
             ++sourceTiles;
             const Recti rect(x * 64, y * 64, std::min(64, 150 - x * 64), std::min(64, 90 - y * 64));
             EXPECT_EQ(mismatches(picture, rect), 0);
-        } else if (std::sscanf(row.link.c_str(), "%*5d-saver-rows-%d-%d.png", &first, &last) ==
-                   2) {
+        } else if (std::sscanf(row.link.c_str(), "%*5d-saver-rows-%d-%d.png", &first, &last) == 2) {
             ++rowBands;
             EXPECT_EQ(mismatches(picture, Recti(0, first, 150, last - first + 1)), 0);
         }

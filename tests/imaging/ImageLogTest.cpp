@@ -1,8 +1,6 @@
 // ImageLog with a writer that keeps the pictures it is given: what is dumped, the index that lists
 // it, the file limit, failures, and the switch.
 
-#include "imaging/ImageLog.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,6 +16,7 @@
 #include "base/Log.h"
 #include "base/filesystem/Path.h"
 #include "base/xml/XmlDocument.h"
+#include "imaging/ImageLog.h"
 
 using namespace qor;
 using namespace qor::imaging;
@@ -41,8 +40,8 @@ public:
         Kept kept{picture.width, picture.height, picture.bitsPerChannel, {}};
         const size_t rowBytes = size_t(picture.width) * 4 * size_t(picture.bitsPerChannel / 8);
         for (int y = 0; y < picture.height; ++y) {
-            const auto* row = static_cast<const unsigned char*>(picture.pixels) +
-                              size_t(y) * picture.byteStride;
+            const auto* row =
+                static_cast<const unsigned char*>(picture.pixels) + size_t(y) * picture.byteStride;
             kept.rgba.insert(kept.rgba.end(), row, row + rowBytes);
         }
         {
@@ -158,8 +157,8 @@ TEST(ImageLog, DumpsTilesAndRequestsWithAnIndexThatLinksThem) {
     for (const auto& [name, kept] : pictures) {
         int x = -1, y = -1, number = 0;
         char kind[16] = {};
-        ASSERT_EQ(std::sscanf(name.c_str(), "%*5d-%15[a-z]%d-tile-%d-%d.raw", kind, &number, &x, &y),
-                  4)
+        ASSERT_EQ(
+            std::sscanf(name.c_str(), "%*5d-%15[a-z]%d-tile-%d-%d.raw", kind, &number, &x, &y), 4)
             << name;
         (std::string(kind) == "source" ? sourceTiles : requestTiles)++;
         const Recti rect(x * 64, y * 64, x ? 36 : 64, y ? 6 : 64);
@@ -276,6 +275,5 @@ TEST(ImageLogThreads, HooksRaceWithStartAndStop) {
     toggler.join();
     ImageLog::stop();
     const Index index = readIndex(dir.path());
-    for (const std::string& link : index.links)
-        EXPECT_TRUE(filesystem::exists(dir / link)) << link;
+    for (const std::string& link : index.links) EXPECT_TRUE(filesystem::exists(dir / link)) << link;
 }

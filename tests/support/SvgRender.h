@@ -46,8 +46,8 @@ inline bool near(const RgbaPicture::Pixel& p, std::uint32_t rgb, int tolerance =
 }
 
 // Expects the pixel (x, y) of `picture` within `tolerance` of the opaque colour 0xRRGGBB.
-#define EXPECT_COLOR(picture, x, y, rgb, tolerance)                                     \
-    EXPECT_TRUE(::qor::test::near((picture).at((x), (y)), (rgb), (tolerance)))           \
+#define EXPECT_COLOR(picture, x, y, rgb, tolerance)                            \
+    EXPECT_TRUE(::qor::test::near((picture).at((x), (y)), (rgb), (tolerance))) \
         << "pixel (" << (x) << ", " << (y) << ") is " << (picture).at((x), (y))
 
 // Reads any PNG as 8-bit RGBA. An unreadable file gives an empty picture and a test failure.

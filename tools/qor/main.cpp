@@ -1,6 +1,6 @@
 // qor: the command-line tool over libqor.
-// Usage: qor [-v | -vv] [--log FILE] [--image-log DIR] <subcommand> [arguments]. Bad input gives one
-// line on standard error and exit status 2.
+// Usage: qor [-v | -vv] [--log FILE] [--image-log DIR] <subcommand> [arguments]. Bad input gives
+// one line on standard error and exit status 2.
 //
 // main parses the global options wherever they stand, answers --help for every subcommand from the
 // table in Help.cpp, rejects options the table does not list for the subcommand, and sets up the
@@ -92,7 +92,7 @@ using qor::tool::usageError;
 struct GlobalOptions {
     int verbosity = 0;    // the number of v's in -v, -vv, -vvv
     std::string logFile;  // --log
-    std::string imageLog; // --image-log: the folder the engine's pictures are dumped into
+    std::string imageLog;  // --image-log: the folder the engine's pictures are dumped into
     bool help = false;    // -h, --help
 };
 

@@ -45,9 +45,12 @@ std::string xmlSafe(std::string_view text) {
 
 const char* fitText(SvgFit fit) {
     switch (fit) {
-        case SvgFit::Meet: return "xMidYMid meet";
-        case SvgFit::Slice: return "xMidYMid slice";
-        case SvgFit::Stretch: break;
+        case SvgFit::Meet:
+            return "xMidYMid meet";
+        case SvgFit::Slice:
+            return "xMidYMid slice";
+        case SvgFit::Stretch:
+            break;
     }
     return "none";
 }
@@ -91,8 +94,8 @@ CanvasSVG::Group::~Group() {
 
 CanvasSVG::CanvasSVG(double width, double height) {
     if (!(width > 0.0 && std::isfinite(width)) || !(height > 0.0 && std::isfinite(height))) {
-        QOR_LOG(LogWarning, "CanvasSVG: size %* x %* is not positive; 1 x 1 is used instead",
-                width, height);
+        QOR_LOG(LogWarning, "CanvasSVG: size %* x %* is not positive; 1 x 1 is used instead", width,
+                height);
         width = height = 1.0;
     }
     _root = _doc.create("svg");
@@ -138,9 +141,8 @@ void CanvasSVG::paintAttributes(NodeIterator& node, const SvgPaint& paint) const
         node.appendAttribute("fill-opacity", number(clampUnit(paint.fill.alpha)));
     if (paint.stroke.none) return;
     node.appendAttribute("stroke", colorText(paint.stroke))
-        .appendAttribute("stroke-width", number(std::isfinite(paint.strokeWidth)
-                                                    ? paint.strokeWidth
-                                                    : 1.0));
+        .appendAttribute("stroke-width",
+                         number(std::isfinite(paint.strokeWidth) ? paint.strokeWidth : 1.0));
     if (paint.stroke.alpha < 1.0)
         node.appendAttribute("stroke-opacity", number(clampUnit(paint.stroke.alpha)));
     std::string dash;
@@ -160,7 +162,8 @@ void CanvasSVG::rect(const SvgBox& box, const SvgPaint& paint, double cornerRadi
         .appendAttribute("width", number(std::max(box.width, 0.0)))
         .appendAttribute("height", number(std::max(box.height, 0.0)));
     if (cornerRadius > 0.0)
-        node.appendAttribute("rx", number(cornerRadius)).appendAttribute("ry", number(cornerRadius));
+        node.appendAttribute("rx", number(cornerRadius))
+            .appendAttribute("ry", number(cornerRadius));
     paintAttributes(node, paint);
 }
 

@@ -8,7 +8,8 @@
 //     CanvasSVG canvas(200, 100);
 //     canvas.rect({0, 0, 200, 100}, SvgPaint::filled(SvgColor::rgb(0xffffff)));
 //     {
-//         CanvasSVG::Group frame = canvas.group(SvgTransform().translate(50, 20).rotate(10, 40, 30),
+//         CanvasSVG::Group frame = canvas.group(SvgTransform().translate(50, 20).rotate(10, 40,
+//         30),
 //                                               0.8, SvgBox{0, 0, 80, 60});
 //         canvas.embedImage({-10, -10, 100, 80}, pngBytes);
 //     }
