@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "base/Log.h"
@@ -494,46 +495,56 @@ bool ImageLog::hasWriter() {
 
 // ---- hooks ----
 
+namespace {
+
+std::string tileStem(std::string_view owner, unsigned number, GenVec<int, 2> pos) {
+    return std::string(owner) + std::to_string(number) + "-tile-" + std::to_string(pos.x) + "-" +
+           std::to_string(pos.y);
+}
+
+// Lists `tile` of `source` as `label` when `kind` is dumped. `name(state, sourceNumber)` gives the
+// file's stem and the description; it runs with the log's mutex held.
+template <class Name>
+void logTile(unsigned kind, const char* label, const ImageSource& source, const ImageTile& tile,
+             Name name) {
+    // The pixels are read before the log's lock is taken: the tile's own lock comes first.
+    Converted converted;
+    const bool havePixels = convertTile(tile, converted);
+    State& s = state();
+    ScopedLock<Mutex> lock(s.mutex);
+    if (!(s.kinds & kind)) return;
+    const unsigned number = sourceNumber(s, source);
+    if (!number) return;
+    const auto [stem, what] = name(s, number);
+    addPicture(s, stem, havePixels ? &converted : nullptr, label, what, tile.size(),
+               tile.pixelFormat());
+}
+
+}  // namespace
+
 void ImageLog::sourceTile(const ImageSource& source, GenVec<int, 2> pos, unsigned int version,
                           const SharedPtr<const ImageTile>& tile) {
     if (!tile) return;
-    // The pixels are read before the log's lock is taken: the tile's own lock comes first.
-    Converted converted;
-    const bool havePixels = convertTile(*tile, converted);
-    State& s = state();
-    ScopedLock<Mutex> lock(s.mutex);
-    if (!(s.kinds & ImageLogSourceTiles)) return;
-    const unsigned number = sourceNumber(s, source);
-    if (!number) return;
-    addPicture(s,
-               "source" + std::to_string(number) + "-tile-" + std::to_string(pos.x) + "-" +
-                   std::to_string(pos.y),
-               havePixels ? &converted : nullptr, "source tile",
-               sourceLabel(s, source, number) + ", tile " + position(pos) + ", version " +
-                   std::to_string(version),
-               tile->size(), tile->pixelFormat());
+    logTile(ImageLogSourceTiles, "source tile", source, *tile,
+            [&](State& s, unsigned number) QOR_NO_THREAD_SAFETY_ANALYSIS {
+                return std::pair(tileStem("source", number, pos),
+                                 sourceLabel(s, source, number) + ", tile " + position(pos) +
+                                     ", version " + std::to_string(version));
+            });
 }
 
 void ImageLog::requestTile(const void* request, const ImageSource& source, GenVec<int, 2> pos,
                            const SharedPtr<const ImageTile>& tile) {
     if (!tile) return;
-    Converted converted;
-    const bool havePixels = convertTile(*tile, converted);
-    State& s = state();
-    ScopedLock<Mutex> lock(s.mutex);
-    if (!(s.kinds & ImageLogRequestResults)) return;
-    const unsigned number = sourceNumber(s, source);
-    if (!number) return;
-    RequestRecord& record = s.requests[request];
-    if (!record.number) record.number = ++s.requestCount;
-    record.delivered.insert(pos);
-    addPicture(s,
-               "request" + std::to_string(record.number) + "-tile-" + std::to_string(pos.x) + "-" +
-                   std::to_string(pos.y),
-               havePixels ? &converted : nullptr, "request tile",
-               "request #" + std::to_string(record.number) + " of " +
-                   sourceLabel(s, source, number) + ", tile " + position(pos),
-               tile->size(), tile->pixelFormat());
+    logTile(ImageLogRequestResults, "request tile", source, *tile,
+            [&](State& s, unsigned number) QOR_NO_THREAD_SAFETY_ANALYSIS {
+                RequestRecord& record = s.requests[request];
+                if (!record.number) record.number = ++s.requestCount;
+                record.delivered.insert(pos);
+                return std::pair(tileStem("request", record.number, pos),
+                                 "request #" + std::to_string(record.number) + " of " +
+                                     sourceLabel(s, source, number) + ", tile " + position(pos));
+            });
 }
 
 void ImageLog::requestEnded(const void* request, const ImageSource& source,

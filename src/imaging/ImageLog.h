@@ -5,9 +5,10 @@
 // pixel format and time, and SVG pictures (CanvasSVG) of each source's tile layout and of the
 // tiles each request touched.
 //
-// Switching: off by default. QOR_IMAGE_LOG=FOLDER in the environment turns it on when the library
-// is loaded (startFromEnvironment); start() and stop() turn it on and off from code. While it is
-// off, each hook costs the caller one relaxed atomic load (enabled()); nothing else runs.
+// Switching: off by default. QOR_IMAGE_LOG=FOLDER in the environment turns it on when libqor is
+// loaded (the imageio layer installs its PNG writer, then calls startFromEnvironment); start() and
+// stop() turn it on and off from code. While it is off, each hook costs the caller one relaxed
+// atomic load (enabled()); nothing else runs.
 //
 // Files: pictures are written by an ImageLogWriter; the imageio layer installs the one that
 // writes PNG (this layer writes no image format itself). A picture is converted to RGBA of 8 bits
