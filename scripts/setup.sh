@@ -22,6 +22,9 @@ PACKAGES=(
     libglib2.0-dev
     # Unicode case mapping and UTF conversions
     libicu-dev
+    # SVG files (diagnostics, book previews) are checked by rendering them with rsvg-convert;
+    # their text needs a font
+    librsvg2-bin fonts-dejavu-core
     # OpenGL headless through EGL on Mesa (llvmpipe)
     libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri libepoxy-dev libglu1-mesa-dev
 )

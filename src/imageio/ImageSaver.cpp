@@ -8,6 +8,7 @@
 
 #include "base/Log.h"
 #include "base/thread/JobDispatcher.h"
+#include "imaging/ImageLog.h"
 #include "imaging/TileScoreFunctions.h"
 
 namespace qor::imageio {
@@ -352,6 +353,24 @@ void ImageSaver::rowLoop(const String& path, IImageSaver& saver) {
     std::vector<SharedPtr<const View>> rowImages(size_t(std::max(tilesPerRow, 0)));
     std::vector<Element> buffer(size_t(width) * N);
 
+    // With the image log on when the save starts, the lines of each tile row are kept as one band
+    // (no more than the tiles of that row hold) and dumped once the band is complete.
+    const bool logRows = imaging::ImageLog::enabled(imaging::ImageLogSaverRows);
+    std::vector<Element> band;
+    int bandFirst = 0, bandRows = 0;
+    auto keepLine = [&] {
+        band.insert(band.end(), buffer.begin(), buffer.end());
+        ++bandRows;
+    };
+    auto dumpBand = [&] {
+        if (bandRows > 0)
+            imaging::ImageLog::saverRows(path.view(), bandFirst, F, width, bandRows, band.data(),
+                                         size_t(width) * N * sizeof(Element));
+        bandFirst += bandRows;
+        bandRows = 0;
+        band.clear();
+    };
+
     auto advance = [&]() QOR_NO_THREAD_SAFETY_ANALYSIS {
         ScopedLock<Mutex> lock(_mutex);
         if (_currentTileRow >= 0)
@@ -393,7 +412,10 @@ void ImageSaver::rowLoop(const String& path, IImageSaver& saver) {
             ScopedLock<Mutex> lock(_mutex);
             if (_rowsWritten > _lastRow) return nullptr;
         }
-        if (_lastLine < _firstLine) advance();
+        if (_lastLine < _firstLine) {
+            if (logRows) dumpBand();
+            advance();
+        }
         {
             ScopedLock<Mutex> lock(_mutex);
             if (!_ok) return nullptr;
@@ -410,6 +432,7 @@ void ImageSaver::rowLoop(const String& path, IImageSaver& saver) {
         for (int x = 1; x + 1 < columns; ++x) copy(size_t(x), 0, _middleTileWidth);
         if (columns > 1) copy(size_t(columns - 1), 0, _lastTileWidth);
         ++_firstLine;
+        if (logRows) keepLine();
         ScopedLock<Mutex> lock(_mutex);
         ++_rowsWritten;
         return buffer.data();
@@ -427,6 +450,7 @@ void ImageSaver::rowLoop(const String& path, IImageSaver& saver) {
         endSave(true);
         throw;
     }
+    if (logRows) dumpBand();
     endSave(false);
 }
 

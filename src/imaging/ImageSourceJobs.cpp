@@ -5,6 +5,7 @@
 #include <typeinfo>
 
 #include "base/Log.h"
+#include "imaging/ImageLog.h"
 #include "imaging/ImageSource.h"
 #include "imaging/ImageTile.h"
 #include "imaging/RawImageStorage.h"
@@ -149,6 +150,8 @@ FastString<char> TileNotifyJob::toString() const {
 void TileNotifyJob::compute() {
     if (inputTile) _tile = inputTile();
     QOR_ASSERT_TEXT(_tile && _tile->valid(), "_tile && _tile->valid()");
+    if (ImageLog::enabled(ImageLogSourceTiles) && targetImage && _tile)
+        ImageLog::sourceTile(*targetImage, pos, version, _tile);
 }
 
 void TileNotifyJob::getFinishedTiles(std::vector<TileInfo>& out) {
@@ -172,6 +175,8 @@ void TileCacheJob::compute() {
     // beside the cache jobs that a derived source builds for the same tiles, so the look-up and
     // the insertion are one step of the cache.
     TileCache::cacheLifeTileIfNewer(_tile, targetImage.get(), rect, version);
+    if (ImageLog::enabled(ImageLogSourceTiles) && targetImage)
+        ImageLog::sourceTile(*targetImage, pos, version, _tile);
 }
 
 // ---- GenericMemoryTransferJob ----

@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "base/thread/JobGroup.h"
+#include "imaging/ImageLog.h"
 #include "imaging/ImageSource.h"
 #include "imaging/ImageSourceJobs.h"
 #include "imaging/ImageTile.h"
@@ -120,6 +121,8 @@ void TileRequestTaskMerger::Task::reportOutdated() {
         _finished = true;
         handles = _taskHandles;
     }
+    if (ImageLog::enabled(ImageLogRequestResults) && _source)
+        ImageLog::requestEnded(this, *_source, _tiles, "outdated");
     const ComputedTileInfo record = endRecord(ComputedTileInfo::Outdated, _source);
     for (const SharedPtr<Handle>& handle : handles) callGuarded(handle->tileCallback(), record);
 }
@@ -234,6 +237,12 @@ void TileRequestTaskMerger::Task::run(const SharedPtr<TileRequestTaskMerger>& me
         const double progress = ranJobs ? 1.0 : double(i + 1) / double(cachedRecords.size());
         deliver({cachedRecords[i]}, progress, true);
     }
+    // Before the end record: a caller that wakes on it finds the request's picture written.
+    if (ImageLog::enabled(ImageLogRequestResults))
+        ImageLog::requestEnded(this, *_source, _tiles,
+                               end.status == ComputedTileInfo::Error
+                                   ? "failed: " + std::string(end.errorMessage.view())
+                                   : std::string("complete"));
     {
         ScopedLock<Mutex> lock(_mutex);
         handles = _taskHandles;
@@ -348,6 +357,9 @@ void TileRequestTaskMerger::Task::endDelivery() {
 void TileRequestTaskMerger::Task::deliver(const std::vector<ComputedTileInfo>& records,
                                           double progress, bool withProgress) {
     for (const ComputedTileInfo& record : records) {
+        if (ImageLog::enabled(ImageLogRequestResults) &&
+            record.type == ComputedTileInfo::TileReady && record.source && record.tile)
+            ImageLog::requestTile(this, *record.source, record.pos, record.tile);
         HandleSet handles;
         {
             ScopedLock<Mutex> lock(_mutex);

@@ -103,6 +103,26 @@ run thumb truncated.jpg -o thumb.jpg -v
 [ "$status" -eq 1 ] && [ "$(log_lines err)" -ge 1 ] ||
     fail "qor thumb -v of a truncated file: the library's lines are not shown: $(cat err)"
 
+# The image log: --image-log and QOR_IMAGE_LOG dump the export's pictures with an index that links
+# each of them; without either nothing is dumped.
+run "${export_args[@]}" --image-log pictures
+[ "$status" -eq 0 ] || fail "qor export --image-log: exit status $status: $(cat err)"
+[ -s pictures/index.html ] || fail "qor export --image-log: no index.html"
+pngs=$(find pictures -name '*.png' | wc -l)
+[ "$pngs" -gt 0 ] || fail "qor export --image-log: no PNG"
+for f in pictures/*.png pictures/*.svg; do
+    grep -q "href=\"$(basename "$f")\"" pictures/index.html || fail "index.html does not link $f"
+done
+QOR_IMAGE_LOG=$WORK/from-env run "${export_args[@]}"
+[ -s from-env/index.html ] && [ "$(find from-env -name '*.png' | wc -l)" -eq "$pngs" ] ||
+    fail "QOR_IMAGE_LOG: not the same pictures as --image-log"
+touch not-a-folder
+run "${export_args[@]}" --image-log not-a-folder/below
+[ "$status" -eq 1 ] && [ "$(lines err)" -eq 1 ] ||
+    fail "qor --image-log into a file: exit status $status and $(lines err) lines: $(cat err)"
+run "${export_args[@]}" --image-log
+[ "$status" -eq 2 ] || fail "qor --image-log without a folder: exit status $status"
+
 # An option's value is the subcommand's, even where it looks like a global option.
 run thumb picture.jpg --size 32x32 -o -v.jpg
 [ "$status" -eq 0 ] && [ -s ./-v.jpg ] || fail "qor thumb -o -v.jpg: exit status $status: $(cat err)"

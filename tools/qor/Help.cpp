@@ -316,6 +316,9 @@ const GlobalOption kGlobalOptions[] = {
     {"-v, -vv, -vvv",
      "show the library's log on standard error: information, debug or trace lines"},
     {"--log FILE", "append the library's log to FILE (information and up, or as -v says)"},
+    {"--image-log DIR",
+     "dump the pictures the engine makes (tiles, requests, saved rows) as PNG into DIR, listed "
+     "in DIR/index.html with SVG pictures of tile layouts; QOR_IMAGE_LOG=DIR does the same"},
     {"--version", "the same as 'qor version'"},
 };
 
@@ -337,7 +340,8 @@ const OptionInfo* findOption(const CommandInfo& command, std::string_view name) 
 
 void printOverview(std::FILE* out) {
     std::fprintf(out,
-                 "usage: qor [-v | -vv] [--log FILE] SUBCOMMAND [ARGUMENTS]\n\nsubcommands:\n");
+                 "usage: qor [-v | -vv] [--log FILE] [--image-log DIR] SUBCOMMAND [ARGUMENTS]\n\n"
+                 "subcommands:\n");
     for (const CommandInfo& command : kCommands) printItem(out, command.name, command.summary, 12);
     std::fprintf(out, "\nglobal options, before or after the subcommand:\n");
     for (const GlobalOption& option : kGlobalOptions) printItem(out, option.head, option.text, 17);
@@ -371,7 +375,7 @@ void printCommandHelp(const CommandInfo& command, std::FILE* out) {
             printItem(out, optionHead(option), option.text, textColumn);
     }
     std::fprintf(out, "\nexample:\n  %s\n", command.example);
-    std::fprintf(out, "\nglobal options: -v, -vv, --log FILE (see 'qor help')\n");
+    std::fprintf(out, "\nglobal options: -v, -vv, --log FILE, --image-log DIR (see 'qor help')\n");
 }
 
 int runHelp(const std::vector<std::string>& args) {

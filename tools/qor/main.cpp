@@ -1,6 +1,6 @@
 // qor: the command-line tool over libqor.
-// Usage: qor [-v | -vv] [--log FILE] <subcommand> [arguments]. Bad input gives one line on standard
-// error and exit status 2.
+// Usage: qor [-v | -vv] [--log FILE] [--image-log DIR] <subcommand> [arguments]. Bad input gives
+// one line on standard error and exit status 2.
 //
 // main parses the global options wherever they stand, answers --help for every subcommand from the
 // table in Help.cpp, rejects options the table does not list for the subcommand, and sets up the
@@ -26,6 +26,7 @@
 
 #include "Commands.h"
 #include "base/Log.h"
+#include "imaging/ImageLog.h"
 
 namespace qor::tool {
 
@@ -91,6 +92,7 @@ using qor::tool::usageError;
 struct GlobalOptions {
     int verbosity = 0;    // the number of v's in -v, -vv, -vvv
     std::string logFile;  // --log
+    std::string imageLog;  // --image-log: the folder the engine's pictures are dumped into
     bool help = false;    // -h, --help
 };
 
@@ -141,6 +143,11 @@ int main(int argc, char** argv) {
             if (arg == "--log" && i + 1 >= argc) return usageError("--log needs a file name");
             global.logFile = arg == "--log" ? argv[++i] : arg.substr(6);
             if (global.logFile.empty()) return usageError("--log needs a file name");
+        } else if (arg == "--image-log" || arg.starts_with("--image-log=")) {
+            if (arg == "--image-log" && i + 1 >= argc)
+                return usageError("--image-log needs a folder");
+            global.imageLog = arg == "--image-log" ? argv[++i] : arg.substr(12);
+            if (global.imageLog.empty()) return usageError("--image-log needs a folder");
         } else if (arg == "-h" || arg == "--help") {
             global.help = true;
         } else if (!command) {
@@ -167,5 +174,12 @@ int main(int argc, char** argv) {
         return usageError(std::string(command->name) + ": unknown option '" + unknown +
                           "' (try 'qor " + command->name + " --help')");
     if (const int status = setUpLog(global)) return status;
-    return command->run(args);
+    if (!global.imageLog.empty() && !qor::imaging::ImageLog::start(global.imageLog)) {
+        std::fprintf(stderr, "qor: cannot dump pictures into '%s' (see the log with -v)\n",
+                     global.imageLog.c_str());
+        return 1;
+    }
+    const int status = command->run(args);
+    qor::imaging::ImageLog::stop();
+    return status;
 }
