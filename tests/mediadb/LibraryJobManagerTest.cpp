@@ -57,6 +57,7 @@ public:
     void onCanceled() override {
         canceledCalls.fetch_add(1);
         stop = true;
+        std::this_thread::sleep_for(cancelDelay);
     }
     // Hands the rest to a thread that waits for `release` or a cancel, then ends the job.
     void detach() {
@@ -76,6 +77,8 @@ public:
     using LibraryJob::sharedPtr;
 
     std::atomic<int> runs{0}, canceledCalls{0};
+    // How long onCanceled takes: a slow one leaves time for the dispatcher to move on.
+    std::chrono::milliseconds cancelDelay{0};
     std::atomic<bool> release{false}, stop{false};
     std::atomic<std::thread::id> doneThread{};
 
@@ -253,6 +256,9 @@ TEST(LibraryJobManagerThreads, ShutdownEndsQueuedRunningAndDetachedJobsOnce) {
     auto running = std::make_shared<TestJob>([](TestJob& j) { j.spinUntilCancelled(); });
     auto queued1 = std::make_shared<TestJob>();
     auto queued2 = std::make_shared<TestJob>();
+    // Had the running job been stopped first, the dispatcher would start the next one while
+    // that one is still being cancelled.
+    queued1->cancelDelay = queued2->cancelDelay = std::chrono::milliseconds(30);
     for (auto& j : {detached, running, queued1, queued2}) manager->addJob(j);
     ASSERT_TRUE(eventually([&] { return running->runs == 1; }));
 

@@ -89,7 +89,9 @@ void LibraryJobManager::cancelAll(bool wait) {
         for (const Entry& e : _jobs) all.push_back(e.ref);
     }
     getScheduledJobs(jobs);
-    for (const auto& job : jobs) job->cancel(false);
+    // Newest first: the jobs waiting behind the running one leave the queue before it is told to
+    // stop, so none of them starts in its place.
+    for (auto job = jobs.rbegin(); job != jobs.rend(); ++job) (*job)->cancel(false);
     jobs.clear();  // no reference kept while waiting: a job may also leave by going away
     if (!wait) return;
     for (const auto& job : all) waitUntilGone(job);
