@@ -63,11 +63,14 @@ def fresh_library():
 
 commands = {
     "cp -r": ["cp", "-r", camera, copy],
+    # The import makes each picture durable (fdatasync) before it takes its name; cp does not.
+    # This line is cp made as durable, for comparison.
+    "cp -r; sync": ["sh", "-c", 'cp -r "$0" "$1" && sync', camera, copy],
     "exiv2 -pa": ["exiv2", "-pa"] + files,
     "qor import": [qor, "import", camera, "--library", library, "--duplicates", "skip"],
 }
 run(commands, rounds, peer="cp -r + exiv2 -pa", checked=(qor, "cp"),
-    before={"cp -r": fresh_copy, "exiv2 -pa": lambda: subprocess.run(["sync"], check=True),
+    before={"cp -r": fresh_copy, "cp -r; sync": fresh_copy, "exiv2 -pa": lambda: subprocess.run(["sync"], check=True),
             "qor import": fresh_library},
     sums={"cp -r + exiv2 -pa": ["cp -r", "exiv2 -pa"]})
 

@@ -368,6 +368,16 @@ void setLastWriteTime(std::string_view url, const time::Timestamp& t) {
         fail("Cannot set the time of", path, errno);
 }
 
+void syncFileSystem(std::string_view url) {
+    const std::string path = local(url);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fail("Cannot open", path, errno);
+    const int result = ::syncfs(fd);
+    const int error = errno;
+    ::close(fd);
+    if (result != 0) fail("Cannot write out the file system of", path, error);
+}
+
 bool removeFile(std::string_view url) {
     const std::string path = local(url);
     std::error_code ec;

@@ -104,6 +104,10 @@ time::Timestamp lastWriteTime(std::string_view url);
 // Sets the modification time (and the access time to the same value). Throws FilesystemException.
 void setLastWriteTime(std::string_view url, const time::Timestamp& t);
 
+// Writes out everything the file system that holds `url` keeps in memory (syncfs) and waits for it.
+// Throws FilesystemException when the folder cannot be opened or the write fails.
+void syncFileSystem(std::string_view url);
+
 // Removes a file (or a symbolic link, or an empty folder). Returns false when nothing was there.
 // Throws FilesystemException on other failures.
 bool removeFile(std::string_view url);

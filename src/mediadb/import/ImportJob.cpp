@@ -604,6 +604,17 @@ void ImportJob::finalize(const SharedPtr<LibraryJob>& job, ResourceSequence&) {
         }
     }
     if (!temporary.empty()) library->removeImages(temporary);
+    // The copies are written out before the job ends: once the application hears that the
+    // import is done (and the card may be wiped) the pictures are on the disk. One write-out of
+    // the whole file system costs what the copies' data cost; a sync of each picture before it
+    // took its name made the import more than twice as slow (a journal commit per picture).
+    if (imported > 0) {
+        try {
+            filesystem::syncFileSystem(library->path());
+        } catch (const std::exception& e) {
+            QOR_LOG(LogWarning, "Import: the pictures could not be written out: %*", e.what());
+        }
+    }
     QOR_LOG(LogInfo, "Import ended: %* imported, %* not imported", imported, notImported);
     self->notifyDone(job);
 }

@@ -205,9 +205,6 @@ Digest copyImageFile(const std::string& source, const std::string& dst) {
     if (digest.isNull()) throw abandon(errno);
     const struct timespec times[2] = {st.st_atim, st.st_mtim};
     if (::fchmod(fd, st.st_mode & 07777) != 0 || ::futimens(fd, times) != 0) throw abandon(errno);
-    // The data reach the disk before the picture takes its name: after a power cut the name
-    // holds the whole picture or is not there, never an empty or partial file.
-    if (::fdatasync(fd) != 0) throw abandon(errno);
     if (::link(tmp.c_str(), dst.c_str()) != 0) {
         const int error = errno;
         // A file system without hard links: a check and a rename, under the bag's path lock.
