@@ -464,6 +464,31 @@ struct Head {
 
 }  // namespace
 
+std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage) {
+    // Merge the three lists by layer. Of equal layers, texts come first, then pictures, then
+    // decorations.
+    std::vector<StackedFrame> out;
+    out.reserve(subPage.texts.size() + subPage.pictures.size() + subPage.decorations.size());
+    Head<TextFrame> texts{subPage.texts};
+    Head<PictureFrame> pictures{subPage.pictures};
+    Head<Decoration> decorations{subPage.decorations};
+    while (!texts.done() || !pictures.done() || !decorations.done()) {
+        long long lowest = std::min({texts.layer(), pictures.layer(), decorations.layer()});
+        if (texts.layer() == lowest)
+            out.emplace_back(&texts.frames[texts.next++]);
+        else if (pictures.layer() == lowest)
+            out.emplace_back(&pictures.frames[pictures.next++]);
+        else
+            out.emplace_back(&decorations.frames[decorations.next++]);
+    }
+    QOR_ASSERT(texts.done() && pictures.done() && decorations.done());
+    return out;
+}
+
+const PageElement& elementOf(const StackedFrame& frame) {
+    return *std::visit([](const auto* f) -> const PageElement* { return f; }, frame);
+}
+
 void subPageToXML(const SubPage& subPage, NodeIterator& node, const BookIdToString& idToString) {
     NodeIterator xml = node.appendChild("subpage");
     xml.appendAttribute("type", static_cast<int>(subPage.type))
@@ -472,22 +497,9 @@ void subPageToXML(const SubPage& subPage, NodeIterator& node, const BookIdToStri
         .appendAttribute("bgimage", subPage.bgimage)
         .appendAttribute("offset", subPage.offset)
         .appendAttribute("flippable", subPage.flippable ? "yes" : "no");
-
-    // Merge the three lists by layer so that document order is stacking order. Of equal layers,
-    // texts come first, then pictures, then decorations.
-    Head<TextFrame> texts{subPage.texts};
-    Head<PictureFrame> pictures{subPage.pictures};
-    Head<Decoration> decorations{subPage.decorations};
-    while (!texts.done() || !pictures.done() || !decorations.done()) {
-        long long lowest = std::min({texts.layer(), pictures.layer(), decorations.layer()});
-        if (texts.layer() == lowest)
-            writeFrame(xml, texts.frames[texts.next++], idToString);
-        else if (pictures.layer() == lowest)
-            writeFrame(xml, pictures.frames[pictures.next++], idToString);
-        else
-            writeFrame(xml, decorations.frames[decorations.next++], idToString);
-    }
-    QOR_ASSERT(texts.done() && pictures.done() && decorations.done());
+    // Document order is stacking order.
+    for (const StackedFrame& frame : framesInStackingOrder(subPage))
+        std::visit([&](const auto* f) { writeFrame(xml, *f, idToString); }, frame);
 }
 
 void Book::toXML(NodeIterator& node, const BookIdToString& idToString) const {
