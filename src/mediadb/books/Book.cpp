@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
-#include <limits>
 #include <optional>
 
 #include "base/Log.h"
@@ -451,37 +450,19 @@ void writeFrame(NodeIterator& node, const Decoration& frame, const BookIdToStrin
         .appendAttribute("scalefactor", frame.scalefactor);
 }
 
-// The head of one frame list in the merge; an exhausted list ranks above every layer.
-template <class Frame>
-struct Head {
-    const std::vector<Frame>& frames;
-    size_t next = 0;
-    bool done() const { return next >= frames.size(); }
-    long long layer() const {
-        return done() ? std::numeric_limits<long long>::max() : frames[next].layer;
-    }
-};
 
 }  // namespace
 
 std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage) {
-    // Merge the three lists by layer. Of equal layers, texts come first, then pictures, then
-    // decorations.
     std::vector<StackedFrame> out;
     out.reserve(subPage.texts.size() + subPage.pictures.size() + subPage.decorations.size());
-    Head<TextFrame> texts{subPage.texts};
-    Head<PictureFrame> pictures{subPage.pictures};
-    Head<Decoration> decorations{subPage.decorations};
-    while (!texts.done() || !pictures.done() || !decorations.done()) {
-        long long lowest = std::min({texts.layer(), pictures.layer(), decorations.layer()});
-        if (texts.layer() == lowest)
-            out.emplace_back(&texts.frames[texts.next++]);
-        else if (pictures.layer() == lowest)
-            out.emplace_back(&pictures.frames[pictures.next++]);
-        else
-            out.emplace_back(&decorations.frames[decorations.next++]);
-    }
-    QOR_ASSERT(texts.done() && pictures.done() && decorations.done());
+    for (const TextFrame& frame : subPage.texts) out.emplace_back(&frame);
+    for (const PictureFrame& frame : subPage.pictures) out.emplace_back(&frame);
+    for (const Decoration& frame : subPage.decorations) out.emplace_back(&frame);
+    // Stable: of equal layers, texts before pictures before decorations, each list in its order.
+    std::stable_sort(out.begin(), out.end(), [](const StackedFrame& a, const StackedFrame& b) {
+        return elementOf(a).layer < elementOf(b).layer;
+    });
     return out;
 }
 

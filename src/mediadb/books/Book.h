@@ -250,9 +250,9 @@ private:
 
 // A frame of a side, of any of the three kinds.
 using StackedFrame = std::variant<const TextFrame*, const PictureFrame*, const Decoration*>;
-// The frames of a side from the bottom up: the three lists merged by layer, each list in its own
-// order; of equal layers texts come first, then pictures, then decorations. The pointers point
-// into `subPage`.
+// The frames of a side from the bottom up, by layer (a list need not be sorted); of equal layers
+// texts come first, then pictures, then decorations, each list in its own order. The pointers
+// point into `subPage`.
 std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage);
 const PageElement& elementOf(const StackedFrame& frame);
 
