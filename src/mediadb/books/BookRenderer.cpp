@@ -335,16 +335,10 @@ const std::string& BookRenderer::pictureBytes(ResourceID id) {
     const auto [it, inserted] = _encoded.try_emplace(id.id());
     if (!inserted) return it->second;
     const std::string path = _images->resourceManager().localPath(id);
-    // A file gone since the chain cached it must not show its old picture.
-    if (path.empty() || !filesystem::exists(path)) {
-        QOR_LOG(LogWarning, "BookRenderer: the picture '%*' is missing; its frame is marked", path);
-        _counts.missingFiles.push_back(path);
-        return it->second;
-    }
     const imagecache::Thumbnail thumb = _images->get(id, _options.pictureSide);
     if (thumb.placeholder || !thumb.image) {
-        QOR_LOG(LogWarning, "BookRenderer: the picture '%*' cannot be read; its frame is marked",
-                path);
+        QOR_LOG(LogWarning, "BookRenderer: the picture '%*' is missing or unreadable; its frame is "
+                "marked", path);
         _counts.missingFiles.push_back(path);
         return it->second;
     }
