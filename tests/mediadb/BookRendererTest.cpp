@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "CodecTestSupport.h"
 #include "../support/SvgRender.h"
 #include "../support/TempDir.h"
+#include "CodecTestSupport.h"
 #include "base/resource/ResourceManager.h"
 #include "imagecache/thumbnails/ImageCacheSource.h"
 #include "mediadb/books/Book.h"
@@ -125,7 +125,7 @@ TEST_F(BookRendererTest, UpperLayersCoverLowerOnesWhateverTheListOrder) {
 
     const RgbaPicture p = render();
     ASSERT_GT(p.width, 0);
-    EXPECT_COLOR(p, 10, 10, kBlue, 8);   // the text frame covers the red one
+    EXPECT_COLOR(p, 10, 10, kBlue, 8);    // the text frame covers the red one
     EXPECT_COLOR(p, 100, 50, kGreen, 8);  // the green one covers both
     EXPECT_COLOR(p, 190, 90, kBlue, 8);
 }
@@ -143,8 +143,8 @@ TEST_F(BookRendererTest, FaultyEmptyAndMissingFramesAreMarked) {
 
     const RgbaPicture p = render();
     ASSERT_GT(p.width, 0);
-    EXPECT_COLOR(p, 60, 50, kRed, 8);  // the picture itself
-    EXPECT_COLOR(p, 20, 50, kRed, 8);  // the red outline on the frame's left edge, over paper
+    EXPECT_COLOR(p, 60, 50, kRed, 8);   // the picture itself
+    EXPECT_COLOR(p, 20, 50, kRed, 8);   // the red outline on the frame's left edge, over paper
     EXPECT_COLOR(p, 100, 21, kRed, 8);  // the outline's top edge
     // The sign in the top right corner: a red disc with a white "!".
     const RgbaPicture::Pixel sign = p.at(176, 25);
@@ -208,9 +208,8 @@ TEST_F(BookRendererTest, ABookIsWrittenInBookOrderWithAnIndex) {
         files.push_back(entry.path().filename().string());
     std::sort(files.begin(), files.end());
     // The dust jacket and the inside covers are unset and left out.
-    const std::vector<std::string> expected = {"000-cover.svg", "001-page-001.svg",
-                                               "002-page-002.svg", "003-page-003.svg",
-                                               "index.html"};
+    const std::vector<std::string> expected = {
+        "000-cover.svg", "001-page-001.svg", "002-page-002.svg", "003-page-003.svg", "index.html"};
     EXPECT_EQ(files, expected);
     std::ifstream in(out + "/index.html");
     const std::string html{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};

@@ -141,7 +141,8 @@ TEST_F(QorBook, RenderDrawsThePicturesAndMarksOneWhoseFileWasRemoved) {
     ASSERT_EQ(marked.errLines.size(), 1u);
     EXPECT_NE(marked.errLines[0].find(library + "/Trip/blue.png"), std::string::npos)
         << marked.errLines[0];
-    const qor::test::RgbaPicture redrawn = qor::test::renderSvgToPicture(again + "/000-page-001.svg");
+    const qor::test::RgbaPicture redrawn =
+        qor::test::renderSvgToPicture(again + "/000-page-001.svg");
     ASSERT_EQ(redrawn.width, 1000);
     EXPECT_COLOR(redrawn, 250, 300, 0xff0000, 8);
     EXPECT_COLOR(redrawn, 750, 250, 0x555555, 40);  // the cross over the empty frame

@@ -101,12 +101,9 @@ const char* kindName(const mediadb::StackedFrame& frame) {
 
 Json frameJson(const Session& s, const mediadb::StackedFrame& frame) {
     const mediadb::PageElement& e = mediadb::elementOf(frame);
-    Json j = {{"kind", kindName(frame)},
-              {"position", {e.position[0], e.position[1]}},
-              {"size", {e.size[0], e.size[1]}},
-              {"layer", e.layer},
-              {"rotation", e.rotation},
-              {"error", e.error}};
+    Json j = {{"kind", kindName(frame)},        {"position", {e.position[0], e.position[1]}},
+              {"size", {e.size[0], e.size[1]}}, {"layer", e.layer},
+              {"rotation", e.rotation},         {"error", e.error}};
     if (const auto* p = std::get_if<const mediadb::PictureFrame*>(&frame)) {
         const std::string path =
             (*p)->image.isValid() ? s.library->getImageResourceName((*p)->image).localPath() : "";
@@ -152,8 +149,8 @@ void printSide(const Session& s, const char* which, const mediadb::SubPage& side
             what = "\"" + ((*t)->text.empty() ? (*t)->defaulttext : (*t)->text) + "\"";
         else
             what = j["decoimage"].get<std::string>();
-        std::printf("    %-10s layer %d at %s size %s rotation %g%s  %s\n", kindName(frame), e.layer,
-                    mediadb::bookVectorToString(e.position).c_str(),
+        std::printf("    %-10s layer %d at %s size %s rotation %g%s  %s\n", kindName(frame),
+                    e.layer, mediadb::bookVectorToString(e.position).c_str(),
                     mediadb::bookVectorToString(e.size).c_str(), e.rotation,
                     e.error > 0 ? " ERROR" : "", what.c_str());
     }
@@ -176,9 +173,9 @@ int showBook(const BookOptions& o, Session& s, const BookBag& book) {
         std::printf("%s\n", j.dump(2).c_str());
         return 0;
     }
-    std::printf("%s: theme '%s', variant '%s', %zu double pages, %zu images\n",
-                book.name().c_str(), book.theme().c_str(), book.variant().c_str(),
-                book.pages().size(), book.images().size());
+    std::printf("%s: theme '%s', variant '%s', %zu double pages, %zu images\n", book.name().c_str(),
+                book.theme().c_str(), book.variant().c_str(), book.pages().size(),
+                book.images().size());
     for (const mediadb::BookSpread& spread : spreads) {
         std::printf("%s\n", spread.title.c_str());
         printSide(s, "left", spread.page->left_page);
@@ -256,10 +253,11 @@ int newBook(const BookOptions& o, Session& s) {
         static_cast<Book&>(*bag).copy(book);
         // Every picture enters the bag: those without a frame are kept as its remaining images.
         if (!pictures.empty()) bag->add(pictures);
-        std::printf("%s: %zu double pages, %zu of %zu picture frames filled, %zu pictures left "
-                    "over\n",
-                    s.library->getBagResourceName(id).localPath().c_str(), book.pages().size(),
-                    filled, frames, pictures.size() - filled);
+        std::printf(
+            "%s: %zu double pages, %zu of %zu picture frames filled, %zu pictures left "
+            "over\n",
+            s.library->getBagResourceName(id).localPath().c_str(), book.pages().size(), filled,
+            frames, pictures.size() - filled);
         return 0;
     } catch (const mediadb::UniqueNameException& e) {
         return failure(o, std::string(e.what()) + " (a book named '" + o.args[1] +
@@ -300,10 +298,11 @@ int renderBook(const BookOptions& o, Session& s, const BookBag& book) {
     });
     if (!written) return failure(o, lastProblem(log, "cannot write into '" + o.out + "'"));
     const mediadb::BookRenderCounts& c = renderer.counts();
-    std::printf("%s: %zu pages and index.html; %u pictures, %u empty frames, %u missing pictures, "
-                "%u frames marked faulty\n",
-                o.out.c_str(), mediadb::BookRenderer::spreads(book).size(), c.pictures, c.empty,
-                c.missing, c.errors);
+    std::printf(
+        "%s: %zu pages and index.html; %u pictures, %u empty frames, %u missing pictures, "
+        "%u frames marked faulty\n",
+        o.out.c_str(), mediadb::BookRenderer::spreads(book).size(), c.pictures, c.empty, c.missing,
+        c.errors);
     int status = 0;
     for (const std::string& file : c.missingFiles)
         status = reportBad(o.command.c_str(), file, "missing or unreadable; its frame is marked");

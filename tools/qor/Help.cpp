@@ -119,8 +119,9 @@ const OptionInfo kBookOptions[] = {
      "page with \"left\" and \"right\", each side with its \"frames\" in stacking order"},
     {"--layout", "FILE", "new: the .layout template the book is made from (required)"},
     {"--from", "BAG", "new: fill the template's empty picture frames with this bag's pictures"},
-    {"-o", "OUT", "render: the folder the pages and index.html go into, made when missing "
-                  "(required)"},
+    {"-o", "OUT",
+     "render: the folder the pages and index.html go into, made when missing "
+     "(required)"},
     {"--cache", "CACHEDIR",
      "render: the thumbnail cache, CACHEDIR/thumbnails (default: the library's .cache folder)"},
     {"--theme-dir", "DIR",

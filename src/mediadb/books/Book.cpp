@@ -450,7 +450,6 @@ void writeFrame(NodeIterator& node, const Decoration& frame, const BookIdToStrin
         .appendAttribute("scalefactor", frame.scalefactor);
 }
 
-
 }  // namespace
 
 std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage) {

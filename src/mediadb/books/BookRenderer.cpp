@@ -66,11 +66,20 @@ std::string htmlEscaped(std::string_view text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -146,8 +155,8 @@ BookRenderer::Geometry BookRenderer::geometryOf(const Book& book) const {
         g.pictureX = w / 1000.0;
         g.pictureY = h / 1000.0;
     } else {
-        const double scale = std::min(extentX > 0.0 ? w / extentX : 1.0,
-                                      extentY > 0.0 ? h / extentY : 1.0);
+        const double scale =
+            std::min(extentX > 0.0 ? w / extentX : 1.0, extentY > 0.0 ? h / extentY : 1.0);
         g.frameX = g.frameY = g.pictureX = g.pictureY = scale;
     }
     return g;
@@ -262,10 +271,10 @@ void BookRenderer::drawPicture(CanvasSVG& canvas, const PictureFrame& frame, dou
     if (frame.pictureSize[0] > 0 && frame.pictureSize[1] > 0)
         picture = SvgBox{frame.pictureOffset[0] * g.pictureX, frame.pictureOffset[1] * g.pictureY,
                          frame.pictureSize[0] * g.pictureX, frame.pictureSize[1] * g.pictureY};
-    const CanvasSVG::Group turned = canvas.group(
-        SvgTransform().rotate(frame.pictureRotation, picture.x + picture.width / 2.0,
-                              picture.y + picture.height / 2.0),
-        std::clamp(frame.alpha, 0.0, 1.0));
+    const CanvasSVG::Group turned =
+        canvas.group(SvgTransform().rotate(frame.pictureRotation, picture.x + picture.width / 2.0,
+                                           picture.y + picture.height / 2.0),
+                     std::clamp(frame.alpha, 0.0, 1.0));
     canvas.embedImage(picture, *bytes, SvgFit::Slice);
 }
 
@@ -278,16 +287,19 @@ void BookRenderer::drawText(CanvasSVG& canvas, const TextFrame& frame, double w,
     const std::string& text = placeholder ? frame.defaulttext : frame.text;
     if (text.empty()) return;
     // As large as the frame's height allows, smaller when the line would not fit its width (an
-    // average glyph is about 0.55 of the size wide).
-    const double size = std::max(
-        1.0, std::min(h * 0.6, w / (0.55 * double(std::max<size_t>(text.size(), 1)))));
+    // average glyph of a sans-serif font is about 0.62 of the size wide, 0.7 in bold).
+    const bool bold = frame.textstyle == "title";
     const double pad = std::min(w, h) * 0.05;
+    const double glyph = bold ? 0.7 : 0.62;
+    const double size = std::max(
+        1.0,
+        std::min(h * 0.6, (w - 2.0 * pad) / (glyph * double(std::max<size_t>(text.size(), 1)))));
     SvgFont font{.size = size};
     SvgColor color = parseColor(frame.textcolor, SvgColor::rgb(0x000000));
     if (placeholder) color.alpha = 0.5;
     font.fill = color;
     font.italic = placeholder;
-    font.bold = frame.textstyle == "title";
+    font.bold = bold;
     double x = pad;
     switch (frame.alignment & AlignHorizontalMask) {
         case AlignRight:
@@ -337,8 +349,10 @@ const std::string& BookRenderer::pictureBytes(ResourceID id) {
     const std::string path = _images->resourceManager().localPath(id);
     const imagecache::Thumbnail thumb = _images->get(id, _options.pictureSide);
     if (thumb.placeholder || !thumb.image) {
-        QOR_LOG(LogWarning, "BookRenderer: the picture '%*' is missing or unreadable; its frame is "
-                "marked", path);
+        QOR_LOG(LogWarning,
+                "BookRenderer: the picture '%*' is missing or unreadable; its frame is "
+                "marked",
+                path);
         _counts.missingFiles.push_back(path);
         return it->second;
     }

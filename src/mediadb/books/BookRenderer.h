@@ -58,18 +58,18 @@ struct BookRenderOptions {
 // background) is left out: books often never set them.
 struct BookSpread {
     BookPageKind kind = BpkPage;
-    unsigned pageNr = 0;             // for BpkPage, the index in Book::pages()
-    std::string fileName;            // "003-page-001.svg": the names sort in book order
-    std::string title;               // "Double page 1 (1 | 2)"
-    const Page* page = nullptr;      // points into the book
+    unsigned pageNr = 0;         // for BpkPage, the index in Book::pages()
+    std::string fileName;        // "003-page-001.svg": the names sort in book order
+    std::string title;           // "Double page 1 (1 | 2)"
+    const Page* page = nullptr;  // points into the book
 };
 
 // What a rendering drew, counted over every page drawn so far.
 struct BookRenderCounts {
-    unsigned pictures = 0;  // pictures drawn
-    unsigned empty = 0;     // picture frames without an image
-    unsigned missing = 0;   // picture frames whose picture could not be had
-    unsigned errors = 0;    // frames with `error` set
+    unsigned pictures = 0;                  // pictures drawn
+    unsigned empty = 0;                     // picture frames without an image
+    unsigned missing = 0;                   // picture frames whose picture could not be had
+    unsigned errors = 0;                    // frames with `error` set
     std::vector<std::string> missingFiles;  // the files of the missing pictures, each once
 };
 
