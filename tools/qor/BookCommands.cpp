@@ -5,11 +5,16 @@
 //                                                      one SVG per double page and index.html
 // The drawing is the library's BookRenderer; these functions only find the book and report.
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <list>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
@@ -19,6 +24,7 @@
 #include "base/cache/DynamicHDCache.h"
 #include "base/filesystem/Path.h"
 #include "imagecache/thumbnails/ImageCacheDHD.h"
+#include "imagecache/thumbnails/ImageCachePreload.h"
 #include "imagecache/thumbnails/ImageCacheRAM.h"
 #include "imagecache/thumbnails/ImageCacheSource.h"
 #include "imagecache/thumbnails/LargeImageCache.h"
@@ -227,21 +233,21 @@ int newBook(const BookOptions& o, Session& s) {
         picturesOf(*from->rootNode(), pictures);
     }
     auto next = pictures.cbegin();
-    size_t frames = book.getPictures().size(), filled = 0;
-    mediadb::Page page = book.cover();
-    filled += fillPage(page, next, pictures.cend());
-    book.setCover(page);
-    page = book.insideFront();
-    filled += fillPage(page, next, pictures.cend());
-    book.setInsideFront(page);
-    page = book.insideBack();
-    filled += fillPage(page, next, pictures.cend());
-    book.setInsideBack(page);
-    page = book.dustJacket();
-    filled += fillPage(page, next, pictures.cend());
-    book.setDustJacket(page);
+    const size_t frames = book.getPictures().size();
+    size_t filled = 0;
+    using Getter = const mediadb::Page& (Book::*)() const;
+    using Setter = void (Book::*)(const mediadb::Page&);
+    const std::pair<Getter, Setter> covers[] = {{&Book::cover, &Book::setCover},
+                                                {&Book::insideFront, &Book::setInsideFront},
+                                                {&Book::insideBack, &Book::setInsideBack},
+                                                {&Book::dustJacket, &Book::setDustJacket}};
+    for (const auto& [get, set] : covers) {
+        mediadb::Page page = (book.*get)();
+        filled += fillPage(page, next, pictures.cend());
+        (book.*set)(page);
+    }
     for (unsigned i = 0; i < book.pages().size(); ++i) {
-        page = book.page(i);
+        mediadb::Page page = book.page(i);
         filled += fillPage(page, next, pictures.cend());
         book.setPage(page, i);
     }
@@ -290,8 +296,25 @@ int renderBook(const BookOptions& o, Session& s, const BookBag& book) {
     mediadb::BookRenderOptions options;
     options.pictureSide = imagecache::kScreenPreviewSide;
     options.themeDir = o.themeDir;
-    mediadb::BookRenderer renderer(&previews, options);
     const bool bar = progressBarWanted();
+    {
+        // The previews are made ahead on the thread pool into the disk cache, each once.
+        std::vector<imagecache::ImageCachePreload::Item> items;
+        std::set<int32_t> seen;
+        for (const mediadb::PictureFrame& frame : book.getPictures())
+            if (frame.image.isValid() && seen.insert(frame.image.id()).second)
+                items.push_back({frame.image, imagecache::kScreenPreviewSide});
+        imagecache::ImageCachePreload preload(&disk);
+        preload.setList(items);
+        for (size_t drawn = ~size_t(0);;) {
+            const imagecache::ImageCachePreload::Progress p = preload.progress();
+            if (bar && p.done != drawn) drawProgressBar(drawn = p.done, p.total, "pictures", false);
+            if (p.done >= p.total) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (bar) drawProgressBar(items.size(), items.size(), "pictures", true);
+    }
+    mediadb::BookRenderer renderer(&previews, options);
     const LogCapture log(false);
     const bool written = renderer.renderBook(book, o.out, [&](size_t done, size_t total) {
         if (bar) drawProgressBar(done, total, "pages", done == total);
