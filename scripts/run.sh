@@ -159,3 +159,15 @@ status=0
 mkdir -p "$SAMPLES/empty-card"
 "$QOR" import "$SAMPLES/empty-card" --library "$LIB" || status=$?
 [ "$status" -eq 1 ] || { echo "qor import of an empty folder: exit status $status, not 1" >&2; exit 1; }
+# A photo book: the template samples/book.layout filled with the pictures of a collection (the
+# tower and the card's JPEGs), shown, and rendered to one SVG per double page with an index.html.
+# A template that is no book layout is refused with exit status 1.
+"$QOR" bag add Favourites "$LIB"/2024/2024-06-0*/IMG_000[1-6].JPG --library "$LIB"
+"$QOR" book new "Harbour book" --layout samples/book.layout --from Favourites --library "$LIB"
+"$QOR" book show "Harbour book" --library "$LIB"
+"$QOR" book show "Harbour book" --json --library "$LIB" >"$SAMPLES/book.json"
+"$QOR" book render "Harbour book" -o "$SAMPLES/book" --library "$LIB"
+ls "$SAMPLES/book"
+status=0
+"$QOR" book new Broken --layout "$SAMPLES/card/DCIM/notes.txt" --library "$LIB" || status=$?
+[ "$status" -eq 1 ] || { echo "qor book new with a bad template: exit status $status, not 1" >&2; exit 1; }

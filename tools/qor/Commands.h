@@ -80,5 +80,6 @@ int runLs(const std::vector<std::string>& args);
 int runBag(const std::vector<std::string>& args);
 int runStars(const std::vector<std::string>& args);
 int runImport(const std::vector<std::string>& args);
+int runBook(const std::vector<std::string>& args);
 
 }  // namespace qor::tool

@@ -112,6 +112,22 @@ const OptionInfo kImportOptions[] = {
      "\"not_imported\" (paths)"},
 };
 
+const OptionInfo kBookOptions[] = {
+    {"--library", "DIR", kLibraryText},
+    {"--json", nullptr,
+     "show: print one JSON object: \"theme\", \"variant\", the covers and \"pages\", each "
+     "page with \"left\" and \"right\", each side with its \"frames\" in stacking order"},
+    {"--layout", "FILE", "new: the .layout template the book is made from (required)"},
+    {"--from", "BAG", "new: fill the template's empty picture frames with this bag's pictures"},
+    {"-o", "OUT",
+     "render: the folder the pages and index.html go into, made when missing "
+     "(required)"},
+    {"--cache", "CACHEDIR",
+     "render: the thumbnail cache, CACHEDIR/thumbnails (default: the library's .cache folder)"},
+    {"--theme-dir", "DIR",
+     "render: where the template's background and decoration images (PNG, JPEG) lie"},
+};
+
 const CommandInfo kCommands[] = {
     {"help",
      "list the subcommands, or show the help of one",
@@ -254,6 +270,23 @@ const CommandInfo kCommands[] = {
      "when some files were not imported; 1 when it could not (\"No images to import.\"); "
      "Ctrl-C cancels, keeps what was imported and saves the library (exit status 130).",
      kImportOptions, "qor import /media/card/DCIM --library ~/Photos", runImport},
+    {"book", "show, make or render a photo book",
+     "show BAG [--json] | new NAME --layout FILE [--from BAG] | render BAG -o OUT [--cache "
+     "CACHEDIR] [--theme-dir DIR]",
+     "'show' lists a book's double pages (dust jacket, cover, inside covers, pages) with the "
+     "frames of each side from the bottom layer up: kind, layer, position, size, rotation, the "
+     "picture's file (marked when missing), the text or the decoration, and ERROR for a frame "
+     "marked faulty. 'new' makes a picturebook bag named NAME from a .layout template and prints "
+     "its file; a template that cannot be read is refused with one line. With --from the "
+     "template's empty picture frames get the bag's pictures in the bag's order (of a family only "
+     "its first picture), covers first, then the pages: when there are more frames than "
+     "pictures the last frames stay empty, when there are more pictures than frames the rest are "
+     "kept in the book as pictures not placed yet. 'render' writes one SVG file per double page "
+     "into OUT, named so that they sort in book order, with the pictures embedded from the "
+     "thumbnail cache, and an index.html that shows them all; empty frames are grey, a picture "
+     "that is missing is marked with a cross (one line on standard error and exit status 1, the "
+     "pages are still written), a frame marked faulty gets a red outline and a red sign.",
+     kBookOptions, "qor book render Summer -o summer-pages --library ~/Photos", runBook},
     {"gpuinfo",
      "the GL renderer, its version, capability bits and uniqueId",
      "",

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
-#include <limits>
 #include <optional>
 
 #include "base/Log.h"
@@ -451,18 +450,24 @@ void writeFrame(NodeIterator& node, const Decoration& frame, const BookIdToStrin
         .appendAttribute("scalefactor", frame.scalefactor);
 }
 
-// The head of one frame list in the merge; an exhausted list ranks above every layer.
-template <class Frame>
-struct Head {
-    const std::vector<Frame>& frames;
-    size_t next = 0;
-    bool done() const { return next >= frames.size(); }
-    long long layer() const {
-        return done() ? std::numeric_limits<long long>::max() : frames[next].layer;
-    }
-};
-
 }  // namespace
+
+std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage) {
+    std::vector<StackedFrame> out;
+    out.reserve(subPage.texts.size() + subPage.pictures.size() + subPage.decorations.size());
+    for (const TextFrame& frame : subPage.texts) out.emplace_back(&frame);
+    for (const PictureFrame& frame : subPage.pictures) out.emplace_back(&frame);
+    for (const Decoration& frame : subPage.decorations) out.emplace_back(&frame);
+    // Stable: of equal layers, texts before pictures before decorations, each list in its order.
+    std::stable_sort(out.begin(), out.end(), [](const StackedFrame& a, const StackedFrame& b) {
+        return elementOf(a).layer < elementOf(b).layer;
+    });
+    return out;
+}
+
+const PageElement& elementOf(const StackedFrame& frame) {
+    return *std::visit([](const auto* f) -> const PageElement* { return f; }, frame);
+}
 
 void subPageToXML(const SubPage& subPage, NodeIterator& node, const BookIdToString& idToString) {
     NodeIterator xml = node.appendChild("subpage");
@@ -472,22 +477,9 @@ void subPageToXML(const SubPage& subPage, NodeIterator& node, const BookIdToStri
         .appendAttribute("bgimage", subPage.bgimage)
         .appendAttribute("offset", subPage.offset)
         .appendAttribute("flippable", subPage.flippable ? "yes" : "no");
-
-    // Merge the three lists by layer so that document order is stacking order. Of equal layers,
-    // texts come first, then pictures, then decorations.
-    Head<TextFrame> texts{subPage.texts};
-    Head<PictureFrame> pictures{subPage.pictures};
-    Head<Decoration> decorations{subPage.decorations};
-    while (!texts.done() || !pictures.done() || !decorations.done()) {
-        long long lowest = std::min({texts.layer(), pictures.layer(), decorations.layer()});
-        if (texts.layer() == lowest)
-            writeFrame(xml, texts.frames[texts.next++], idToString);
-        else if (pictures.layer() == lowest)
-            writeFrame(xml, pictures.frames[pictures.next++], idToString);
-        else
-            writeFrame(xml, decorations.frames[decorations.next++], idToString);
-    }
-    QOR_ASSERT(texts.done() && pictures.done() && decorations.done());
+    // Document order is stacking order.
+    for (const StackedFrame& frame : framesInStackingOrder(subPage))
+        std::visit([&](const auto* f) { writeFrame(xml, *f, idToString); }, frame);
 }
 
 void Book::toXML(NodeIterator& node, const BookIdToString& idToString) const {

@@ -36,6 +36,7 @@
 
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "base/ResourceID.h"
@@ -247,7 +248,15 @@ private:
     BookViewState _currentViewState = 0;
 };
 
-// Appends a `subpage` element for `subPage` to `node`, its frames merged by layer.
+// A frame of a side, of any of the three kinds.
+using StackedFrame = std::variant<const TextFrame*, const PictureFrame*, const Decoration*>;
+// The frames of a side from the bottom up, by layer (a list need not be sorted); of equal layers
+// texts come first, then pictures, then decorations, each list in its own order. The pointers
+// point into `subPage`.
+std::vector<StackedFrame> framesInStackingOrder(const SubPage& subPage);
+const PageElement& elementOf(const StackedFrame& frame);
+
+// Appends a `subpage` element for `subPage` to `node`, its frames in stacking order.
 void subPageToXML(const SubPage& subPage, NodeIterator& node, const BookIdToString& idToString);
 // Reads a `subpage` element. Forgiving: what cannot be read is logged and left at its default.
 SubPage subPageFromXML(const NodeIterator& node, const BookStringToId& stringToId);
