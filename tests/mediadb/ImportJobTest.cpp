@@ -68,7 +68,10 @@ TEST_F(ImportJobTest, CopiesACardWithItsRawAndJpegPairAsAFamily) {
     EXPECT_EQ(job->currentNumber(), 3u);
     {
         std::lock_guard<std::mutex> lock(statesMutex);
-        EXPECT_EQ(states, (std::vector<std::string>{"ReadingMetadata", "Copying"}));
+        // Updates sent before OnJobAdded is emitted are dropped, and a quick worker may send
+        // "ReadingMetadata" that early: it may be missing, never out of order.
+        const std::vector<std::string> both{"ReadingMetadata", "Copying"}, copying{"Copying"};
+        EXPECT_TRUE(states == both || states == copying) << ::testing::PrintToString(states);
     }
 
     // The raw file is the original of the family, the JPEG its member.
