@@ -63,6 +63,26 @@ inline std::vector<std::string> filesBelow(const std::string& folder) {
     return files;
 }
 
+// Holds the job manager's dispatcher until opened: a job added behind it starts only after
+// addJob has announced it, so that a test sees all its updates as they come.
+class GateJob : public LibraryJob {
+public:
+    void run() override {
+        std::unique_lock<std::mutex> lock(_gate);
+        _opened.wait(lock, [&] { return _open; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> lock(_gate);
+        _open = true;
+        _opened.notify_all();
+    }
+
+private:
+    std::mutex _gate;
+    std::condition_variable _opened;
+    bool _open = false;
+};
+
 class ImportFixture : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -111,7 +131,8 @@ protected:
         return dynamic_ptr_cast<const ContainerBag>(library->bag(id));
     }
 
-    // Schedules the job and waits (at most 60 s) for its OnJobDone; false when it did not come.
+    // Schedules the job, started only once announced, and waits (at most 60 s) for its
+    // OnJobDone; false when it did not come.
     bool runToEnd(const SharedPtr<ImportJob>& job) {
         std::mutex mutex;
         std::condition_variable done;
@@ -122,7 +143,10 @@ protected:
             ended = true;
             done.notify_all();
         });
+        auto gate = std::make_shared<GateJob>();
+        jobs.addJob(gate);
         jobs.addJob(job);
+        gate->open();
         std::unique_lock<std::mutex> lock(mutex);
         return done.wait_for(lock, std::chrono::seconds(60), [&] { return ended; });
     }

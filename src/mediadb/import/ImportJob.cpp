@@ -624,7 +624,7 @@ void ImportJob::finalize(const SharedPtr<LibraryJob>& job, ResourceSequence&) {
 bool ImportJob::isSameJob(const SharedPtr<thread::CompositeJob>& other) const {
     if (other.get() == this) return true;
     auto* job = dynamic_cast<const ImportJob*>(other.get());
-    if (!job || job->_taskType != _taskType || job->destinationBagId() != destinationBagId() ||
+    if (!job || isDone() || job->isDone() || job->_taskType != _taskType || job->destinationBagId() != destinationBagId() ||
         job->_scan != _scan)
         return false;
     if (_scan) return job->_urls == _urls;

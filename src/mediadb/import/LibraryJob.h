@@ -37,6 +37,10 @@ public:
     virtual void onCanceled() {}
 
     bool detached() const { return _detached.load(std::memory_order_acquire); }
+    // True once the manager counts the job done (its OnJobDone is emitted or being emitted). A
+    // detached job may be done while the dispatcher still runs its run(): isSameJob says false
+    // for a done job, so that the same work asked again is run again, not given the ended job.
+    bool isDone() const { return _done.load(std::memory_order_acquire); }
     LibraryJobManager* manager() const { return _manager.load(std::memory_order_acquire); }
 
 protected:
@@ -58,6 +62,7 @@ private:
     std::atomic<LibraryJobManager*> _manager{nullptr};  // set by addJob
     WeakSharedPtr<LibraryJob> _thisRef;                 // set by addJob
     std::atomic<bool> _detached{false};
+    std::atomic<bool> _done{false};  // set by the manager
     std::atomic<bool> _cancelRequested{false};
 };
 

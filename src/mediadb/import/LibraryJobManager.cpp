@@ -50,7 +50,11 @@ SharedPtr<LibraryJob> LibraryJobManager::addJob(const SharedPtr<LibraryJob>& job
         }
         job->_manager.store(this, std::memory_order_release);
         job->_thisRef = job;
-        _jobs.push_back(Entry{job.get(), job, false, false, false, std::this_thread::get_id()});
+        Entry entry;
+        entry.job = job.get();
+        entry.ref = job;
+        entry.adder = std::this_thread::get_id();
+        _jobs.push_back(std::move(entry));
     }
     // An equal job may be queued or running already; the dispatcher answers with that one.
     SharedPtr<thread::CompositeJob> given = _dispatcher.addJob(job);
@@ -64,15 +68,17 @@ SharedPtr<LibraryJob> LibraryJobManager::addJob(const SharedPtr<LibraryJob>& job
         return given ? static_ptr_cast<LibraryJob>(given) : job;
     }
     OnJobAdded.emit(job);
-    bool doneAlready = false;
+    bool doneAlready = false, updatedAlready = false;
     {
         ScopedLock lock(_mutex);
         if (Entry* e = find(job.get())) {
             e->announced = true;
             doneAlready = e->doneDeferred;
+            updatedAlready = e->updateDeferred;
         }
         _doneCondition.notifyAll();  // a waiter may have waited for the announcement
     }
+    if (updatedAlready) OnJobUpdated.emit(job);
     if (doneAlready) emitDoneAndRemove(job);
     return job;
 }
@@ -130,11 +136,14 @@ void LibraryJobManager::shutdown() {
 void LibraryJobManager::notifyJobUpdated(const SharedPtr<LibraryJob>& job) {
     if (!job) return;
     {
-        // A job may start before addJob has emitted OnJobAdded; its updates until then are
-        // dropped (OnJobAdded's slots read the state as it is).
+        // A job may start before addJob has emitted OnJobAdded; its updates until then become
+        // one, which addJob emits after OnJobAdded (the slots read the state as it is then).
         ScopedLock lock(_mutex);
         Entry* e = find(job.get());
-        if (e && !e->announced) return;
+        if (e && !e->announced) {
+            e->updateDeferred = true;
+            return;
+        }
     }
     OnJobUpdated.emit(job);
 }
@@ -162,6 +171,7 @@ void LibraryJobManager::jobDone(const SharedPtr<LibraryJob>& job) {
         Entry* e = find(job.get());
         if (!e || e->done) return;  // not ours, or done once already
         e->done = true;
+        job->_done.store(true, std::memory_order_release);
         if (!e->announced) {
             e->doneDeferred = true;  // addJob emits OnJobDone after OnJobAdded
             return;

@@ -6,16 +6,18 @@
 // job was dropped from the queue) for a job that is not detached, notifyDone for one that is; or
 // until it is destructed. OnJobDone is emitted once per job, when it leaves the set by being done.
 //
-// Threads: OnJobAdded runs on the thread of addJob; OnJobUpdated on the job's thread; OnJobDone on
-// the dispatcher's thread, the detached work's thread (notifyDone) or the cancelling thread (a
-// queued job dropped). Signals are emitted with no lock held.
+// Threads: OnJobAdded runs on the thread of addJob; OnJobUpdated on the job's thread (or addJob's,
+// see below); OnJobDone on the dispatcher's thread, the detached work's thread (notifyDone) or the
+// cancelling thread (a queued job dropped). Signals are emitted with no lock held.
 //
 // Order of the signals: OnJobAdded before OnJobDone for one job, even when the job ends before
-// addJob has emitted OnJobAdded (its OnJobDone is then emitted by addJob, after OnJobAdded; its
-// updates until then are dropped, OnJobAdded's slots read the state as it is). A job
-// counts as left the set only after its OnJobDone slots returned, so cancelJob(wait), cancelAll(
-// wait) and shutdown return after them; isInProcess and getScheduledJobs already leave out a job
-// whose OnJobDone is being emitted.
+// addJob has emitted OnJobAdded (its OnJobDone is then emitted by addJob, after OnJobAdded). The
+// updates a job sends before OnJobAdded become one OnJobUpdated, emitted by addJob right after
+// OnJobAdded: a slot sees the job's latest state, never an update of a job it was not told of,
+// and no job that has sent an update ends without one reaching the slots. A job counts as left
+// the set only after its OnJobDone slots returned, so cancelJob(wait), cancelAll(wait) and
+// shutdown return after them; isInProcess and getScheduledJobs already leave out a job whose
+// OnJobDone is being emitted.
 //
 // Locks: _mutex guards the set (one ordered list, which is also the scheduled list) and the
 // shutting-down flag; _doneCondition is signalled whenever a job leaves the set. _mutex is a leaf:
@@ -78,6 +80,7 @@ private:
         bool announced = false;         // OnJobAdded emitted
         bool done = false;              // done: OnJobDone emitted now or deferred
         bool doneDeferred = false;      // done before OnJobAdded: addJob emits OnJobDone
+        bool updateDeferred = false;    // updated before OnJobAdded: addJob emits OnJobUpdated
         std::thread::id adder;          // the thread that emits OnJobAdded
     };
 
