@@ -25,6 +25,8 @@ PACKAGES=(
     # SVG files (diagnostics, book previews) are checked by rendering them with rsvg-convert;
     # their text needs a font
     librsvg2-bin fonts-dejavu-core
+    # the book previews' index page is checked by a screenshot in headless Chromium
+    chromium
     # OpenGL headless through EGL on Mesa (llvmpipe)
     libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri libepoxy-dev libglu1-mesa-dev
 )

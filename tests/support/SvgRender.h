@@ -1,9 +1,11 @@
 #pragma once
-// SVG files checked by a renderer no one here wrote: rsvg-convert (librsvg2-bin, installed by
-// scripts/setup.sh) turns them into PNG, which libpng reads back as 8-bit RGBA. A missing
-// rsvg-convert fails the test that asks for it. Tests that use this link libpng.
+// SVG files and HTML pages checked by renderers no one here wrote: rsvg-convert (librsvg2-bin)
+// turns an SVG file into PNG, headless Chromium takes a screenshot of a page; libpng reads the
+// result back as 8-bit RGBA. scripts/setup.sh installs both; a missing one fails the test that
+// asks for it. Tests that use this link libpng.
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <png.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -82,24 +84,51 @@ inline bool writePng(const std::string& path, int width, int height,
     return png_image_write_to_file(&image, path.c_str(), 0, rgba.data(), 0, nullptr) != 0;
 }
 
-// Renders `svg` into `png` with rsvg-convert at the SVG's own size. Fails the test (and returns
-// false) when rsvg-convert is missing or rejects the file.
-inline bool renderSvg(const std::string& svg, const std::string& png) {
-    const char* argv[] = {"rsvg-convert", "--format=png", "-o", png.c_str(), svg.c_str(), nullptr};
+// Runs argv[0] (found on PATH) with its output to /dev/null and waits for it. Fails the test (and
+// returns false) when it cannot be run or exits with another status than 0; `package` names what
+// installs it.
+inline bool runTool(const std::vector<std::string>& args, const char* package) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = 0;
-    const int spawned = posix_spawnp(&pid, "rsvg-convert", nullptr, nullptr,
-                                     const_cast<char* const*>(argv), environ);
+    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
     if (spawned != 0) {
-        ADD_FAILURE() << "rsvg-convert cannot be run (" << std::strerror(spawned)
-                      << "); scripts/setup.sh installs it (Debian: librsvg2-bin)";
+        ADD_FAILURE() << args[0] << " cannot be run (" << std::strerror(spawned)
+                      << "); scripts/setup.sh installs it (Debian: " << package << ")";
         return false;
     }
     int status = 0;
     if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        ADD_FAILURE() << "rsvg-convert failed on " << svg << " (status " << status << ")";
+        ADD_FAILURE() << args[0] << " failed on " << args.back() << " (status " << status << ")";
         return false;
     }
     return true;
+}
+
+// Renders `svg` into `png` with rsvg-convert at the SVG's own size. Fails the test (and returns
+// false) when rsvg-convert is missing or rejects the file.
+inline bool renderSvg(const std::string& svg, const std::string& png) {
+    return runTool({"rsvg-convert", "--format=png", "-o", png, svg}, "librsvg2-bin");
+}
+
+// A screenshot of the page `html` (a file) as headless Chromium shows it in a window of
+// width x height, into `png`; `profile` is an empty folder for the browser's own files. The
+// flags keep Chromium off the network, which a test machine may not have.
+inline bool screenshotPage(const std::string& html, const std::string& png, int width, int height,
+                           const std::string& profile) {
+    return runTool({"timeout", "120", "chromium", "--headless", "--no-sandbox", "--disable-gpu",
+                    "--disable-quic", "--no-first-run", "--disable-background-networking",
+                    "--disable-component-update", "--disable-sync", "--hide-scrollbars",
+                    "--user-data-dir=" + profile, "--screenshot=" + png,
+                    "--window-size=" + std::to_string(width) + "," + std::to_string(height),
+                    "file://" + html},
+                   "chromium");
 }
 
 // renderSvg, then readPng.

@@ -1,5 +1,5 @@
 // qor book new, show and render, run as the program itself on a library made here; the pages it
-// renders are checked with rsvg-convert.
+// renders are checked with rsvg-convert, their index with headless Chromium.
 
 #include <gtest/gtest.h>
 
@@ -77,6 +77,32 @@ protected:
         return names;
     }
 
+    // The index as a browser shows it: the double page whole, the red side left of the blue.
+    void expectIndexShowsThePage(const std::string& out) {
+        const std::string shot = folder.path() + "/index.png";
+        ASSERT_TRUE(qor::test::screenshotPage(out + "/index.html", shot, 1100, 700,
+                                              folder.path() + "/browser"));
+        const qor::test::RgbaPicture seen = qor::test::readPng(shot);
+        ASSERT_EQ(seen.width, 1100);
+        ASSERT_EQ(seen.height, 700);
+        int reds = 0, blues = 0, redRight = 0, blueLeft = seen.width;
+        for (int y = 0; y < seen.height; ++y) {
+            for (int x = 0; x < seen.width; ++x) {
+                if (qor::test::near(seen.at(x, y), 0xff0000)) {
+                    ++reds;
+                    redRight = std::max(redRight, x);
+                } else if (qor::test::near(seen.at(x, y), 0x0000ff)) {
+                    ++blues;
+                    blueLeft = std::min(blueLeft, x);
+                }
+            }
+        }
+        // Each side is 500 x 500 at the page's width of 1000.
+        EXPECT_GT(reds, 200000);
+        EXPECT_GT(blues, 200000);
+        EXPECT_LT(redRight, blueLeft);
+    }
+
     TempFolder folder;
     std::string red, blue, green, layout, library;
 };
@@ -132,6 +158,7 @@ TEST_F(QorBook, RenderDrawsThePicturesAndMarksOneWhoseFileWasRemoved) {
     ASSERT_EQ(page.height, 500);
     EXPECT_COLOR(page, 250, 300, 0xff0000, 8);  // the picture covers the text and decoration
     EXPECT_COLOR(page, 750, 250, 0x0000ff, 8);
+    expectIndexShowsThePage(out);
 
     // The blue picture's file goes; the disk cache still holds its preview from the first run.
     std::filesystem::remove(library + "/Trip/blue.png");
