@@ -160,10 +160,10 @@ TEST_F(BookRendererTest, FaultyEmptyAndMissingFramesAreMarked) {
     EXPECT_EQ(counts.missingFiles, std::vector<std::string>{manager.localPath(gone)});
 }
 
-// How many dark pixels lie in the columns [x0, x1) of the picture.
-int darkPixels(const RgbaPicture& p, int x0, int x1) {
+// How many dark pixels lie in the columns [x0, x1) and rows [y0, y1) of the picture.
+int darkPixels(const RgbaPicture& p, int x0, int x1, int y0 = 0, int y1 = -1) {
     int n = 0;
-    for (int y = 0; y < p.height; ++y)
+    for (int y = y0; y < (y1 < 0 ? p.height : y1); ++y)
         for (int x = x0; x < x1; ++x)
             if (p.at(x, y).r < 100) ++n;
     return n;
@@ -187,6 +187,31 @@ TEST_F(BookRendererTest, TextFollowsItsAlignment) {
     EXPECT_EQ(darkPixels(p, 100, 199), 0);
     EXPECT_EQ(darkPixels(p, 201, 300), 0);
     EXPECT_GT(darkPixels(p, 300, 400), 50);
+}
+
+// Four words fill the 200 x 100 side larger on two lines than on one; a line end in the text
+// breaks it there, so one short word stands in each half of the side.
+TEST_F(BookRendererTest, TextBreaksIntoLinesThatFitItsFrame) {
+    TextFrame words;
+    words.text = "aaaa bbbb cccc dddd";
+    words.textcolor = "#000";
+    words.position = BookVec2d{0.0, 0.0};
+    words.size = BookVec2d{1.0, 1.0};
+    words.alignment = alignmentFromString("Left,Top");
+    page.left_page.texts.push_back(words);
+    TextFrame broken = words;
+    broken.text = "ab\ncd";
+    broken.textstyle = "serif, italic";
+    page.right_page.texts.push_back(broken);
+
+    const RgbaPicture p = render();
+    ASSERT_GT(p.width, 0);
+    EXPECT_GT(darkPixels(p, 0, 200, 0, 45), 200);
+    EXPECT_GT(darkPixels(p, 0, 200, 55, 100), 200);
+    EXPECT_EQ(darkPixels(p, 190, 200), 0);  // nothing overflows the side's padding
+    EXPECT_GT(darkPixels(p, 200, 300, 0, 48), 100);
+    EXPECT_GT(darkPixels(p, 200, 300, 52, 100), 100);
+    EXPECT_EQ(darkPixels(p, 330, 400), 0);  // two letters a line, not four
 }
 
 TEST_F(BookRendererTest, ABookIsWrittenInBookOrderWithAnIndex) {

@@ -1,6 +1,7 @@
 #include "mediadb/books/BookRenderer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <exception>
@@ -55,6 +56,130 @@ SvgColor parseColor(std::string_view text, SvgColor fallback) {
     if (text.size() == 4)
         value = (value >> 8 & 0xf) * 0x110000 + (value >> 4 & 0xf) * 0x1100 + (value & 0xf) * 0x11;
     return SvgColor::rgb(value);
+}
+
+// The distance between the baselines of two lines of text, in font sizes.
+constexpr double kLineSpacing = 1.2;
+
+// The characters of UTF-8 text (its code points).
+size_t characters(std::string_view text) {
+    return size_t(std::count_if(text.begin(), text.end(),
+                                [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+}
+
+// The words of each paragraph of `text` ("\n" ends one); an empty paragraph has none.
+std::vector<std::vector<std::string_view>> paragraphsOf(std::string_view text) {
+    std::vector<std::vector<std::string_view>> out(1);
+    size_t word = std::string_view::npos;
+    for (size_t i = 0; i <= text.size(); ++i) {
+        const bool end = i == text.size();
+        const char c = end ? '\n' : text[i];
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+            if (word != std::string_view::npos) out.back().push_back(text.substr(word, i - word));
+            word = std::string_view::npos;
+            if (c == '\n' && !end) out.emplace_back();
+        } else if (word == std::string_view::npos) {
+            word = i;
+        }
+    }
+    return out;
+}
+
+// Text set in a frame: its lines and their font size.
+struct TextBlock {
+    std::vector<std::string> lines;
+    double size = 1.0;
+};
+
+// The paragraphs' words broken into lines no wider than `width` at font size `size`, reckoning an
+// average glyph of `glyph` sizes; a word wider than a line gets a line of its own.
+std::vector<std::string> wrapped(const std::vector<std::vector<std::string_view>>& paragraphs,
+                                 double width, double size, double glyph) {
+    const double perCharacter = glyph * size;
+    std::vector<std::string> lines;
+    for (const auto& words : paragraphs) {
+        std::string line;
+        size_t used = 0;  // characters on the line
+        for (const std::string_view word : words) {
+            const size_t n = characters(word);
+            if (used > 0 && double(used + 1 + n) * perCharacter > width) {
+                lines.push_back(std::move(line));
+                line.clear();
+                used = 0;
+            }
+            if (used > 0) {
+                line += ' ';
+                ++used;
+            }
+            line += word;
+            used += n;
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+// `text` broken into lines at the largest size (at most 0.6 of the height, for a single line) at
+// which the lines fit the box; at size 1 when none does (the frame then cuts what overflows).
+// Without font metrics, a glyph is reckoned 0.62 of the size wide, 0.7 in bold: a sans-serif
+// font's average.
+TextBlock fitText(std::string_view text, double width, double height, bool bold) {
+    const auto paragraphs = paragraphsOf(text);
+    const double glyph = bold ? 0.7 : 0.62;
+    auto fits = [&](double size, std::vector<std::string>& lines) {
+        lines = wrapped(paragraphs, width, size, glyph);
+        double widest = 0.0;
+        for (const std::string& line : lines) widest = std::max(widest, double(characters(line)));
+        const double tall = size + double(lines.size() - 1) * size * kLineSpacing;
+        return widest * glyph * size <= width && tall <= height;
+    };
+    TextBlock block;
+    double low = 1.0, high = std::max(1.0, height * 0.6);
+    if (!fits(low, block.lines)) return block;
+    std::vector<std::string> lines;
+    if (fits(high, lines)) {
+        block.lines = std::move(lines);
+        low = high;
+    }
+    for (int i = 0; i < 24 && high - low > 0.05; ++i) {
+        const double mid = (low + high) / 2.0;
+        if (fits(mid, lines)) {
+            low = mid;
+            block.lines = std::move(lines);
+        } else {
+            high = mid;
+        }
+    }
+    block.size = low;
+    return block;
+}
+
+// A text frame's `textstyle`: words (separated by blanks, commas or semicolons, in any case) that
+// set the font. "title" and "bold" make it bold, "italic" italic; "serif", "sans" (or
+// "sans-serif") and "monospace" (or "mono") choose the family. Other words are the application's
+// own style names and change nothing here.
+SvgFont fontOfStyle(std::string_view style) {
+    SvgFont font;
+    size_t start = 0;
+    while (start <= style.size()) {
+        size_t end = style.find_first_of(" ,;\t", start);
+        if (end == std::string_view::npos) end = style.size();
+        std::string word(style.substr(start, end - start));
+        std::transform(word.begin(), word.end(), word.begin(),
+                       [](unsigned char c) { return char(std::tolower(c)); });
+        if (word == "title" || word == "bold")
+            font.bold = true;
+        else if (word == "italic")
+            font.italic = true;
+        else if (word == "serif")
+            font.family = "serif";
+        else if (word == "sans" || word == "sans-serif")
+            font.family = "sans-serif";
+        else if (word == "mono" || word == "monospace")
+            font.family = "monospace";
+        start = end + 1;
+    }
+    return font;
 }
 
 bool sideIsEmpty(const SubPage& side) {
@@ -286,20 +411,14 @@ void BookRenderer::drawText(CanvasSVG& canvas, const TextFrame& frame, double w,
     const bool placeholder = frame.text.empty();
     const std::string& text = placeholder ? frame.defaulttext : frame.text;
     if (text.empty()) return;
-    // As large as the frame's height allows, smaller when the line would not fit its width (an
-    // average glyph of a sans-serif font is about 0.62 of the size wide, 0.7 in bold).
-    const bool bold = frame.textstyle == "title";
-    const double pad = std::min(w, h) * 0.05;
-    const double glyph = bold ? 0.7 : 0.62;
-    const double size = std::max(
-        1.0,
-        std::min(h * 0.6, (w - 2.0 * pad) / (glyph * double(std::max<size_t>(text.size(), 1)))));
-    SvgFont font{.size = size};
+    SvgFont font = fontOfStyle(frame.textstyle);
     SvgColor color = parseColor(frame.textcolor, SvgColor::rgb(0x000000));
     if (placeholder) color.alpha = 0.5;
     font.fill = color;
-    font.italic = placeholder;
-    font.bold = bold;
+    font.italic = font.italic || placeholder;
+    const double pad = std::min(w, h) * 0.05;
+    const TextBlock block = fitText(text, w - 2.0 * pad, h - 2.0 * pad, font.bold);
+    font.size = block.size;
     double x = pad;
     switch (frame.alignment & AlignHorizontalMask) {
         case AlignRight:
@@ -313,18 +432,22 @@ void BookRenderer::drawText(CanvasSVG& canvas, const TextFrame& frame, double w,
         default:
             break;
     }
-    double y = pad + size * 0.8;  // the baseline below the cap height
+    const double lineHeight = block.size * kLineSpacing;
+    const double height = lineHeight * double(block.lines.size() - 1) + block.size;
+    double top = pad;  // of the first line's em box
     switch (frame.alignment & AlignVerticalMask) {
         case AlignBottom:
-            y = h - pad - size * 0.2;
+            top = h - pad - height;
             break;
         case AlignVCenter:
-            y = h / 2.0 + size * 0.35;
+            top = (h - height) / 2.0;
             break;
         default:
             break;
     }
-    canvas.text({x, y}, text, font);
+    // Each baseline lies 0.8 of the size below the top of its line's em box.
+    for (size_t i = 0; i < block.lines.size(); ++i)
+        canvas.text({x, top + double(i) * lineHeight + block.size * 0.8}, block.lines[i], font);
 }
 
 void BookRenderer::drawDecoration(CanvasSVG& canvas, const Decoration& frame, double w, double h) {

@@ -18,7 +18,11 @@
 // Marks. A picture frame without an image is drawn empty (light grey, dashed outline). A frame
 // whose picture file is missing or cannot be read is drawn empty with a dark grey cross over it.
 // A frame with `error` set gets a red outline and a red disc with a "!" at its top right corner.
-// Text frames show their text (or their default text, faded and italic) aligned by their flags.
+// Text frames show their text (or their default text, faded and italic) aligned by their flags,
+// broken into lines at blanks and at line ends, at the largest size at which the lines fit the
+// frame; the words of `textstyle` may make it bold ("title", "bold") or italic and choose a serif,
+// sans-serif or monospace family. A frame's `framestyle` and a side's `flippable` and `offset` are
+// the application's editing properties and are not drawn.
 // Side backgrounds (`bgimage`) and decorations (`decoimage`) are PNG or JPEG files looked up in
 // `themeDir`; a decoration without its file is drawn as a dashed box with the file's name.
 //
