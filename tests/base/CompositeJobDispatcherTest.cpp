@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Gate.h"
 #include "base/Log.h"
 #include "base/thread/SynchronousCompositeJobDispatcher.h"
 
@@ -44,30 +45,11 @@ private:
 };
 
 // Holds a job inside run() until opened, or until the job is cancelled.
-class Gate {
+class Gate : public qor::test::Gate {
 public:
     std::function<void(TestJob&)> body() {
-        return [this](TestJob& job) {
-            std::unique_lock<std::mutex> lock(_mutex);
-            _entered = true;
-            _cv.notify_all();
-            while (!_open && !job.isCancelled()) _cv.wait_for(lock, std::chrono::milliseconds(2));
-        };
+        return [this](TestJob& job) { pass([&job] { return job.isCancelled(); }); };
     }
-    void waitEntered() {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _cv.wait(lock, [&] { return _entered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _open = true;
-        _cv.notify_all();
-    }
-
-private:
-    std::mutex _mutex;
-    std::condition_variable _cv;
-    bool _entered = false, _open = false;
 };
 
 // Counts finished callbacks per job and remembers the thread they ran on.

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "../support/Gate.h"
 #include "base/Log.h"
 #include "base/resource/ResourceSequenceWorker.h"
 
@@ -62,7 +63,7 @@ SharedPtr<ResourceSequence> journaled(Journal& journal, const std::string& name,
 }
 
 // Holds the worker inside a step until released.
-class Gate {
+class Gate : public qor::test::Gate {
 public:
     // A sequence of one item whose touch step waits at the gate.
     SharedPtr<ResourceSequence> blocker(int priority = 100) {
@@ -70,27 +71,6 @@ public:
         s->setTouchStep([this](ResourceSequence&, size_t, size_t) { pass(); });
         return s;
     }
-    void pass() {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _entered = true;
-        _cv.notify_all();
-        _cv.wait(lock, [&] { return _open; });
-    }
-    void waitEntered() {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _cv.wait(lock, [&] { return _entered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _open = true;
-        _cv.notify_all();
-    }
-
-private:
-    std::mutex _mutex;
-    std::condition_variable _cv;
-    bool _entered = false;
-    bool _open = false;
 };
 
 std::string end(const std::string& name, SequenceStatus s) {

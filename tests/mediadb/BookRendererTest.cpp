@@ -169,17 +169,20 @@ int darkPixels(const RgbaPicture& p, int x0, int x1, int y0 = 0, int y1 = -1) {
     return n;
 }
 
+// Black text filling a side, aligned by `alignment` ("Left,Top").
+TextFrame blackText(const std::string& text, const std::string& alignment) {
+    TextFrame frame;
+    frame.text = text;
+    frame.textcolor = "#000";
+    frame.position = BookVec2d{0.0, 0.0};
+    frame.size = BookVec2d{1.0, 1.0};
+    frame.alignment = alignmentFromString(alignment);
+    return frame;
+}
+
 TEST_F(BookRendererTest, TextFollowsItsAlignment) {
-    TextFrame left;
-    left.text = "ab";
-    left.textcolor = "#000";
-    left.position = BookVec2d{0.0, 0.0};
-    left.size = BookVec2d{1.0, 1.0};
-    left.alignment = alignmentFromString("Left,Top");
-    page.left_page.texts.push_back(left);
-    TextFrame right = left;
-    right.alignment = alignmentFromString("Right,Bottom");
-    page.right_page.texts.push_back(right);
+    page.left_page.texts.push_back(blackText("ab", "Left,Top"));
+    page.right_page.texts.push_back(blackText("ab", "Right,Bottom"));
 
     const RgbaPicture p = render();
     ASSERT_GT(p.width, 0);
@@ -192,15 +195,8 @@ TEST_F(BookRendererTest, TextFollowsItsAlignment) {
 // Four words fill the 200 x 100 side larger on two lines than on one; a line end in the text
 // breaks it there, so one short word stands in each half of the side.
 TEST_F(BookRendererTest, TextBreaksIntoLinesThatFitItsFrame) {
-    TextFrame words;
-    words.text = "aaaa bbbb cccc dddd";
-    words.textcolor = "#000";
-    words.position = BookVec2d{0.0, 0.0};
-    words.size = BookVec2d{1.0, 1.0};
-    words.alignment = alignmentFromString("Left,Top");
-    page.left_page.texts.push_back(words);
-    TextFrame broken = words;
-    broken.text = "ab\ncd";
+    page.left_page.texts.push_back(blackText("aaaa bbbb cccc dddd", "Left,Top"));
+    TextFrame broken = blackText("ab\ncd", "Left,Top");
     broken.textstyle = "serif, italic";
     page.right_page.texts.push_back(broken);
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/Gate.h"
 #include "CacheTestSupport.h"
 #include "LibraryTestSupport.h"
 #include "base/resource/ResourceSequenceWorker.h"
@@ -67,20 +68,11 @@ inline std::vector<std::string> filesBelow(const std::string& folder) {
 // addJob has announced it, so that a test sees all its updates as they come.
 class GateJob : public LibraryJob {
 public:
-    void run() override {
-        std::unique_lock<std::mutex> lock(_gate);
-        _opened.wait(lock, [&] { return _open; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(_gate);
-        _open = true;
-        _opened.notify_all();
-    }
+    void run() override { _gate.pass(); }
+    void open() { _gate.open(); }
 
 private:
-    std::mutex _gate;
-    std::condition_variable _opened;
-    bool _open = false;
+    qor::test::Gate _gate;
 };
 
 class ImportFixture : public ::testing::Test {
