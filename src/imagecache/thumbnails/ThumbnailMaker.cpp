@@ -10,9 +10,9 @@
 #include "base/Exception.h"
 #include "base/Log.h"
 #include "base/filesystem/RandomAccessFile.h"
-#include "imagecache/thumbnails/detail/ThumbnailPng.h"
 #include "imageio/DecoderRegistry.h"
 #include "imageio/ImageLoader.h"
+#include "imageio/PngMemoryEncoder.h"
 #include "imageio/VideoThumbnail.h"
 #include "imageio/detail/ExifThumbnail.h"
 #include "imageio/detail/JpegCodec.h"
@@ -264,7 +264,10 @@ std::string encodeThumbnail(const imageio::Image4ub& image) {
     std::string bytes;
     if (!opaque) {
         std::string failure;
-        if (!detail::encodePngRGBA(image, &bytes, &failure)) {
+        // Thumbnails are written once and read often; level 6 is zlib's balance of size and time.
+        if (!imageio::encodePngRgba(imageio::PngRgbaRows{image.width(), image.height(), 8,
+                                                         image.row(0), image.byteStride()},
+                                    6, &bytes, &failure)) {
             QOR_LOG(LogError, "encodeThumbnail: PNG of %*x%* failed: %*", image.width(),
                     image.height(), failure);
             bytes.clear();

@@ -1,4 +1,4 @@
-#include "imagecache/thumbnails/detail/ThumbnailPng.h"
+#include "imageio/PngMemoryEncoder.h"
 
 #include <png.h>
 
@@ -6,7 +6,7 @@
 #include <memory>
 #include <new>
 
-namespace qor::imagecache::detail {
+namespace qor::imageio {
 
 namespace {
 
@@ -24,7 +24,7 @@ struct PngWriteState {
     }
 };
 
-void writeData(png_structp png, png_bytep data, png_size_t length) {
+void appendData(png_structp png, png_bytep data, png_size_t length) {
     auto* state = static_cast<PngWriteState*>(png_get_io_ptr(png));
     try {
         state->out->append(reinterpret_cast<const char*>(data), length);
@@ -34,7 +34,7 @@ void writeData(png_structp png, png_bytep data, png_size_t length) {
     }
 }
 
-void flushData(png_structp) {}
+void flushNothing(png_structp) {}
 
 void failed(png_structp png, png_const_charp message) {
     auto* state = static_cast<PngWriteState*>(png_get_error_ptr(png));
@@ -45,24 +45,32 @@ void failed(png_structp png, png_const_charp message) {
 void warned(png_structp, png_const_charp) {}
 
 // The encoding itself; holds no object with a destructor, since libpng may long-jump out.
-bool writeRows(PngWriteState& s, const imageio::Image4ub& image) {
+bool encodeRows(PngWriteState& s, const PngRgbaRows& rows, int level) {
     if (setjmp(png_jmpbuf(s.png))) return false;
-    png_set_write_fn(s.png, &s, writeData, flushData);
-    png_set_IHDR(s.png, s.info, png_uint_32(image.width()), png_uint_32(image.height()), 8,
-                 PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    // Thumbnails are written once and read often; level 6 is zlib's balance of size and time.
-    png_set_compression_level(s.png, 6);
+    png_set_write_fn(s.png, &s, appendData, flushNothing);
+    png_set_IHDR(s.png, s.info, png_uint_32(rows.width), png_uint_32(rows.height),
+                 rows.bitsPerChannel, PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_compression_level(s.png, level);
     png_write_info(s.png, s.info);
-    for (int y = 0; y < image.height(); ++y)
-        png_write_row(s.png, const_cast<png_bytep>(image.row(y)));
+    // PNG holds 16-bit samples big-endian; they come in the machine's order.
+    if (rows.bitsPerChannel == 16) png_set_swap(s.png);
+    const auto* pixels = static_cast<const unsigned char*>(rows.pixels);
+    for (int y = 0; y < rows.height; ++y)
+        png_write_row(s.png, const_cast<png_bytep>(pixels + size_t(y) * rows.byteStride));
     png_write_end(s.png, s.info);
     return true;
 }
 
 }  // namespace
 
-bool encodePngRGBA(const imageio::Image4ub& image, std::string* out, std::string* failure) {
+bool encodePngRgba(const PngRgbaRows& rows, int compressionLevel, std::string* out,
+                   std::string* failure) {
+    if (rows.width <= 0 || rows.height <= 0 || !rows.pixels ||
+        (rows.bitsPerChannel != 8 && rows.bitsPerChannel != 16)) {
+        *failure = "not a picture of 8 or 16 bits RGBA";
+        return false;
+    }
     const auto state = std::make_unique<PngWriteState>();
     state->out = out;
     state->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, state.get(), failed, warned);
@@ -71,10 +79,10 @@ bool encodePngRGBA(const imageio::Image4ub& image, std::string* out, std::string
         *failure = "libpng could not be set up";
         return false;
     }
-    if (writeRows(*state, image)) return true;
+    if (encodeRows(*state, rows, compressionLevel)) return true;
     if (state->outOfMemory) throw std::bad_alloc();
-    *failure = state->failure;
+    *failure = "libpng: " + state->failure;
     return false;
 }
 
-}  // namespace qor::imagecache::detail
+}  // namespace qor::imageio
