@@ -11,10 +11,7 @@ namespace qor::imageio {
 void PngImageLogWriter::write(const std::string& path, const imaging::ImageLogPicture& picture) {
     std::string bytes, failure;
     // A log is written while the engine runs and looked at once: the fastest level.
-    if (!encodePngRgba(PngRgbaRows{picture.width, picture.height, picture.bitsPerChannel,
-                                   picture.pixels, picture.byteStride},
-                       1, &bytes, &failure))
-        throw std::runtime_error(failure);
+    if (!encodePngRgba(picture, 1, &bytes, &failure)) throw std::runtime_error(failure);
     filesystem::writeFileAtomically(path, bytes, false);
 }
 

@@ -45,7 +45,7 @@ void failed(png_structp png, png_const_charp message) {
 void warned(png_structp, png_const_charp) {}
 
 // The encoding itself; holds no object with a destructor, since libpng may long-jump out.
-bool encodeRows(PngWriteState& s, const PngRgbaRows& rows, int level) {
+bool encodeRows(PngWriteState& s, const imaging::RgbaRows& rows, int level) {
     if (setjmp(png_jmpbuf(s.png))) return false;
     png_set_write_fn(s.png, &s, appendData, flushNothing);
     png_set_IHDR(s.png, s.info, png_uint_32(rows.width), png_uint_32(rows.height),
@@ -64,7 +64,7 @@ bool encodeRows(PngWriteState& s, const PngRgbaRows& rows, int level) {
 
 }  // namespace
 
-bool encodePngRgba(const PngRgbaRows& rows, int compressionLevel, std::string* out,
+bool encodePngRgba(const imaging::RgbaRows& rows, int compressionLevel, std::string* out,
                    std::string* failure) {
     if (rows.width <= 0 || rows.height <= 0 || !rows.pixels ||
         (rows.bitsPerChannel != 8 && rows.bitsPerChannel != 16)) {

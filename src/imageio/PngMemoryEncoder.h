@@ -4,24 +4,16 @@
 //
 // Thread contract: each call has its own libpng object; calls run on any threads at once.
 
-#include <cstddef>
 #include <string>
 
-namespace qor::imageio {
+#include "imaging/RgbaRows.h"
 
-// RGBA rows, top row first, of 8 or 16 bits a sample (16-bit samples in the machine's order).
-struct PngRgbaRows {
-    int width = 0;
-    int height = 0;
-    int bitsPerChannel = 8;
-    const void* pixels = nullptr;
-    size_t byteStride = 0;
-};
+namespace qor::imageio {
 
 // `rows` as a PNG, appended to *out, deflated at zlib's `compressionLevel` (0 to 9). Returns false
 // with the reason in *failure when the rows are no picture of 8 or 16 bits or libpng fails (*out
 // is then unspecified). Throws std::bad_alloc.
-bool encodePngRgba(const PngRgbaRows& rows, int compressionLevel, std::string* out,
+bool encodePngRgba(const imaging::RgbaRows& rows, int compressionLevel, std::string* out,
                    std::string* failure);
 
 }  // namespace qor::imageio

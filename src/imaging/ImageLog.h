@@ -35,6 +35,7 @@
 #include <string_view>
 
 #include "imaging/PixelFormat.h"
+#include "imaging/RgbaRows.h"
 #include "math/GenVec.h"
 #include "util/SharedPtr.h"
 
@@ -43,15 +44,8 @@ namespace qor::imaging {
 class ImageSource;
 class ImageTile;
 
-// The pixels handed to an ImageLogWriter: RGBA rows, top row first, of 8 or 16 bits a sample
-// (16-bit samples in the machine's byte order).
-struct ImageLogPicture {
-    int width = 0;
-    int height = 0;
-    int bitsPerChannel = 8;
-    const void* pixels = nullptr;
-    size_t byteStride = 0;
-};
+// The pixels handed to an ImageLogWriter.
+using ImageLogPicture = RgbaRows;
 
 // Writes the pictures of the log as files.
 class ImageLogWriter {

@@ -26,8 +26,8 @@
 #include "mediadb/bags/StandardBagTypes.h"
 #include "mediadb/import/DuplicateManager.h"
 #include "mediadb/import/ImportJob.h"
-#include "mediadb/library/LibraryCacheConnector.h"
 #include "mediadb/import/LibraryJobManager.h"
+#include "mediadb/library/LibraryCacheConnector.h"
 
 namespace qor::mediadb::testing {
 

@@ -4,8 +4,8 @@
 // result back as 8-bit RGBA. scripts/setup.sh installs both; a missing one fails the test that
 // asks for it. Tests that use this link libpng.
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <png.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -122,13 +122,13 @@ inline bool renderSvg(const std::string& svg, const std::string& png) {
 // flags keep Chromium off the network, which a test machine may not have.
 inline bool screenshotPage(const std::string& html, const std::string& png, int width, int height,
                            const std::string& profile) {
-    return runTool({"timeout", "120", "chromium", "--headless", "--no-sandbox", "--disable-gpu",
-                    "--disable-quic", "--no-first-run", "--disable-background-networking",
-                    "--disable-component-update", "--disable-sync", "--hide-scrollbars",
-                    "--user-data-dir=" + profile, "--screenshot=" + png,
-                    "--window-size=" + std::to_string(width) + "," + std::to_string(height),
-                    "file://" + html},
-                   "chromium");
+    return runTool(
+        {"timeout", "120", "chromium", "--headless", "--no-sandbox", "--disable-gpu",
+         "--disable-quic", "--no-first-run", "--disable-background-networking",
+         "--disable-component-update", "--disable-sync", "--hide-scrollbars",
+         "--user-data-dir=" + profile, "--screenshot=" + png,
+         "--window-size=" + std::to_string(width) + "," + std::to_string(height), "file://" + html},
+        "chromium");
 }
 
 // renderSvg, then readPng.

@@ -265,8 +265,8 @@ std::string encodeThumbnail(const imageio::Image4ub& image) {
     if (!opaque) {
         std::string failure;
         // Thumbnails are written once and read often; level 6 is zlib's balance of size and time.
-        if (!imageio::encodePngRgba(imageio::PngRgbaRows{image.width(), image.height(), 8,
-                                                         image.row(0), image.byteStride()},
+        if (!imageio::encodePngRgba(imaging::RgbaRows{image.width(), image.height(), 8,
+                                                      image.row(0), image.byteStride()},
                                     6, &bytes, &failure)) {
             QOR_LOG(LogError, "encodeThumbnail: PNG of %*x%* failed: %*", image.width(),
                     image.height(), failure);

@@ -63,8 +63,9 @@ constexpr double kLineSpacing = 1.2;
 
 // The characters of UTF-8 text (its code points).
 size_t characters(std::string_view text) {
-    return size_t(std::count_if(text.begin(), text.end(),
-                                [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+    return size_t(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
 }
 
 // The words of each paragraph of `text` ("\n" ends one); an empty paragraph has none.

@@ -53,23 +53,22 @@ public:
     // Asked for each duplicate under AskForDuplicates, on the worker's thread: the picture about
     // to be imported (a temporary resource when it came from outside the library) and the library
     // images it duplicates. True imports it anyway.
-    using DuplicateQuestion =
-        Function2<bool, ResourceID, const std::vector<ResourceID>&>;
+    using DuplicateQuestion = Function2<bool, ResourceID, const std::vector<ResourceID>&>;
 
     struct BaseSettings {
-        Library* library = nullptr;                       // not owned
-        ExternalDuplicateManager* duplicates = nullptr;   // not owned; null: no duplicate checks
-        ResourceSequenceWorker* worker = nullptr;         // not owned
-        DuplicateQuestion askDuplicate;                   // null: a duplicate is skipped
-        uint64_t callerWord = 0;                          // the caller's, kept as given
+        Library* library = nullptr;                      // not owned
+        ExternalDuplicateManager* duplicates = nullptr;  // not owned; null: no duplicate checks
+        ResourceSequenceWorker* worker = nullptr;        // not owned
+        DuplicateQuestion askDuplicate;                  // null: a duplicate is skipped
+        uint64_t callerWord = 0;                         // the caller's, kept as given
     };
 
     // A source: a url, or a library image, or a path relative to a bag's folder.
     struct ImageLocation {
-        std::string url;      // empty when the source is a resource
-        ResourceID imageId;   // invalid when the source is a url
+        std::string url;     // empty when the source is a resource
+        ResourceID imageId;  // invalid when the source is a url
         ResourceID bagId;
-        std::string path;     // relative to the bag's folder
+        std::string path;  // relative to the bag's folder
     };
 
     // Sources scanned from `bag`'s own folder (AdoptAfterScan: the files there that the bag lacks);
