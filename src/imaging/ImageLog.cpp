@@ -10,6 +10,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <tuple>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "base/diagnostics/CanvasSVG.h"
 #include "base/filesystem/AtomicFileWriter.h"
 #include "base/filesystem/Path.h"
+#include "base/thread/JobDispatcher.h"
 #include "base/thread/Mutex.h"
 #include "base/xml/XmlDocument.h"
 #include "imaging/ImageDataConversion.h"
@@ -85,6 +87,8 @@ struct State {
     std::map<const ImageSource*, SourceRecord> sources QOR_GUARDED_BY(mutex);
     std::map<const void*, RequestRecord> requests QOR_GUARDED_BY(mutex);
     unsigned requestCount QOR_GUARDED_BY(mutex) = 0;
+    unsigned session QOR_GUARDED_BY(mutex) = 0;  // counts the starts: a late dump of an
+                                                 // earlier log is dropped
     Clock::time_point started QOR_GUARDED_BY(mutex);
     Clock::time_point indexWritten QOR_GUARDED_BY(mutex);
     std::string startedText QOR_GUARDED_BY(mutex);
@@ -130,10 +134,14 @@ bool convertPixels(RawPixelFormat format, int width, int height, const void* pix
     return true;
 }
 
-// The processor pixels of `tile`; false when only the graphics card holds them.
+// The pixels of `tile`: its processor copy, or on the GL thread a copy read back from the graphics
+// card. False when only the card holds them and this is not the GL thread.
 bool convertTile(const ImageTile& tile, Converted& out) {
-    if (!tile.hasData<RawImageStorage>()) return false;
-    SharedPtr<RawImageStorage> raw = tile.getData<RawImageStorage>();
+    SharedPtr<RawImageStorage> raw;
+    if (tile.hasData<RawImageStorage>())
+        raw = tile.getData<RawImageStorage>();
+    else if (thread::defaultJobDispatcher().isGLThread())
+        raw = tile.readBackCopy();
     if (!raw) return false;
     switch (raw->getCurrentPixelFormat()) {
 #define QOR_IMAGE_LOG_CONVERT(S, T, N)                                                   \
@@ -437,6 +445,7 @@ bool ImageLog::start(std::string_view folder, unsigned kinds, size_t fileLimit) 
     s.fileLimit = std::max<size_t>(fileLimit, 2);
     s.files = 0;
     s.requestCount = 0;
+    ++s.session;
     s.started = s.indexWritten = Clock::now();
     s.startedText = wallClockText();
     if (!s.exitHookInstalled) {
@@ -505,19 +514,45 @@ std::string tileStem(std::string_view owner, unsigned number, GenVec<int, 2> pos
 // Lists `tile` of `source` as `label` when `kind` is dumped. `name(state, sourceNumber)` gives the
 // file's stem and the description; it runs with the log's mutex held.
 template <class Name>
-void logTile(unsigned kind, const char* label, const ImageSource& source, const ImageTile& tile,
-             Name name) {
+void logTile(unsigned kind, const char* label, const ImageSource& source,
+             const SharedPtr<const ImageTile>& tile, Name name) {
     // The pixels are read before the log's lock is taken: the tile's own lock comes first.
     Converted converted;
-    const bool havePixels = convertTile(tile, converted);
+    const bool havePixels = convertTile(*tile, converted);
+    thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+    // Only the card holds the tile, and this is not the GL thread: the GL thread reads it back
+    // when it next runs its jobs. Waiting for that here could wait for ever, for the GL thread
+    // may be waiting for this one.
+    const bool onTheCard = !havePixels && !dispatcher.isGLThread() && dispatcher.hasGLThread() &&
+                           !tile->hasData<RawImageStorage>() && tile->valid();
     State& s = state();
-    ScopedLock<Mutex> lock(s.mutex);
-    if (!(s.kinds & kind)) return;
-    const unsigned number = sourceNumber(s, source);
-    if (!number) return;
-    const auto [stem, what] = name(s, number);
-    addPicture(s, stem, havePixels ? &converted : nullptr, label, what, tile.size(),
-               tile.pixelFormat());
+    std::string stem, what;
+    unsigned session = 0;
+    {
+        ScopedLock<Mutex> lock(s.mutex);
+        if (!(s.kinds & kind)) return;
+        const unsigned number = sourceNumber(s, source);
+        if (!number) return;
+        std::tie(stem, what) = name(s, number);
+        if (!onTheCard) {
+            addPicture(s, stem, havePixels ? &converted : nullptr, label, what, tile->size(),
+                       tile->pixelFormat());
+            return;
+        }
+        session = s.session;
+    }
+    // Ahead of the engine's GL jobs, so that the tile is let go soon.
+    dispatcher.dispatch(
+        [tile, kind, label, stem = std::move(stem), what = std::move(what), session] {
+            Converted read;
+            const bool have = convertTile(*tile, read);
+            State& st = state();
+            ScopedLock<Mutex> lock(st.mutex);
+            if (!(st.kinds & kind) || st.session != session) return;  // stopped meanwhile
+            addPicture(st, stem, have ? &read : nullptr, label, what, tile->size(),
+                       tile->pixelFormat());
+        },
+        thread::JtGLThread, 1000);
 }
 
 }  // namespace
@@ -525,7 +560,7 @@ void logTile(unsigned kind, const char* label, const ImageSource& source, const 
 void ImageLog::sourceTile(const ImageSource& source, GenVec<int, 2> pos, unsigned int version,
                           const SharedPtr<const ImageTile>& tile) {
     if (!tile) return;
-    logTile(ImageLogSourceTiles, "source tile", source, *tile,
+    logTile(ImageLogSourceTiles, "source tile", source, tile,
             [&](State& s, unsigned number) QOR_NO_THREAD_SAFETY_ANALYSIS {
                 return std::pair(tileStem("source", number, pos),
                                  sourceLabel(s, source, number) + ", tile " + position(pos) +
@@ -536,7 +571,7 @@ void ImageLog::sourceTile(const ImageSource& source, GenVec<int, 2> pos, unsigne
 void ImageLog::requestTile(const void* request, const ImageSource& source, GenVec<int, 2> pos,
                            const SharedPtr<const ImageTile>& tile) {
     if (!tile) return;
-    logTile(ImageLogRequestResults, "request tile", source, *tile,
+    logTile(ImageLogRequestResults, "request tile", source, tile,
             [&](State& s, unsigned number) QOR_NO_THREAD_SAFETY_ANALYSIS {
                 RequestRecord& record = s.requests[request];
                 if (!record.number) record.number = ++s.requestCount;

@@ -13,9 +13,11 @@
 // Files: pictures are written by an ImageLogWriter; the imageio layer installs the one that
 // writes PNG (this layer writes no image format itself). A picture is converted to RGBA of 8 bits
 // (8-bit formats) or 16 bits (the others; float samples clamped to 0..1) on the calling thread,
-// one picture at a time per thread, so memory stays bounded by the tiles in flight. Tiles held
-// only by the graphics card are listed in the index without a picture (reading them back would
-// need the GL thread). The number of files is bounded (fileLimit): the log stops at the limit,
+// one picture at a time per thread, so memory stays bounded by the tiles in flight. A tile held
+// only by the graphics card is read back on the GL thread: at once when its hook runs there,
+// otherwise by a GL job that the hook queues (ahead of the engine's), which holds the tile until
+// the GL thread runs it; a log stopped meanwhile drops it. Without a GL thread such a tile is
+// listed in the index without a picture. The number of files is bounded (fileLimit): the log stops at the limit,
 // with one line. A failed write logs one line and turns the log off. Dumping only reads the
 // pictures; it never changes what the engine computes.
 // The index is rewritten at most once a second while the log runs, at the limit, and by stop();

@@ -121,6 +121,18 @@ bool ImageTile::hasDataGeneric(const char* type) const {
     return _storages.find(std::string_view(type)) != _storages.end();
 }
 
+SharedPtr<RawImageStorage> ImageTile::readBackCopy() const {
+    std::vector<SharedPtr<ImageStorage>> sources;
+    {
+        ScopedLock<Mutex> lock(_mutex);
+        for (const auto& [key, storage] : _storages) sources.push_back(storage);
+    }
+    // With the mutex open, as getData reads back: a texture may wait for the GL thread.
+    for (const SharedPtr<ImageStorage>& source : sources)
+        if (SharedPtr<RawImageStorage> copy = source->readBack(_pixelFormat, nullptr)) return copy;
+    return nullptr;
+}
+
 void ImageTile::touch(const char* type) const {
     auto it = _storages.find(std::string_view(type));
     if (it == _storages.end()) return;
@@ -131,8 +143,7 @@ void ImageTile::touch(const char* type) const {
 
 SharedPtr<ImageStorage> ImageTile::createEmptyStorage(const char* type,
                                                       const ImageFormatInfo* info) const {
-    if (isRawType(type))
-        return (new RawImageStorage(_width, _height, _selfRef))->setupSelfRef();
+    if (isRawType(type)) return (new RawImageStorage(_width, _height, _selfRef))->setupSelfRef();
     return info->handler->createEmpty(_width, _height, _pixelFormat, _selfRef, _drawParameters);
 }
 
@@ -185,8 +196,8 @@ SharedPtr<ImageStorage> ImageTile::getDataGeneric(const char* type, ScopedLock<M
             created = info->handler->createFromRaw(raw, _pixelFormat, _selfRef, _drawParameters);
             QOR_ASSERT_TEXT(created, "newstorage");
         } else {
-            created = info->handler->createFromStorage(storage, _pixelFormat, _selfRef,
-                                                       _drawParameters);
+            created =
+                info->handler->createFromStorage(storage, _pixelFormat, _selfRef, _drawParameters);
         }
         if (created) break;
     }
@@ -204,8 +215,8 @@ SharedPtr<ImageStorage> ImageTile::getDataGeneric(const char* type, ScopedLock<M
     return created;
 }
 
-SharedPtr<ImageStorage> ImageTile::getDataTargetGeneric(const char* type,
-                                                        ScopedLock<Mutex>& lock, bool doTouch) {
+SharedPtr<ImageStorage> ImageTile::getDataTargetGeneric(const char* type, ScopedLock<Mutex>& lock,
+                                                        bool doTouch) {
     const ImageFormatInfo* info = registry()->findFormat(type);
     QOR_ASSERT_TEXT(info, "getImageFormatInfo(formatstoragetype)");
     if (!info) return nullptr;
@@ -352,7 +363,8 @@ bool ImageTile::getNativeDataGeneric(const char* native, void* result) const {
         getter.function(it->second.get(), result);
         return true;
     }
-    SharedPtr<ImageStorage> storage = getDataGeneric(getters.front().storageType.c_str(), lock, true);
+    SharedPtr<ImageStorage> storage =
+        getDataGeneric(getters.front().storageType.c_str(), lock, true);
     if (!storage) return false;
     getters.front().function(storage.get(), result);
     return true;
@@ -389,13 +401,11 @@ bool ImageTile::isStorageRegisteredGeneric(const char* type) {
     return registry()->findFormat(type) != nullptr;
 }
 
-void ImageTile::registerNativeGetterGeneric(const char* native, const char* type,
-                                            NativeGetter fn) {
+void ImageTile::registerNativeGetterGeneric(const char* native, const char* type, NativeGetter fn) {
     registry()->registerNativeGetter(native, type, std::move(fn));
 }
 
-void ImageTile::registerNativeSetterGeneric(const char* native, const char* type,
-                                            NativeSetter fn) {
+void ImageTile::registerNativeSetterGeneric(const char* native, const char* type, NativeSetter fn) {
     registry()->registerNativeSetter(native, type, std::move(fn));
 }
 

@@ -4,8 +4,8 @@
 // demand: asking for a type it does not hold converts from one it does, through processor memory
 // when no direct path exists, and keeps both copies. Writing through a type drops every other.
 //
-// Ownership: a tile exists only behind the SharedPtr of create/createNonCached; storages hold a weak
-// reference to it. Tiles are shared as SharedPtr<const ImageTile> between caches and readers:
+// Ownership: a tile exists only behind the SharedPtr of create/createNonCached; storages hold a
+// weak reference to it. Tiles are shared as SharedPtr<const ImageTile> between caches and readers:
 // reading may add a storage to a const tile.
 //
 // Thread contract: one mutex per tile guards the storages and the draw parameters; size, format
@@ -99,6 +99,10 @@ public:
     bool hasData() const {
         return hasDataGeneric(storageTypeName<T>());
     }
+    // A processor copy of the pixels in the tile's format, read from the first storage that can
+    // give one, which the tile does not keep; null when none can. May block (a texture waits for
+    // the GL thread unless called there).
+    SharedPtr<RawImageStorage> readBackCopy() const;
     // Drops the storage of type T whatever else the tile holds. Returns whether there was one.
     template <class T>
     bool discardData() {
@@ -170,13 +174,11 @@ public:
             raw->setData<F>(data);
     }
 
-#define QOR_TILE_PIXEL_ACCESSORS(S)                                                    \
-    void setData##S(const SharedPtr<const RawImageDataOf<Pf##S>>& data) {              \
-        setRawData<Pf##S>(data);                                                       \
-    }                                                                                  \
-    SharedPtr<const RawImageDataOf<Pf##S>> getData##S() const {                        \
-        return getRawData<Pf##S>();                                                    \
-    }                                                                                  \
+#define QOR_TILE_PIXEL_ACCESSORS(S)                                                           \
+    void setData##S(const SharedPtr<const RawImageDataOf<Pf##S>>& data) {                     \
+        setRawData<Pf##S>(data);                                                              \
+    }                                                                                         \
+    SharedPtr<const RawImageDataOf<Pf##S>> getData##S() const { return getRawData<Pf##S>(); } \
     SharedPtr<RawImageDataOf<Pf##S>> getDataTarget##S() { return getRawDataTarget<Pf##S>(); }
     QOR_TILE_PIXEL_ACCESSORS(Red16)
     QOR_TILE_PIXEL_ACCESSORS(Red32F)
@@ -208,16 +210,14 @@ private:
     SharedPtr<ImageStorage> getDataTargetGeneric(const char* type, ScopedLock<Mutex>& lock,
                                                  bool touch) QOR_REQUIRES(_mutex);
     // A blank storage of `type`: a raw storage built here, any other through its handler.
-    SharedPtr<ImageStorage> createEmptyStorage(const char* type,
-                                               const ImageFormatInfo* info) const
+    SharedPtr<ImageStorage> createEmptyStorage(const char* type, const ImageFormatInfo* info) const
         QOR_REQUIRES(_mutex);
     bool getNativeDataGeneric(const char* native, void* result) const;
     bool getNativeDataTargetGeneric(const char* native, void* result);
     bool setNativeDataGeneric(const char* native, const void* value);
     void clearUnlocked() QOR_REQUIRES(_mutex);
     void setDrawParametersUnlocked(const DrawParameters& params) QOR_REQUIRES(_mutex);
-    bool discardDataGenericUnlocked(const char* type, ScopedLock<Mutex>& lock)
-        QOR_REQUIRES(_mutex);
+    bool discardDataGenericUnlocked(const char* type, ScopedLock<Mutex>& lock) QOR_REQUIRES(_mutex);
     bool tryDiscardDataGenericUnlocked(const char* type, ScopedLock<Mutex>& lock)
         QOR_REQUIRES(_mutex);
     // Logs a storage that is about to be dropped while others still hold it.

@@ -5,8 +5,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <mutex>
 #include <thread>
+#include <vector>
 
+#include "../support/TempDir.h"
 #include "GPUTestSupport.h"
 #include "TileTestSupport.h"
 #include "base/Log.h"
@@ -15,6 +19,7 @@
 #include "base/thread/JobDispatcher.h"
 #include "gpu/TextureImageStorage.h"
 #include "gpu/TextureOperatorImageSource.h"
+#include "imaging/ImageLog.h"
 #include "imaging/ImageSourceJobs.h"
 #include "imaging/ImageStorageManager.h"
 #include "imaging/ImageTile.h"
@@ -230,19 +235,21 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
         auto tile = ImageTile::createNonCached(size, format);
         auto target = tile->getDataTarget<RawImageStorage>();
         switch (format) {
-#define QOR_FILL_CASE(S) \
-    case Pf##S:          \
-        fillPattern<Pf##S>(*target); break;
+#define QOR_FILL_CASE(S)             \
+    case Pf##S:                      \
+        fillPattern<Pf##S>(*target); \
+        break;
             QOR_TEST_TEXTURE_FORMATS(QOR_FILL_CASE)
 #undef QOR_FILL_CASE
-            default: break;
+            default:
+                break;
         }
         auto input = SimpleImageSource::create(SharedPtr<const ImageTile>(tile));
-        auto source = TextureOperatorImageSource::create(
-            input, "filters/Levels", "", [&](TextureOperator& op, const Recti&) {
-                op.setUniform("gain", gain);
-                op.setUniform("offset", offset);
-            });
+        auto source = TextureOperatorImageSource::create(input, "filters/Levels", "",
+                                                         [&](TextureOperator& op, const Recti&) {
+                                                             op.setUniform("gain", gain);
+                                                             op.setUniform("offset", offset);
+                                                         });
 
         std::atomic<bool> ended{false};
         // The read-back is a storage of the delivered tile: the tile is kept while it is used, as
@@ -252,21 +259,21 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
         bool deliveredOnGPU = false, readOnWorker = false;
         ComputedTileInfo::Status status = ComputedTileInfo::Error;
         thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
-        SharedPtr<RequestHandle> handle = source->requestTiles(
-            {{0, 0}}, std::make_shared<thread::DFSOrderScoreFunction>(),
-            [&](const ComputedTileInfo& info) {
-                if (info.type == ComputedTileInfo::TileReady && info.tile) {
-                    deliveredOnGPU = info.tile->hasData<TextureImageStorage>();
-                    readOnWorker = !dispatcher.isGLThread();
-                    readBack = info.tile->getData<RawImageStorage>();
-                    delivered = info.tile;
-                    return;
-                }
-                status = info.status;
-                ended = true;
-                dispatcher.wakeGLThread();
-            },
-            false, {});
+        SharedPtr<RequestHandle> handle =
+            source->requestTiles({{0, 0}}, std::make_shared<thread::DFSOrderScoreFunction>(),
+                                 [&](const ComputedTileInfo& info) {
+                                     if (info.type == ComputedTileInfo::TileReady && info.tile) {
+                                         deliveredOnGPU = info.tile->hasData<TextureImageStorage>();
+                                         readOnWorker = !dispatcher.isGLThread();
+                                         readBack = info.tile->getData<RawImageStorage>();
+                                         delivered = info.tile;
+                                         return;
+                                     }
+                                     status = info.status;
+                                     ended = true;
+                                     dispatcher.wakeGLThread();
+                                 },
+                                 false, {});
         dispatcher.pumpGLJobsUntil([&] { return ended.load(); });
         // The request's task lets go of its jobs, and so of the texture tile, on a worker after
         // the end record: wait for it, then free what was dropped there.
@@ -286,12 +293,14 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
             std::max(textureTolerance(format), textureTolerance(textureFormat)) + 1e-6;
         double difference = 1e9;
         switch (format) {
-#define QOR_COMPARE_CASE(S)                                                                 \
-    case Pf##S:                                                                             \
-        difference = levelsDifference<Pf##S>(*target, *readBack, gain, offset); break;
+#define QOR_COMPARE_CASE(S)                                                     \
+    case Pf##S:                                                                 \
+        difference = levelsDifference<Pf##S>(*target, *readBack, gain, offset); \
+        break;
             QOR_TEST_TEXTURE_FORMATS(QOR_COMPARE_CASE)
 #undef QOR_COMPARE_CASE
-            default: break;
+            default:
+                break;
         }
         EXPECT_LE(difference, tolerance)
             << "texture format " << pixelFormatString(textureFormat).c_str();
@@ -302,6 +311,84 @@ TEST_F(TextureImageStorageThreads, ShaderTilesReadOnAWorkerEqualTheProcessorResu
     }
     EXPECT_EQ(log.count("not unique"), 0u);
     EXPECT_GE(tested, 4) << "llvmpipe renders at least the 8-bit and float formats";
+}
+
+// Keeps the size and the first pixel of each picture the image log writes, and writes nothing.
+class FirstPixelWriter : public ImageLogWriter {
+public:
+    struct Kept {
+        int width, height, bits;
+        unsigned char rgba[4];
+    };
+    const char* extension() const override { return "raw"; }
+    void write(const std::string&, const ImageLogPicture& picture) override {
+        const auto* p = static_cast<const unsigned char*>(picture.pixels);
+        std::lock_guard<std::mutex> lock(mutex);
+        kept.push_back(
+            {picture.width, picture.height, picture.bitsPerChannel, {p[0], p[1], p[2], p[3]}});
+    }
+    std::mutex mutex;
+    std::vector<Kept> kept;  // guarded by mutex
+};
+
+// The image log dumps a tile that a shader computed, though only the card holds it and its hook
+// runs on a worker: the GL thread reads it back.
+TEST_F(TextureImageStorageThreads, TheImageLogDumpsShaderTilesThroughTheGLThread) {
+    test::SearchPathsScope paths({QOR_SHADER_DIR});
+    auto tile = ImageTile::createNonCached(Vec2i(24, 16), PfRGBA8);
+    {
+        auto target = tile->getDataTarget<RawImageStorage>();
+        auto pixels = target->getTargetRGBA8();
+        for (int y = 0; y < 16; ++y)
+            for (int x = 0; x < 24; ++x)
+                for (int c = 0; c < 4; ++c) pixels->at(x, y, c) = c == 3 ? 255 : 100;
+    }
+    auto input = SimpleImageSource::create(SharedPtr<const ImageTile>(tile));
+    auto source = TextureOperatorImageSource::create(
+        input, "filters/Levels", "", [&](TextureOperator& op, const Recti&) {
+            op.setUniform("gain", Vec3f(2.0f, 1.0f, 0.5f));
+            op.setUniform("offset", Vec3f(0.0f, 0.0f, 0.0f));
+        });
+    auto writer = std::make_shared<FirstPixelWriter>();
+    qor::test::TempDir dir;
+    ImageLog::setWriter(writer);
+    ASSERT_TRUE(ImageLog::start(dir.path(), ImageLogSourceTiles));
+
+    std::atomic<bool> ended{false};
+    bool onGPU = false;
+    thread::JobDispatcher& dispatcher = thread::defaultJobDispatcher();
+    SharedPtr<RequestHandle> handle =
+        source->requestTiles({{0, 0}}, std::make_shared<thread::DFSOrderScoreFunction>(),
+                             [&](const ComputedTileInfo& info) {
+                                 if (info.type == ComputedTileInfo::TileReady && info.tile) {
+                                     onGPU = info.tile->hasData<TextureImageStorage>() &&
+                                             !info.tile->hasData<RawImageStorage>();
+                                     return;
+                                 }
+                                 ended = true;
+                                 dispatcher.wakeGLThread();
+                             },
+                             false, {});
+    dispatcher.pumpGLJobsUntil([&] { return ended.load(); });
+    while (!(handle->finished() && !handle->source())) {
+        dispatcher.processGLJobs();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    dispatcher.processGLJobs();  // the dumps queued last
+    ImageLog::stop();
+    ImageLog::setWriter(nullptr);
+    freeUnusedStorage();
+
+    EXPECT_TRUE(onGPU);
+    std::lock_guard<std::mutex> lock(writer->mutex);
+    bool shaderTile = false;
+    for (const auto& k : writer->kept) {
+        if (k.width != 24 || k.height != 16 || k.bits != 8) continue;
+        // 100 scaled by the gain: 200, 100, 50 (rounding of the card's arithmetic aside).
+        shaderTile |= std::abs(k.rgba[0] - 200) <= 2 && std::abs(k.rgba[1] - 100) <= 2 &&
+                      std::abs(k.rgba[2] - 50) <= 2 && k.rgba[3] == 255;
+    }
+    EXPECT_TRUE(shaderTile) << writer->kept.size() << " pictures, none of the shader's tile";
 }
 
 }  // namespace
