@@ -237,7 +237,7 @@ TEST_F(LibraryBags, RenamedFolderBagTakesItsImagesAlong) {
 }
 
 // A process that ends right after a rename, before any save: the next load finds the bags where
-// they went, with their images, and the files say so afterwards.
+// they went, under their new names, with their images, and the files say so afterwards.
 TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
     ResourceID event = library->createBag(TestFolderBag::bagTypeStatic(), "Trip");
     library->copyImage(sourceFile("a.jpg"), event, "sub", "", false);
@@ -258,19 +258,20 @@ TEST_F(LibraryBags, RenamedBagsAreFoundAfterACrashBeforeTheSave) {
         EXPECT_TRUE(
             log.contains("found at " + path("Best.testlist") + " after an interrupted move"));
     }
-    // The names are those of the last save; the places are the new ones.
-    ResourceID trip = bagNamed("Trip");
+    // Names and places are the new ones.
+    EXPECT_FALSE(bagNamed("Trip").isValid());
+    ResourceID trip = bagNamed("Holiday");
     ASSERT_TRUE(trip.isValid());
     EXPECT_EQ(library->bagManager()->localPath(trip), path("Holiday"));
     EXPECT_EQ(library->bagStateString(trip), "Regular");
     EXPECT_EQ(imageLeaves(trip), std::vector<std::string>{"a.jpg"});
     ResourceID a = library->getImageId(path("Holiday/sub/a.jpg"));
     EXPECT_EQ(library->containerId(a), trip);
-    EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(a));
+    EXPECT_TRUE(library->bag(bagNamed("Best"))->containsImage(a));
     EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
     reopen();
-    EXPECT_EQ(imageLeaves(bagNamed("Trip")), std::vector<std::string>{"a.jpg"});
-    EXPECT_EQ(library->bagManager()->localPath(bagNamed("L")), path("Best.testlist"));
+    EXPECT_EQ(imageLeaves(bagNamed("Holiday")), std::vector<std::string>{"a.jpg"});
+    EXPECT_EQ(library->bagManager()->localPath(bagNamed("Best")), path("Best.testlist"));
 }
 
 // The same for images moved between bags: after the crash each image is in the bag whose folder
@@ -333,18 +334,18 @@ TEST_F(LibraryBags, ImagesMovedIntoANewBagThatIsRenamedAreFoundAfterACrash) {
         EXPECT_EQ(log.assertions(), 0u);
     }
     ASSERT_EQ(library->bags().size(), 3u);
-    const ResourceID created = bagNamed("New");
+    const ResourceID created = bagNamed("Later");
     ASSERT_TRUE(created.isValid());
     EXPECT_EQ(library->bagManager()->localPath(created), path("Later"));
-    EXPECT_EQ(library->bagManager()->localPath(bagNamed("One")), path("First"));
+    EXPECT_EQ(library->bagManager()->localPath(bagNamed("First")), path("First"));
     EXPECT_EQ(imageLeaves(created), (std::vector<std::string>{"a.jpg", "b.jpg"}));
-    EXPECT_TRUE(imageLeaves(bagNamed("One")).empty());
+    EXPECT_TRUE(imageLeaves(bagNamed("First")).empty());
     const ResourceID b = library->getImageId(path("Later/sub/b.jpg"));
     EXPECT_EQ(library->containerId(b), created);
     EXPECT_TRUE(library->bag(bagNamed("L"))->containsImage(b));
     EXPECT_FALSE(filesystem::exists(path(Library::MovesFileName)));
     reopen();
-    EXPECT_EQ(imageLeaves(bagNamed("New")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    EXPECT_EQ(imageLeaves(bagNamed("Later")), (std::vector<std::string>{"a.jpg", "b.jpg"}));
     EXPECT_EQ(library->bags().size(), 3u);
 }
 

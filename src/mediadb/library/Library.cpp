@@ -697,6 +697,13 @@ std::string Library::followMoves(const std::string& path, const Moves& moves) {
     return {};
 }
 
+bool Library::loadOwnBagFile(const std::string& at, XmlDocumentRapid& doc) {
+    const std::string file = filesystem::isDirectory(at) ? filesystem::pathJoin(at, ".bag") : at;
+    if (!filesystem::exists(file) || !doc.load(file, true)) return false;
+    NodeIterator root = doc.root();
+    return root && root.name() == "bag";
+}
+
 bool Library::recoverMovedBags(const Moves& moves) {
     bool recovered = false;
     for (const ResourceID& id : bags()) {
@@ -704,10 +711,15 @@ bool Library::recoverMovedBags(const Moves& moves) {
         if (start.empty() || filesystem::exists(start)) continue;
         const std::string at = followMoves(start, moves);
         if (at.empty() || bagIdFromLocalPath(at).isValid()) continue;
-        if (_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) {
-            QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
-            recovered = true;
-        }
+        if (!_bagManager->rename(id, _bagManager->nameFromLocalPath(at))) continue;
+        QOR_LOG(LogWarning, "Library: bag %* found at %* after an interrupted move", start, at);
+        recovered = true;
+        // A rename writes the bag's own file at once: its name there is the newer one.
+        XmlDocumentRapid doc;
+        if (!loadOwnBagFile(at, doc)) continue;
+        const std::string name(doc.root().attribute("name"));
+        if (SharedPtr<const Bag> b = bag(id); b && !name.empty() && name != b->name())
+            if (SharedPtr<Bag> copy = modifyLockBag(b)) copy->setName(name);
     }
     return recovered;
 }
@@ -719,11 +731,9 @@ bool Library::recoverCreatedBags(const Moves& moves) {
         const std::string at = followFrom(moves[i].second, i + 1, moves);
         if (at.empty() || bagIdFromLocalPath(at).isValid()) continue;
         // The bag's own file tells what it is; createBag writes it before it returns.
-        const std::string file = filesystem::isDirectory(at) ? filesystem::pathJoin(at, ".bag") : at;
         XmlDocumentRapid doc;
-        if (!filesystem::exists(file) || !doc.load(file, true)) continue;
+        if (!loadOwnBagFile(at, doc)) continue;
         NodeIterator root = doc.root();
-        if (!root || root.name() != "bag") continue;
         try {
             const ResourceID id = createBagOnLoad(std::string(root.attribute("type")),
                                                   std::string(root.attribute("name")),

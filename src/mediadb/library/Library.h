@@ -60,6 +60,7 @@
 
 namespace qor {
 class NodeIterator;
+class XmlDocumentRapid;
 }
 
 namespace qor::mediadb {
@@ -345,7 +346,11 @@ private:
     // last place on its way that exists (the journal notes a batch before its files move, so a
     // crash may stop it half way), or "" when none does.
     static std::string followFrom(const std::string& path, size_t first, const Moves& moves);
-    // Each step recovers what the journal tells and returns true when it changed anything.
+    // Loads the bag's own file of the bag at `at` (its folder's ".bag", or the file itself); false
+    // when there is none or it is no bag.
+    static bool loadOwnBagFile(const std::string& at, XmlDocumentRapid& doc);
+    // Each step recovers what the journal tells and returns true when it changed anything. A moved
+    // bag takes the name its own file gives (renameBag writes it at once).
     bool recoverMovedBags(const Moves& moves);
     bool recoverCreatedBags(const Moves& moves);
     // After the bags are loaded: an image takes the path where its file lies now, and the folder

@@ -144,6 +144,9 @@ bool Library::renameBag(ResourceID id, const std::string& name) {
     try {
         internalMoveBag(id, "", trimmed);
         if (SharedPtr<Bag> copy = modifyLockBag(id)) copy->setName(trimmed);
+        // The new name goes into the bag's own file now: after a crash before the next save, load
+        // finds the bag through the move journal and takes its name from there.
+        saveBag(id);
         return true;
     } catch (const std::exception& e) {
         QOR_LOG(LogWarning, "Couldn't move bag: %*", e.what());
