@@ -213,12 +213,17 @@ TEST_F(BookRendererTest, TextBreaksIntoLinesThatFitItsFrame) {
 TEST_F(BookRendererTest, ABookIsWrittenInBookOrderWithAnIndex) {
     Book book;
     Page cover;
-    cover.right_page.pictures.push_back(frame(solid("red", kRed), 0.0, 0.0, 1.0, 1.0));
+    const ResourceID red = solid("red", kRed), gone = solid("gone", kGreen);
+    std::filesystem::remove(dir / "gone.png");
+    cover.right_page.pictures.push_back(frame(red, 0.0, 0.0, 1.0, 1.0));
     book.setCover(cover);
     book.appendPage(page);
     page.left_page.name = "1";
     page.right_page.name = "2";
+    page.left_page.pictures.push_back(frame(gone, 0.0, 0.0, 1.0, 1.0));
     book.appendPage(page);
+    // The cover's picture again, and the missing one again, on the last page.
+    page.right_page.pictures.push_back(frame(red, 0.0, 0.0, 1.0, 1.0));
     book.appendPage(page);
 
     BookRenderer renderer(&source, options);
@@ -244,6 +249,13 @@ TEST_F(BookRendererTest, ABookIsWrittenInBookOrderWithAnIndex) {
     const RgbaPicture coverPicture = qor::test::renderSvgToPicture(out + "/000-cover.svg");
     ASSERT_GT(coverPicture.width, 0);
     EXPECT_COLOR(coverPicture, 300, 50, kRed, 8);
+    const RgbaPicture last = qor::test::renderSvgToPicture(out + "/003-page-003.svg");
+    ASSERT_GT(last.width, 0);
+    EXPECT_COLOR(last, 300, 50, kRed, 8);
+    // The missing picture is marked on both pages and listed once.
+    EXPECT_EQ(renderer.counts().pictures, 2u);
+    EXPECT_EQ(renderer.counts().missing, 2u);
+    EXPECT_EQ(renderer.counts().missingFiles, std::vector<std::string>{manager.localPath(gone)});
 }
 
 TEST_F(BookRendererTest, FramesInPixelsAreScaledOntoASide) {

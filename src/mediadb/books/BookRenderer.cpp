@@ -289,6 +289,9 @@ BookRenderer::Geometry BookRenderer::geometryOf(const Book& book) const {
 }
 
 std::string BookRenderer::renderSpread(const Book& book, const BookSpread& spread) {
+    // Only the pictures of one double page are held: a book of many pages renders in the memory
+    // of one.
+    _encoded.clear();
     const Geometry g = geometryOf(book);
     CanvasSVG canvas(2.0 * _options.sideWidth, _options.sideHeight);
     canvas.setTitle(spread.title);
@@ -468,17 +471,21 @@ void BookRenderer::drawDecoration(CanvasSVG& canvas, const Decoration& frame, do
 }
 
 const std::string& BookRenderer::pictureBytes(ResourceID id) {
+    static const std::string kNone;
+    if (_missing.count(id.id())) return kNone;
     const auto [it, inserted] = _encoded.try_emplace(id.id());
     if (!inserted) return it->second;
-    const std::string path = _images->resourceManager().localPath(id);
     const imagecache::Thumbnail thumb = _images->get(id, _options.pictureSide);
     if (thumb.placeholder || !thumb.image) {
+        const std::string path = _images->resourceManager().localPath(id);
         QOR_LOG(LogWarning,
                 "BookRenderer: the picture '%*' is missing or unreadable; its frame is "
                 "marked",
                 path);
         _counts.missingFiles.push_back(path);
-        return it->second;
+        _missing.insert(id.id());
+        _encoded.erase(it);
+        return kNone;
     }
     it->second = imagecache::encodeThumbnail(*thumb.image);
     return it->second;

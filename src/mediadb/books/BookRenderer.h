@@ -35,6 +35,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "base/ResourceID.h"
@@ -116,7 +117,9 @@ private:
 
     imagecache::ImageCache* const _images;  // not owned
     const BookRenderOptions _options;
-    std::unordered_map<int32_t, std::string> _encoded;  // pictureBytes by id; "" when missing
+    // pictureBytes of the double page being drawn, by id; the pictures found missing so far
+    std::unordered_map<int32_t, std::string> _encoded;
+    std::unordered_set<int32_t> _missing;
     BookRenderCounts _counts;
 };
 
