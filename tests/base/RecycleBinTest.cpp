@@ -10,12 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "../support/TempDir.h"
+#include "FileTestHelpers.h"
 #include "base/Log.h"
 #include "base/filesystem/Path.h"
 #include "base/platform/RecycleBin.h"
-
-#include "../support/TempDir.h"
-#include "FileTestHelpers.h"
 
 using namespace qor;
 using namespace qor::filesystem;
@@ -34,6 +33,7 @@ protected:
         if (!s_data) {
             s_data = new TempDir(nullptr, "qor-xdg");
             ::setenv("XDG_DATA_HOME", s_data->path().c_str(), 1);
+            std::atexit([] { delete s_data; });  // gone with the process, not before
         }
     }
 

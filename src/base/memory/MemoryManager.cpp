@@ -200,8 +200,8 @@ void removeStaleFiles(const std::string& dir) {
     ::closedir(d);
 }
 
-// The library's state. Never destroyed, so that calls from other static destructors stay safe; a
-// swap file left behind at exit is removed by the next process's nmSetSwapPath.
+// The library's state. Never destroyed, so that calls from other static destructors stay safe; the
+// swap file, which has no name, goes with the process.
 class Manager {
 public:
     thread::Mutex _mutex;
@@ -216,7 +216,6 @@ public:
     std::uint32_t _limitMb = 512;                              // guarded by _mutex
     int _transfers = 0;                                        // guarded by _mutex
     std::string _swapDir;                                      // guarded by _mutex
-    std::string _swapFile;                                     // guarded by _mutex
     int _fd = -1;                                              // guarded by _mutex
     std::uint64_t _fileEnd = 0;                                // guarded by _mutex
     std::multimap<std::uint64_t, std::uint64_t> _freeSlots;    // size -> offset; guarded by _mutex
@@ -251,13 +250,19 @@ public:
         if (_swapDir.empty()) _swapDir = defaultSwapDir();
         std::error_code ec;
         std::filesystem::create_directories(_swapDir, ec);
-        _swapFile = _swapDir + "/" + fileNameFor(static_cast<long>(::getpid()));
-        _fd = ::open(_swapFile.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        // The file has no name: it goes with the process however the process ends (one that is
+        // killed cannot remove a named file, and named files of killed processes piled up).
+        _fd = ::open(_swapDir.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+        if (_fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+            // A file system without unnamed files: a named one, unlinked at once.
+            const std::string path = _swapDir + "/" + fileNameFor(static_cast<long>(::getpid()));
+            _fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            if (_fd >= 0) ::unlink(path.c_str());
+        }
         if (_fd < 0) {
-            QOR_LOG(4, "Cannot open swap file %*: %*", _swapFile, std::strerror(errno));
+            QOR_LOG(4, "Cannot open a swap file in %*: %*", _swapDir, std::strerror(errno));
             return false;
         }
-        ::flock(_fd, LOCK_EX | LOCK_NB);
         _fileEnd = 0;
         return true;
     }
@@ -490,7 +495,6 @@ int nmSetSwapPath(const char* path) {
             b->dirty = true;
         }
         m._freeSlots.clear();
-        ::unlink(m._swapFile.c_str());
         ::close(m._fd);
         m._fd = -1;
         m._fileEnd = 0;
@@ -560,7 +564,6 @@ int nmRelease() {
         m._lru.clear();
         m._freeSlots.clear();
         if (m._fd >= 0) {
-            ::unlink(m._swapFile.c_str());
             ::close(m._fd);
             m._fd = -1;
         }
@@ -610,13 +613,6 @@ std::string toString(const NmStatistic& s) {
         << s.writeOperations << ", locked " << s.lockedBytes << ", file " << s.swapFileBytes
         << ", dropped clean " << s.droppedClean;
     return out.str();
-}
-
-std::string nmSwapFilePath() {
-    Manager& m = manager();
-    thread::ScopedLock<thread::Mutex> lock(m._mutex);
-    std::string dir = m._swapDir.empty() ? defaultSwapDir() : m._swapDir;
-    return dir + "/" + fileNameFor(static_cast<long>(::getpid()));
 }
 
 void* allocLargeBuffer(std::uint64_t size) {

@@ -7,11 +7,13 @@
 // nmClearUnlocked asks for it, unlocked blocks are written to the process's swap file, least
 // recently used first, and their memory is freed. Locking a swapped block reads it back.
 //
-// Storage: one swap file per process, "qor-swap-<pid>.swp" under the swap path, held with an
-// exclusive flock while it is open. A block keeps its slot in the file from its first swap-out to
-// nmFree, so a block that was only read since it came back is dropped again without a write. Freed
-// slots are reused (best fit, no coalescing). Files of processes that no longer run are removed by
-// nmSetSwapPath; the process's own file goes at nmRelease.
+// Storage: one swap file per process under the swap path, made when the first block is written
+// out. It has no name (O_TMPFILE; where the file system has none, "qor-swap-<pid>.swp" unlinked at
+// once), so it goes with the process however the process ends. A block keeps its slot in the file
+// from its first swap-out to nmFree, so a block that was only read since it came back is dropped
+// again without a write. Freed slots are reused (best fit, no coalescing). The file is closed at
+// nmRelease. Named files that older versions left ("qor-swap-<pid>.swp" of a process that no
+// longer runs, or whose flock is free) are removed by nmSetSwapPath.
 //
 // Memory: small blocks come from the heap; blocks from 256 KiB on are mapped on their own (from
 // 2 MiB on with transparent huge pages), so that a swap-out gives their pages back to the system.
@@ -114,9 +116,6 @@ int nmRelease();
 std::string toString(int status);
 // One line with every field of the record.
 std::string toString(const NmStatistic& statistic);
-
-// Name of this process's swap file under the swap path (for tests and diagnostics).
-std::string nmSwapFilePath();
 
 // Memory for a large buffer outside the blocks (a decoded band, a whole picture): from 256 KiB on
 // the blocks' own kind of mapping (transparent huge pages from 2 MiB, freed mappings of the same
