@@ -319,7 +319,8 @@ TEST_F(QorImport, CtrlCCancelsCleanlyAndTheLibraryStaysWhole) {
     const std::string out = folder.path() + "/out.txt", err = folder.path() + "/err.txt";
 
     bool interrupted = false;
-    for (int attempt = 0; attempt < 3 && !interrupted; ++attempt) {
+    size_t imported = 0;
+    for (int attempt = 0; attempt < 5 && !interrupted; ++attempt) {
         const pid_t pid = startQor({"import", card, "--library", library, "--json"}, out, err);
         ASSERT_GT(pid, 0);
         // The first copy is under way once the day's event folder exists.
@@ -329,21 +330,21 @@ TEST_F(QorImport, CtrlCCancelsCleanlyAndTheLibraryStaysWhole) {
         int status = 0;
         ::waitpid(pid, &status, 0);
         ASSERT_TRUE(WIFEXITED(status));
-        interrupted = WEXITSTATUS(status) == 130;
+        ASSERT_TRUE(WEXITSTATUS(status) == 130 || WEXITSTATUS(status) == 0) << WEXITSTATUS(status);
+        const Bytes outBytes = readFile(out);
+        imported = Json::parse(outBytes.begin(), outBytes.end())["imported"].size();
+        // Ended before the signal came, or the signal came after the last copy (a loaded
+        // machine can be that late): once more.
+        interrupted = WEXITSTATUS(status) == 130 && imported < size_t(kFiles);
         if (!interrupted) {
-            ASSERT_EQ(WEXITSTATUS(status), 0);  // it ended before the signal came: once more
             std::filesystem::remove_all(library);
             init();
         }
     }
-    ASSERT_TRUE(interrupted) << "every import ended before Ctrl-C came";
+    ASSERT_TRUE(interrupted) << "every import had copied everything before Ctrl-C came";
     const Bytes errBytes = readFile(err);
     EXPECT_NE(std::string(errBytes.begin(), errBytes.end()).find("qor: import: interrupted"),
               std::string::npos);
-    const Bytes outBytes = readFile(out);
-    const Json summary = Json::parse(outBytes.begin(), outBytes.end());
-    const size_t imported = summary["imported"].size();
-    EXPECT_LT(imported, size_t(kFiles));
 
     // The library loads; its event holds exactly the files that lie in its folder, each whole.
     const std::vector<std::string> files = libraryFiles();

@@ -394,7 +394,8 @@ bool runJobs(ImportSession& is, std::vector<SharedPtr<ImportJob>>& jobs, Termina
         unsigned read = 0;
         {
             std::unique_lock<std::mutex> lock(watch.mutex);
-            watch.changed.wait_for(lock, std::chrono::milliseconds(100));
+            // Short enough that Ctrl-C (a flag set by the handler) stops the copies at once.
+            watch.changed.wait_for(lock, std::chrono::milliseconds(20));
             for (const SharedPtr<ImportJob>& job : jobs)
                 if (!watch.done.count(job.get())) {
                     current = job.get();
