@@ -52,7 +52,7 @@ public:
     }
     bool isSameJob(const SharedPtr<thread::CompositeJob>& other) const override {
         auto* o = dynamic_cast<const TestJob*>(other.get());
-        return o == this || (o && !_key.empty() && o->_key == _key && !isDone() && !o->isDone());
+        return o == this || (o && !_key.empty() && o->_key == _key);
     }
     void onCanceled() override {
         canceledCalls.fetch_add(1);

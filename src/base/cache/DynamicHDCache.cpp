@@ -27,6 +27,8 @@ constexpr int FormatVersion = 1;
 constexpr const char* DatabaseName = "blobs.db";
 constexpr const char* LockName = "lock";
 constexpr const char* SideSuffixes[] = {"-wal", "-shm", "-journal"};
+// The store being built, beside the database, until it is renamed into place.
+constexpr const char* BuildingSuffix = ".new";
 // Uses noted by get() are written with the next change, or on their own once this many wait.
 constexpr size_t DeferredUseLimit = 64;
 // The log is cut back to this size after its pages are copied into the database.
@@ -128,10 +130,17 @@ private:
     void lockFolder();
     void openDatabase() QOR_REQUIRES(_mutex);
     void closeDatabase() QOR_REQUIRES(_mutex);
-    void openConnection(bool create) QOR_REQUIRES(_mutex);
+    void openConnection(const std::string& path, bool create) QOR_REQUIRES(_mutex);
+    // The pragmas each connection sets for itself.
+    void setConnectionPragmas() QOR_REQUIRES(_mutex);
+    // Builds an empty store under a temporary name beside the database and renames it into
+    // place, so that a crash while it runs leaves no database (the next open builds it again,
+    // without a word), never a half-made one. Leaves the connection closed.
+    void buildStore() QOR_REQUIRES(_mutex);
     void loadEntries() QOR_REQUIRES(_mutex);
     void createLayout() QOR_REQUIRES(_mutex);
-    void eraseDatabaseFiles();
+    // Removes the database at `path` with its side files.
+    void eraseDatabaseFiles(const std::string& path) const;
 
     // Runs fn (SQL only; it changes nothing in memory) with the deferred uses in one transaction.
     // True when it committed; otherwise rolls back, logs one line that starts with `what`, and
@@ -261,9 +270,10 @@ DynamicHDCache::Store::Store(std::string folder, uint64_t byteLimit)
                     "DynamicHDCache '%*': the store could not be read (%*); recreated empty",
                     _folder, d.why);
         try {
-            eraseDatabaseFiles();
-            openConnection(true);
-            createLayout();
+            eraseDatabaseFiles(_dbPath);
+            buildStore();
+            openConnection(_dbPath, false);
+            setConnectionPragmas();
             prepareAll();
         } catch (const SqlFailure& f) {
             closeDatabase();
@@ -319,10 +329,10 @@ void DynamicHDCache::Store::lockFolder() {
     }
 }
 
-void DynamicHDCache::Store::openConnection(bool create) {
+void DynamicHDCache::Store::openConnection(const std::string& path, bool create) {
     const int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
-    const int rc = sqlite3_open_v2(_dbPath.c_str(), &_db, flags, nullptr);
+    const int rc = sqlite3_open_v2(path.c_str(), &_db, flags, nullptr);
     if (rc != SQLITE_OK) {
         std::string message = _db ? sqlite3_errmsg(_db) : sqlite3_errstr(rc);
         failSql(rc, "opening: " + message);
@@ -332,7 +342,7 @@ void DynamicHDCache::Store::openConnection(bool create) {
 
 // Opens an existing database of ours; DamagedStore when there is none that can be used.
 void DynamicHDCache::Store::openDatabase() {
-    openConnection(false);
+    openConnection(_dbPath, false);
     try {
         // The first read of the file: SQLite answers SQLITE_NOTADB for a file it can't read.
         if (queryInt("PRAGMA application_id", "reading the header") != ApplicationId)
@@ -341,10 +351,7 @@ void DynamicHDCache::Store::openDatabase() {
         if (version != FormatVersion)
             throw DamagedStore{formatLog("format version %*, not %*", version, FormatVersion)};
         exec("PRAGMA journal_mode=WAL", "choosing the write-ahead log");
-        exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
-        exec(("PRAGMA journal_size_limit=" + std::to_string(LogSizeLimit)).c_str(),
-             "limiting the log");
-        exec("PRAGMA mmap_size=268435456", "mapping the file");
+        setConnectionPragmas();
         prepareAll();
     } catch (const SqlFailure& f) {
         if (isDamage(f.code)) throw DamagedStore{f.what};
@@ -358,22 +365,36 @@ void DynamicHDCache::Store::closeDatabase() {
     _db = nullptr;
 }
 
-void DynamicHDCache::Store::eraseDatabaseFiles() {
-    for (const std::string& p : {_dbPath, _dbPath + SideSuffixes[0], _dbPath + SideSuffixes[1],
-                                 _dbPath + SideSuffixes[2]}) {
+void DynamicHDCache::Store::setConnectionPragmas() {
+    exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
+    exec(("PRAGMA journal_size_limit=" + std::to_string(LogSizeLimit)).c_str(), "limiting the log");
+    exec("PRAGMA mmap_size=268435456", "mapping the file");
+}
+
+void DynamicHDCache::Store::buildStore() {
+    const std::string building = _dbPath + BuildingSuffix;
+    eraseDatabaseFiles(building);  // what a crash of an earlier build left
+    openConnection(building, true);
+    createLayout();
+    closeDatabase();  // the last connection: the log goes into the file and is removed
+    if (::rename(building.c_str(), _dbPath.c_str()) != 0)
+        failSql(SQLITE_IOERR, formatLog("can't rename '%*': %*", building, std::strerror(errno)));
+}
+
+void DynamicHDCache::Store::eraseDatabaseFiles(const std::string& path) const {
+    for (const std::string& p :
+         {path, path + SideSuffixes[0], path + SideSuffixes[1], path + SideSuffixes[2]}) {
         if (::unlink(p.c_str()) != 0 && errno != ENOENT)
             failSql(SQLITE_IOERR, formatLog("can't remove '%*': %*", p, std::strerror(errno)));
     }
 }
 
 // The index in `entries` is small rows, apart from the blobs, so opening reads only its pages.
-// A crash while this runs leaves a database without our header, recreated on the next open.
+// Runs on the store being built (buildStore).
 void DynamicHDCache::Store::createLayout() {
     exec("PRAGMA auto_vacuum=INCREMENTAL", "choosing the vacuum mode");
     exec("PRAGMA journal_mode=WAL", "choosing the write-ahead log");
-    exec("PRAGMA synchronous=NORMAL", "choosing the sync mode");
-    exec(("PRAGMA journal_size_limit=" + std::to_string(LogSizeLimit)).c_str(), "limiting the log");
-    exec("PRAGMA mmap_size=268435456", "mapping the file");
+    setConnectionPragmas();
     const std::string sql =
         "BEGIN;"
         "CREATE TABLE entries(id INTEGER PRIMARY KEY, key BLOB NOT NULL, size INTEGER NOT NULL,"

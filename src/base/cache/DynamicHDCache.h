@@ -37,8 +37,9 @@
 //   in one transaction once 64 are waiting, and when the object closes. A crash loses at most
 //   those uses, never an entry.
 // - A database that is not SQLite, not ours, of another version, or damaged where the index is
-//   read, is recreated empty with one log line. A lock file (`lock`, flock) keeps a second
-//   process out.
+//   read, is recreated empty with one log line. A new store is built under a temporary name and
+//   renamed into place, so a crash while it is built leaves none (built again, silently). A lock
+//   file (`lock`, flock) keeps a second process out.
 // - After a write fails with a full disk or an I/O error, the byte size reached then becomes a
 //   second limit for the life of the object: puts evict to stay below it.
 // - The database keeps its free pages after evictions (they take the next blobs); clear and a

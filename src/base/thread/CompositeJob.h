@@ -45,7 +45,13 @@ public:
     virtual void run() = 0;
     // Whether `other` does the same work, so that it need not be queued a second time. The
     // default: the same object.
-    virtual bool isSameJob(const SharedPtr<CompositeJob>& other) const { return other.get() == this; }
+    virtual bool isSameJob(const SharedPtr<CompositeJob>& other) const {
+        return other.get() == this;
+    }
+    // Whether the job's work has ended though its run() may still be running (a job that hands its
+    // work to another thread). The dispatcher never gives such a job in place of an equal one. The
+    // default: false.
+    virtual bool workEnded() const { return false; }
 
     bool isCancelled() const { return _cancelled.load(std::memory_order_acquire); }
     std::string processState() const;
@@ -66,7 +72,7 @@ private:
 
     std::atomic<bool> _cancelled{false};
     std::atomic<Status> _status{CjQueued};
-    mutable Mutex _mutex;                          // guards the two texts
+    mutable Mutex _mutex;  // guards the two texts
     std::string _processState QOR_GUARDED_BY(_mutex);
     std::string _failure QOR_GUARDED_BY(_mutex);
 };

@@ -47,8 +47,10 @@ SharedPtr<CompositeJob> SynchronousCompositeJobDispatcher::addJob(
         QOR_LOG(LogWarning, "%*: job refused, it has run or was cancelled already", _name);
         return nullptr;
     }
+    // A job whose work has ended is no longer the same work: the new one runs after it.
     auto same = [&](const SharedPtr<CompositeJob>& other) {
-        return other && (other == job || other->isSameJob(job) || job->isSameJob(other));
+        return other && (other == job || (!other->workEnded() && !job->workEnded() &&
+                                          (other->isSameJob(job) || job->isSameJob(other))));
     };
     if (same(_running)) return _running;
     for (const auto& queued : _queue)

@@ -1,7 +1,8 @@
 #pragma once
 // SynchronousCompositeJobDispatcher: one thread that runs CompositeJobs one after the other, in
 // the order they were added. A job equal to one that is queued or running (CompositeJob::
-// isSameJob, asked both ways) is not queued a second time.
+// isSameJob, asked both ways) is not queued a second time, unless the work of either has ended
+// (CompositeJob::workEnded: a running job whose work went on elsewhere and is done).
 //
 // After each job (run() returned or threw, or the job was dropped from the queue by cancelJob,
 // cancelAll or shutdown) the finished callback is called with it on the dispatcher's thread (for
@@ -12,9 +13,10 @@
 //
 // Thread contract: every member may be called from any thread; waitIdle and shutdown not on the
 // dispatcher's thread (logged assertion, no wait). One mutex guards the queue and the running job;
-// run(), cancel() and the callback are called with it released. isSameJob is the exception: addJob
-// asks it with the mutex held, so that two equal jobs added at once are not both queued; it must
-// not call the dispatcher (lock order: the dispatcher's mutex, then a job's own mutex).
+// run(), cancel() and the callback are called with it released. isSameJob and workEnded are the
+// exception: addJob asks them with the mutex held, so that two equal jobs added at once are not
+// both queued; they must not call the dispatcher (lock order: the dispatcher's mutex, then a job's
+// own mutex).
 //
 // A job whose cancel flag is set when its turn comes is not run: it ends as CjCancelled, like a job
 // dropped from the queue.

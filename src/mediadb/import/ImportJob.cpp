@@ -624,8 +624,8 @@ void ImportJob::finalize(const SharedPtr<LibraryJob>& job, ResourceSequence&) {
 bool ImportJob::isSameJob(const SharedPtr<thread::CompositeJob>& other) const {
     if (other.get() == this) return true;
     auto* job = dynamic_cast<const ImportJob*>(other.get());
-    if (!job || isDone() || job->isDone() || job->_taskType != _taskType ||
-        job->destinationBagId() != destinationBagId() || job->_scan != _scan)
+    if (!job || job->_taskType != _taskType || job->destinationBagId() != destinationBagId() ||
+        job->_scan != _scan)
         return false;
     if (_scan) return job->_urls == _urls;
     const std::vector<ImageLocation> mine = getSourceImages(), theirs = job->getSourceImages();

@@ -38,9 +38,10 @@ public:
 
     bool detached() const { return _detached.load(std::memory_order_acquire); }
     // True once the manager counts the job done (its OnJobDone is emitted or being emitted). A
-    // detached job may be done while the dispatcher still runs its run(): isSameJob says false
-    // for a done job, so that the same work asked again is run again, not given the ended job.
+    // detached job may be done while the dispatcher still runs its run(); being done, it is not
+    // given in place of the same work asked again (workEnded), which then runs.
     bool isDone() const { return _done.load(std::memory_order_acquire); }
+    bool workEnded() const override { return isDone(); }
     LibraryJobManager* manager() const { return _manager.load(std::memory_order_acquire); }
 
 protected:
