@@ -1,7 +1,6 @@
 #include "mediadb/books/BookRenderer.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <exception>
@@ -17,6 +16,7 @@
 #include "base/resource/ResourceManager.h"
 #include "imagecache/thumbnails/ImageCache.h"
 #include "imagecache/thumbnails/ThumbnailMaker.h"
+#include "text/TextUtils.h"
 
 namespace qor::mediadb {
 
@@ -165,9 +165,7 @@ SvgFont fontOfStyle(std::string_view style) {
     while (start <= style.size()) {
         size_t end = style.find_first_of(" ,;\t", start);
         if (end == std::string_view::npos) end = style.size();
-        std::string word(style.substr(start, end - start));
-        std::transform(word.begin(), word.end(), word.begin(),
-                       [](unsigned char c) { return char(std::tolower(c)); });
+        const std::string word = text::downcase(style.substr(start, end - start));
         if (word == "title" || word == "bold")
             font.bold = true;
         else if (word == "italic")
